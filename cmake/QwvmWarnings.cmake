@@ -1,0 +1,10 @@
+# Warning and sanitizer flags shared by every target of the project.
+add_library(qwvm_flags INTERFACE)
+target_compile_options(qwvm_flags INTERFACE -Wall -Wextra)
+if(QWVM_WERROR)
+  target_compile_options(qwvm_flags INTERFACE -Werror)
+endif()
+if(QWVM_SANITIZE)
+  target_compile_options(qwvm_flags INTERFACE -fsanitize=${QWVM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(qwvm_flags INTERFACE -fsanitize=${QWVM_SANITIZE})
+endif()

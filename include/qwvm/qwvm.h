@@ -1,0 +1,12 @@
+/*
+ * qwvm/qwvm.h: the umbrella header. Including it gives the whole C API.
+ * See qwvm/qwlib.h for the conventions every function follows.
+ */
+#ifndef QWVM_QWVM_H
+#define QWVM_QWVM_H
+
+#include "qwvm/export.h"
+#include "qwvm/qwlib.h"
+#include "qwvm/qwfile.h"
+
+#endif /* QWVM_QWVM_H */

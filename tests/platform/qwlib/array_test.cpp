@@ -1,0 +1,119 @@
+// Growable arrays against a std::vector model.
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "support/test_support.h"
+
+namespace {
+
+TEST(GrowableArray, NullArrayIsEmptyAndFreeIsIdempotent) {
+  uint32_t *values = nullptr;
+  EXPECT_EQ(ArrayLength(values), 0u);
+  EXPECT_EQ(ArrayCapacity(values), 0u);
+  ArrayFree(values);
+  ASSERT_TRUE(ArrayInit(values, sizeof(uint32_t), 0));
+  EXPECT_EQ(ArrayLength(values), 0u);
+  ArrayFree(values);
+  EXPECT_EQ(values, nullptr);
+  ArrayFree(values);
+}
+
+TEST(GrowableArray, GrowZeroFillsAndGrowExactSetsCapacity) {
+  uint64_t *values = nullptr;
+  ASSERT_TRUE(ArrayInit(values, sizeof(uint64_t), 2));
+  ASSERT_TRUE(ArrayGrowExact(values, 5));
+  EXPECT_EQ(ArrayLength(values), 5u);
+  EXPECT_EQ(ArrayCapacity(values), 5u);
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(values[i], 0u);
+  values[4] = 99;
+  // Shrinking and growing again over old elements zeroes them.
+  ASSERT_TRUE(ArrayLengthSet(values, 2));
+  ASSERT_TRUE(ArrayLengthSet(values, 5));
+  EXPECT_EQ(values[4], 0u);
+  EXPECT_EQ(ArrayElementSize_(values), sizeof(uint64_t));
+  ArrayFree(values);
+}
+
+TEST(GrowableArray, RandomOperationsMatchVector) {
+  std::mt19937 random(12345);
+  uint32_t *values = nullptr;
+  std::vector<uint32_t> model;
+  ASSERT_TRUE(ArrayInit(values, sizeof(uint32_t), 1));
+  for (int step = 0; step < 20000; ++step) {
+    switch (random() % 4) {
+      case 0:
+      case 1: {
+        uint32_t value = random();
+        ASSERT_TRUE(ArrayAppend(values, value));
+        model.push_back(value);
+        break;
+      }
+      case 2: {
+        size_t length = random() % (model.size() + 20);
+        ASSERT_TRUE(ArrayLengthSet(values, length));
+        model.resize(length, 0);
+        break;
+      }
+      case 3: {
+        size_t add = random() % 7;
+        ASSERT_TRUE(ArrayGrow(values, add));
+        model.resize(model.size() + add, 0);
+        break;
+      }
+    }
+    ASSERT_EQ(ArrayLength(values), model.size());
+    ASSERT_GE(ArrayCapacity(values), ArrayLength(values));
+  }
+  for (size_t i = 0; i < model.size(); ++i) {
+    ASSERT_EQ(ArrayNth(values, i), model[i]) << i;
+  }
+  if (!model.empty()) {
+    EXPECT_EQ(ArrayLast(values), model.back());
+  }
+  ArrayFree(values);
+}
+
+TEST(GrowableArray, ElementsKeepSixteenByteAlignment) {
+  long double *values = nullptr;
+  ASSERT_TRUE(ArrayInit(values, sizeof(long double), 3));
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(values) % 16, 0u);
+  ArrayFree(values);
+}
+
+TEST(GrowableArray, ImpossibleSizeFailsWithAnErrorAndKeepsTheArray) {
+  uint64_t *values = nullptr;
+  ASSERT_TRUE(ArrayInit(values, sizeof(uint64_t), 1));
+  ASSERT_TRUE(ArrayAppend(values, uint64_t(42)));
+  EXPECT_FALSE(ArrayEnsureCapacity(values, SIZE_MAX / 4));
+  EXPECT_EQ(QWErrorCode(), 12);
+  EXPECT_EQ(ArrayLength(values), 1u);
+  EXPECT_EQ(values[0], 42u);
+  QWErrorClear();
+  ArrayFree(values);
+}
+
+TEST(Allocation, ZeroFilledAndStrdup) {
+  auto *bytes = static_cast<unsigned char *>(Allocate(64));
+  ASSERT_NE(bytes, nullptr);
+  for (int i = 0; i < 64; ++i) EXPECT_EQ(bytes[i], 0);
+  UnAllocate(bytes);
+  char *copy = Strdup("arena.new");
+  EXPECT_STREQ(copy, "arena.new");
+  UnAllocate(copy);
+}
+
+TEST(Sort, QSortPassesItsContext) {
+  std::vector<uint32_t> ids = {5, 1, 9, 3, 7};
+  std::vector<uint32_t> rank = {0, 40, 0, 10, 0, 50, 0, 30, 0, 20};  // sort by rank[id], descending
+  QSort(ids.data(), ids.size(), sizeof(uint32_t),
+        [](const void *a, const void *b, void *context) {
+          auto &r = *static_cast<std::vector<uint32_t> *>(context);
+          uint32_t ra = r[*static_cast<const uint32_t *>(a)], rb = r[*static_cast<const uint32_t *>(b)];
+          return ra < rb ? 1 : ra > rb ? -1 : 0;
+        },
+        &rank);
+  EXPECT_EQ(ids, (std::vector<uint32_t>{5, 1, 7, 9, 3}));
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+// Shared helpers of the test suites: a fresh temporary directory per test,
+// capture of library messages, and running a function in a child process
+// (for crash tests and death-by-exit checks).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "qwvm/qwvm.h"
+
+namespace qwtest {
+
+// Fixture: each test gets its own empty directory, removed afterwards.
+class TempDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  // Absolute path of the test's directory.
+  const std::string &dir() const { return dir_; }
+  // dir() + "/" + name.
+  std::string path(const std::string &name) const { return dir_ + "/" + name; }
+
+ private:
+  std::string dir_;
+};
+
+// One captured message.
+struct CapturedMessage {
+  int level;
+  std::string text;
+};
+
+// Installs a capturing message handler for its lifetime (restores the
+// previous one afterwards). Messages of every level are kept.
+class MessageCapture {
+ public:
+  MessageCapture();
+  ~MessageCapture();
+  MessageCapture(const MessageCapture &) = delete;
+  MessageCapture &operator=(const MessageCapture &) = delete;
+
+  std::vector<CapturedMessage> messages() const;
+  // True when some message has exactly this text (and this level, if given).
+  bool contains(const std::string &text, int level = 0) const;
+  void clear();
+
+ private:
+  QWMessageHandler previous_;
+  void *previousContext_;
+};
+
+// Result of a child process.
+struct ChildResult {
+  bool exited = false;  // ended by exit() rather than a signal
+  int exitStatus = -1;  // valid when exited
+  int signal = 0;       // valid when !exited
+  std::string out;      // everything the child wrote to stdout
+};
+
+// Forks; the child runs `body` and then _exit(0). The parent waits and
+// returns how the child ended and what it printed on stdout.
+ChildResult RunInChild(const std::function<void()> &body);
+
+// Reads a whole file into a string (empty when missing).
+std::string ReadFileBytes(const std::string &path);
+// Writes bytes to a file, replacing it.
+void WriteFileBytes(const std::string &path, const std::string &bytes);
+
+}  // namespace qwtest
