@@ -8,5 +8,8 @@
 #include "qwvm/export.h"
 #include "qwvm/qwlib.h"
 #include "qwvm/qwfile.h"
+#include "qwvm/qwutil.h"
+#include "qwvm/qwlog.h"
+#include "qwvm/qwcache.h"
 
 #endif /* QWVM_QWVM_H */

@@ -19,7 +19,16 @@ int main(void) {
     return 1;
   }
   QWErrorClear();
-  if (GetCurrentTimeMilliseconds() == 0) return 1;
+  if (GetCurrentTimeMilliseconds() == 0 || PageSize() == 0) return 1;
+  PageCache *cache = PageCacheNew(1 << 20, 8192);
+  QWStatus *status = StatusNew();
+  if (!cache || !status || PageCacheGetPageSize(cache) != 8192 || !StatusSetParameter(status, 99, 1) ||
+      StatusGetParameter(status, 99) != 1) {
+    fprintf(stderr, "page cache or status through the C API failed\n");
+    return 1;
+  }
+  StatusFree(status);
+  PageCacheFree(cache);
   puts("C API OK");
   return 0;
 }

@@ -1,0 +1,228 @@
+/*
+ * qwvm/qwlog.h: status files and the replication log.
+ *
+ * Conventions are those of qwvm/qwlib.h: 1 / non-NULL on success, 0 / NULL on
+ * failure with the calling thread's error chain set; whatever a ...New /
+ * ...Open / ...Read returns is the caller's until the matching ...Free /
+ * ...Close. Malformed files raise errors of class QW_ERROR_CLASS_DATA with
+ * code EBADMSG (74) and a message naming the file; I/O failures keep the
+ * system error of qwvm/qwfile.h. All file access goes through qwvm/qwfile.h.
+ */
+#ifndef QWVM_QWLOG_H
+#define QWVM_QWLOG_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "qwvm/export.h"
+
+QW_BEGIN_DECLS
+
+/* ------------------------------------------------------------------------ */
+/* Status files                                                              */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * A directory's status file `<dir>/status` keeps numbered unsigned 64-bit
+ * parameters (number 99: an arena commit is in progress; 98: a box store's
+ * bucket count). A parameter that was never set reads as 0.
+ *
+ * File format (text, so that `cat status` shows it):
+ *
+ *   qwvm status 1
+ *   98 4
+ *   99 0
+ *   end 2 3b1e9f2a
+ *
+ * The first line names the format and its version. Then one line per set
+ * parameter, "<number> <value>" in decimal, numbers strictly ascending. The
+ * last line is "end <count> <crc>": the number of parameter lines and the
+ * CRC-32C (8 lower-case hexadecimal digits) of every byte before the "end"
+ * line. Every line ends with "\n" and nothing follows the last one. Any
+ * deviation (bad syntax, numbers out of range or out of order, wrong count
+ * or checksum, missing end line) makes the file malformed.
+ *
+ * Writing is atomic: the new content goes to `<dir>/status.new`, which is
+ * synced and closed, renamed over `<dir>/status`, and the directory is
+ * synced. A crash at any moment leaves either the old or the new file. When
+ * `status` is missing but a valid `status.new` exists (a first write whose
+ * rename was lost), the reader uses `status.new`; a leftover `status.new`
+ * beside a `status` is stale and ignored (the next write replaces it).
+ * Writers of one process are serialised; a directory's status is written by
+ * one process at a time.
+ */
+typedef struct QWStatus QWStatus;
+
+/* A status with no parameter set. NULL with an error when memory runs out. */
+QW_API QWStatus *StatusNew(void);
+
+/* Frees a status (NULL is accepted). */
+QW_API void StatusFree(QWStatus *status);
+
+/*
+ * Reads the status file of `dir`.
+ * Returns the status, or NULL with an error:
+ *  - code 2 (class QW_ERROR_CLASS_SYSTEM) "no status file in \"<dir>\"" when
+ *    neither `status` nor a valid `status.new` exists;
+ *  - class QW_ERROR_CLASS_DATA, code EBADMSG, "malformed status file
+ *    \"<path>\": <reason>" when the file is garbled;
+ *  - the I/O error otherwise.
+ */
+QW_API QWStatus *StatusRead(const char *dir);
+
+/* StatusRead_ flag: a directory without a status file reads as an empty
+ * status instead of failing with code 2. */
+#define STATUS_READ_MISSING_OK 1u
+
+/* StatusRead with flags (STATUS_READ_...). */
+QW_API QWStatus *StatusRead_(const char *dir, uint32_t flags);
+
+/*
+ * Writes `status` as the status file of `dir` (which must exist), atomically
+ * as described above. Returns 1, or 0 with an error; the previous status
+ * file is then intact.
+ */
+QW_API int StatusWrite(const QWStatus *status, const char *dir);
+
+/* The value of parameter `number`, 0 when it is not set. */
+QW_API uint64_t StatusGetParameter(const QWStatus *status, uint32_t number);
+
+/* Sets parameter `number` to `value` (0 is stored as a set value). Returns 1,
+ * or 0 with an error when memory runs out. */
+QW_API int StatusSetParameter(QWStatus *status, uint32_t number, uint64_t value);
+
+/*
+ * Calls visit(context, number, value) for each set parameter in ascending
+ * number order; a zero return stops the walk. Returns 1 when the walk ended,
+ * 0 when visit stopped it.
+ */
+typedef int (*QWStatusVisitor)(void *context, uint32_t number, uint64_t value);
+QW_API int StatusEnumerate(const QWStatus *status, QWStatusVisitor visit, void *context);
+
+/* ------------------------------------------------------------------------ */
+/* Replication log                                                           */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * The replication log tells a replication agent which files a store created,
+ * changed or removed, so that it can copy them elsewhere. A store writes one
+ * record per event; a host process supplies the log (its own implementation
+ * through ReplicationLogNew, or the file-backed one below), and a NULL log
+ * disables logging in the stores.
+ *
+ * Record types written by the stores:
+ *   REPLICATION_FILE_CREATED (8)  path = the file; no list
+ *   REPLICATION_FILE_CHANGED (9)  path = the file; list = raw block ids
+ *                                 (units of the log's block size) that
+ *                                 changed, or no list when the file grew or
+ *                                 shrank as a whole
+ *   REPLICATION_FILE_REMOVED (10) path = the file; no list
+ * `a` and `b` are reserved by the stores (they pass 0) and carried as given.
+ * A list has at most REPLICATION_LOG_MAX_LIST entries; longer lists are sent
+ * as several records.
+ *
+ * Calls into an implementation are serialised by the log's mutex, so an
+ * implementation need not be thread-safe itself.
+ */
+#define REPLICATION_FILE_CREATED 8u
+#define REPLICATION_FILE_CHANGED 9u
+#define REPLICATION_FILE_REMOVED 10u
+#define REPLICATION_LOG_MAX_LIST 1024u
+#define REPLICATION_LOG_MAX_PATH 4096u
+
+typedef struct ReplicationLog ReplicationLog;
+
+/* An implementation. `self` is the implementation's own state. */
+typedef struct ReplicationLogOps {
+  /* Records one event; returns 1, or 0 with an error. */
+  int (*write)(void *self, uint32_t type, uint32_t a, uint32_t b, const char *path, const uint64_t *list,
+               uint32_t count);
+  /* The block size that list entries count in. */
+  uint32_t (*getBlockSize)(void *self);
+  /* Releases `self` at ReplicationLogClose; returns 1, or 0 with an error.
+   * May be NULL when there is nothing to release. */
+  int (*close)(void *self);
+} ReplicationLogOps;
+
+/*
+ * Wraps an implementation. `ops` is copied; `self` is passed to each call.
+ * Returns the log, or NULL with an error (code 22 when write or getBlockSize
+ * is missing; out of memory).
+ */
+QW_API ReplicationLog *ReplicationLogNew(const ReplicationLogOps *ops, void *self);
+
+/*
+ * Records one event.
+ *  type   REPLICATION_FILE_... (other types are carried as given).
+ *  a, b   reserved; carried as given.
+ *  path   the file concerned; NULL is recorded as "". At most
+ *         REPLICATION_LOG_MAX_PATH bytes.
+ *  list   `count` 64-bit ids (may be NULL when count is 0); count at most
+ *         REPLICATION_LOG_MAX_LIST.
+ * Returns 1, or 0 with an error (code 22 for a list or path over the limits;
+ * the implementation's error otherwise).
+ */
+QW_API int ReplicationLogWrite(ReplicationLog *log, uint32_t type, uint32_t a, uint32_t b, const char *path,
+                               const uint64_t *list, uint32_t count);
+
+/* The block size of the log (the unit of the ids in type 9 lists). */
+QW_API uint32_t ReplicationLogGetBlockSize(ReplicationLog *log);
+
+/* Releases the implementation (ops->close) and the log. NULL is accepted.
+ * Returns 1, or 0 with the implementation's error (the log is freed
+ * anyway). */
+QW_API int ReplicationLogClose(ReplicationLog *log);
+
+/*
+ * The file-backed replication log.
+ *
+ * File format (integers little-endian):
+ *   header, 16 bytes: "QWREPLOG" (8 bytes), version 1 (4 bytes), block size
+ *     (4 bytes)
+ *   records, each:
+ *     crc     4 bytes  CRC-32C of the next 4 + length bytes
+ *     length  4 bytes  size of the body
+ *     body:   type (4), a (4), b (4), path length p (4), count n (4),
+ *             path (p bytes, no NUL), n ids of 8 bytes
+ *   so length = 20 + p + 8n, with p <= REPLICATION_LOG_MAX_PATH and
+ *   n <= REPLICATION_LOG_MAX_LIST.
+ *
+ * Each record is handed to the operating system as it is written (it
+ * survives a crash of the process; a power loss can cut the end of the
+ * file). A record cut short or garbled at the end of the file is a torn
+ * tail: ReplicationLogFileOpen cuts it off (with a warning) before appending,
+ * and ReplicationLogFileRead reports it.
+ */
+
+/*
+ * Opens (creating when missing) the log file at `path` for appending.
+ * `blockSize` must match the block size of an existing file.
+ * Returns the log, or NULL with an error: code 22 for a block size of 0;
+ * class QW_ERROR_CLASS_DATA, code EBADMSG for an existing file with another
+ * header or block size; I/O errors.
+ */
+QW_API ReplicationLog *ReplicationLogFileOpen(const char *path, uint32_t blockSize);
+
+/*
+ * Reads the log file at `path` from the start and calls
+ * visit(context, type, a, b, path, list, count) for each valid record, in
+ * order (`path` and `list` are valid during the call only; `list` is NULL
+ * when count is 0). A zero return from visit stops the walk.
+ * Returns 1 when every record was read, 0 when visit stopped the walk or with
+ * an error: class QW_ERROR_CLASS_DATA, code EBADMSG, "replication log
+ * \"<path>\": torn record at offset <offset>" for a record cut short or
+ * failing its checksum or its layout (the records before it were visited),
+ * or a bad header; I/O errors.
+ */
+typedef int (*ReplicationLogVisitor)(void *context, uint32_t type, uint32_t a, uint32_t b, const char *path,
+                                     const uint64_t *list, uint32_t count);
+QW_API int ReplicationLogFileRead(const char *path, ReplicationLogVisitor visit, void *context);
+
+/* ReplicationLogFileRead that also stores the file's block size in
+ * *blockSize (may be NULL) once the header is read. */
+QW_API int ReplicationLogFileRead_(const char *path, uint32_t *blockSize, ReplicationLogVisitor visit,
+                                   void *context);
+
+QW_END_DECLS
+
+#endif /* QWVM_QWLOG_H */

@@ -1,0 +1,200 @@
+// The page cache behind qwvm/qwcache.h.
+//
+// Layout: one slab of page memory (frame i is the page at base + i * pageSize)
+// and one metadata record per frame. The frames are cut into shards of
+// consecutive frame numbers; a page belongs to the shard picked by the high
+// half of the hash of its key, and only that shard's frames ever hold it.
+// Each shard has its own mutex, index, free list, clock hand and counters, so
+// the hit path takes exactly one shard mutex and touches nothing global.
+//
+// A frame's state (guarded by its shard's mutex):
+//
+//   Free ---claim---> Loading ---SetValid / read---> Valid
+//    ^                  |  (dropped: released invalid,   | (evicted: unpinned,
+//    |                  |   or its read failed)          |  clean, not busy)
+//    +------------------+--------------------------------+
+//
+// Invariants (checked with qwassert_ where they can break):
+//  - A Free frame is on its shard's free list, has no pins and is in no index.
+//  - A Loading frame has exactly one pin, its loader's; other threads that
+//    want it wait on the shard's condition instead of pinning it.
+//  - A frame is in its shard's index exactly when it is Loading or Valid and
+//    not detached; the index holds each key at most once.
+//  - Pins are taken only under the shard mutex (by a lookup, on an indexed,
+//    Valid, not busy frame) and dropped without it. So a frame seen unpinned
+//    under the mutex stays unpinned until the mutex is released, and `state`
+//    and `key` of a pinned frame do not change until its last pin goes.
+//  - A detached frame (taken out of the index by invalidate or unregister
+//    while pinned) is never busy, evicted or flushed; whichever comes last of
+//    its final release and the detaching frees it (see Release).
+//  - A busy frame (ioBusy: its bytes are being written to the file outside
+//    the mutex) is Valid and not detached; nobody takes a new pin on it,
+//    evicts it or drops it until the write ends. Only the thread that set
+//    ioBusy clears it, and it clears `dirty` when it starts so that a holder
+//    changing the page meanwhile marks it dirty again.
+//  - A frame's shard number never changes, so Release finds the shard from
+//    the address alone.
+//
+// Memory order: a holder's writes to the page bytes happen before its release
+// (dirty is stored with release order, the pin dropped with acq_rel); the
+// evictor and flush read `pins` / exchange `dirty` with acquire order before
+// writing the bytes to the file.
+//
+// Lock order: a thread holds at most one shard mutex at a time, never the
+// files mutex together with a shard mutex, and no mutex during file I/O.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/qwcache/page_table.h"
+#include "qwvm/qwcache.h"
+
+namespace qw::cache {
+
+constexpr uint32_t kNoFrame = PageTable::kAbsent;
+constexpr uint32_t kMaxShards = 64;
+constexpr uint32_t kMinFramesPerShard = 32;
+constexpr uint32_t kPageNumberBits = 48;
+constexpr uint32_t kMaxFiles = PAGECACHE_INVALID_FILE;  // ids 0 .. 0xFFFE
+
+enum class FrameState : uint8_t { kFree, kLoading, kValid };
+
+struct Frame {
+  uint64_t key = 0;  // fileId << 48 | page number; meaningful unless Free
+  // Raised under the shard mutex, dropped lock-free by Release.
+  std::atomic<uint32_t> pins{0};
+  uint32_t shard = 0;
+  FrameState state = FrameState::kFree;
+  bool ioBusy = false;
+  // Set lock-free by Release; read and cleared under the shard mutex.
+  std::atomic<bool> dirty{false};
+  std::atomic<bool> keepLong{false};
+  std::atomic<uint8_t> credit{0};  // clock rounds the page survives unreferenced
+  // Set under the shard mutex, read lock-free by the last release.
+  std::atomic<bool> detached{false};
+  std::thread::id loader;  // the thread that claimed a Loading frame
+};
+
+struct ShardCounters {
+  uint64_t hits = 0;
+  uint64_t misses = 0;
+  uint64_t reads = 0;
+  uint64_t writes = 0;
+  uint64_t evictions = 0;
+};
+
+struct alignas(64) Shard {
+  std::mutex mutex;
+  // Signalled when a Loading frame becomes Valid or is dropped, when a
+  // write-back ends, and when pages are detached: waiters re-probe.
+  std::condition_variable changed;
+  uint32_t waiters = 0;
+  uint32_t firstFrame = 0;
+  uint32_t frameCount = 0;
+  uint32_t hand = 0;  // clock position, relative to firstFrame
+  std::vector<uint32_t> freeFrames;
+  PageTable table;
+  ShardCounters counters;
+};
+
+inline uint64_t MakeKey(uint16_t fileId, uint64_t pageNumber) {
+  return (uint64_t{fileId} << kPageNumberBits) | pageNumber;
+}
+inline uint16_t FileOfKey(uint64_t key) { return static_cast<uint16_t>(key >> kPageNumberBits); }
+inline uint64_t PageOfKey(uint64_t key) { return key & ((uint64_t{1} << kPageNumberBits) - 1); }
+
+// What an internal lookup found.
+enum class Found { kValid, kClaimed, kAbsent, kNoFrame, kFailed };
+
+struct SlabDeleter {
+  void operator()(std::byte *memory) const noexcept;
+};
+
+}  // namespace qw::cache
+
+// The opaque handle of the C interface.
+struct PageCache {
+ public:
+  // NULL with an error when the page size is invalid or memory runs out.
+  // `maxFiles` bounds the file table (tests use a small one).
+  static std::unique_ptr<PageCache> Create(uint64_t capacityBytes, uint32_t pageSize,
+                                           uint32_t maxFiles = qw::cache::kMaxFiles) noexcept;
+
+  uint32_t PageSizeBytes() const noexcept { return pageSize_; }
+  uint32_t RegisteredFileCount() noexcept;
+
+  // Files (page_files.cpp).
+  [[nodiscard]] uint16_t RegisterFile(QWFILE file) noexcept;
+  [[nodiscard]] int UnregisterFile(uint16_t fileId) noexcept;
+  [[nodiscard]] int FlushFile(uint16_t fileId) noexcept;
+  [[nodiscard]] int InvalidateFile(uint16_t fileId) noexcept;
+
+  // Page access (page_access.cpp).
+  [[nodiscard]] qw::cache::Found Lookup(uint16_t fileId, uint64_t offset, bool create, void **page) noexcept;
+  [[nodiscard]] int Read(uint16_t fileId, uint64_t offset, void **page) noexcept;
+  void SetValid(void *page) noexcept;
+  void Release(void *page, bool dirty, bool keep, bool keepLong) noexcept;
+  [[nodiscard]] int Prefetch(uint16_t fileId, uint64_t offset, uint64_t length) noexcept;
+
+  void GetStats(PageCacheStats *stats) noexcept;
+
+ private:
+  PageCache() = default;
+
+  // Argument checks shared by the page operations; raise code 22.
+  [[nodiscard]] bool CheckOffset(const char *function, uint64_t offset) const noexcept;
+  [[nodiscard]] QWFILE RegisteredFile(const char *function, uint16_t fileId) const noexcept;
+
+  std::byte *PageAddress(uint32_t frame) const noexcept {
+    return slab_.get() + (static_cast<size_t>(frame) << pageShift_);
+  }
+  uint32_t FrameOfAddress(const void *address) const noexcept;
+  uint64_t OffsetOfKey(uint64_t key) const noexcept { return qw::cache::PageOfKey(key) << pageShift_; }
+  qw::cache::Shard &ShardOfHash(uint64_t hash) noexcept { return shards_[(hash >> 32) & shardMask_]; }
+  QWFILE FileHandle(uint16_t fileId) const noexcept {
+    return fileId < maxFiles_ ? files_[fileId].load(std::memory_order_acquire) : QWFILE_INVALID;
+  }
+
+  // Shard-level steps; `lock` holds shard.mutex on entry and on return.
+  void Wait(qw::cache::Shard &shard, std::unique_lock<std::mutex> &lock) noexcept;
+  static void NotifyWaiters(qw::cache::Shard &shard) noexcept;
+  [[nodiscard]] uint32_t PickVictim(qw::cache::Shard &shard) noexcept;
+  [[nodiscard]] bool Evictable(const qw::cache::Frame &frame) const noexcept;
+  void TakeFrame(qw::cache::Shard &shard, uint32_t frame, uint64_t key, uint64_t hash) noexcept;
+  void FreeFrame(qw::cache::Shard &shard, uint32_t frame) noexcept;
+  void ReleaseLoading(uint32_t frame) noexcept;
+  void FreeIfDetachedAndUnpinned(uint32_t frame) noexcept;
+  [[nodiscard]] bool WriteBackVictim(qw::cache::Shard &shard, std::unique_lock<std::mutex> &lock,
+                                     uint32_t frame) noexcept;
+
+  // Reads the file into a Loading frame pinned by the caller and makes it
+  // Valid; on failure the frame stays Loading.
+  [[nodiscard]] bool LoadFrame(uint32_t frame, uint16_t fileId, uint64_t offset) noexcept;
+
+  // Flush and drop of one shard (page_files.cpp).
+  [[nodiscard]] bool FlushShard(qw::cache::Shard &shard, uint16_t fileId, QWFILE file) noexcept;
+  uint32_t DropShardPages(qw::cache::Shard &shard, uint16_t fileId) noexcept;
+
+  uint32_t pageSize_ = 0;
+  uint32_t pageShift_ = 0;
+  uint64_t pageCount_ = 0;
+  uint32_t shardCount_ = 0;
+  uint32_t shardMask_ = 0;
+  std::unique_ptr<std::byte, qw::cache::SlabDeleter> slab_;
+  std::unique_ptr<qw::cache::Frame[]> frames_;
+  std::unique_ptr<qw::cache::Shard[]> shards_;
+
+  // File table: slot i holds the handle registered as id i (QWFILE_INVALID
+  // when free). Written under filesMutex_, read lock-free by the miss path.
+  std::mutex filesMutex_;
+  uint32_t maxFiles_ = 0;
+  uint32_t registeredFiles_ = 0;
+  std::unique_ptr<std::atomic<QWFILE>[]> files_;
+};

@@ -1,0 +1,261 @@
+// The page cache under real threads: pages loaded once however many threads
+// want them, claimed pages waited for, write-back under eviction pressure,
+// flush and invalidation racing with readers, failing loads with waiters.
+// CI runs these suites again under ThreadSanitizer.
+#include <atomic>
+#include <barrier>
+#include <mutex>
+#include <random>
+#include <shared_mutex>
+#include <thread>
+
+#include "pagecache_fixture.h"
+
+namespace qwtest {
+namespace {
+
+class PageCacheConcurrency : public PageCacheTest {
+ protected:
+  // Runs body(t) on `count` threads and waits for them.
+  template <typename Body>
+  static void RunThreads(int count, Body body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+    for (std::thread &thread : threads) thread.join();
+  }
+};
+
+TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
+  MakeCache(64);
+  const int threads = 6, rounds = 32;
+  size_t f = AddFile("data", rounds * kPage, 3);
+  std::barrier start(threads);
+  std::atomic<int> wrong{0};
+  std::vector<void *> seen(threads * rounds);
+  RunThreads(threads, [&](int t) {
+    for (int r = 0; r < rounds; ++r) {
+      start.arrive_and_wait();
+      void *page = nullptr;
+      if (!PageCacheRead(cache_, Id(f), uint64_t(r) * kPage, &page) ||
+          Bytes(page) != Pattern(3, uint64_t(r) * kPage, kPage))
+        ++wrong;
+      seen[t * rounds + r] = page;
+      if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
+  for (int r = 0; r < rounds; ++r)
+    for (int t = 1; t < threads; ++t) EXPECT_EQ(seen[t * rounds + r], seen[r]);
+  PageCacheStats stats = Stats();
+  EXPECT_EQ(stats.reads, uint64_t(rounds));
+  EXPECT_EQ(stats.misses, uint64_t(rounds));
+  EXPECT_EQ(stats.hits, uint64_t(rounds) * (threads - 1));
+  EXPECT_EQ(stats.pinned, 0u);
+}
+
+TEST_F(PageCacheConcurrency, ClaimedPageIsWaitedFor) {
+  MakeCache(8);
+  size_t f = AddFile("data", 4 * kPage, 1);
+  for (bool fill : {true, false}) {
+    SCOPED_TRACE(fill);
+    const uint64_t offset = fill ? kPage : 2 * kPage;
+    PageCacheStats before = Stats();
+    int valid = -2;
+    void *claimed = PageCacheLookup(cache_, Id(f), offset, 1, &valid);
+    ASSERT_NE(claimed, nullptr);
+    ASSERT_EQ(valid, 0);
+    std::string got;
+    std::thread reader([&] {
+      void *page = nullptr;
+      if (PageCacheRead(cache_, Id(f), offset, &page)) {
+        got = Bytes(page);
+        PageCacheRelease(cache_, page, 0, 0, 0);
+      }
+    });
+    if (fill) {
+      // The reader gets the claimer's bytes, never the file's.
+      std::memset(claimed, 'c', kPage);
+      PageCacheSetValid(cache_, claimed);
+      PageCacheRelease(cache_, claimed, 1, 0, 0);
+    } else {
+      // Dropped unfilled: the reader loads the page itself.
+      PageCacheRelease(cache_, claimed, 0, 0, 0);
+    }
+    reader.join();
+    EXPECT_EQ(got, fill ? std::string(kPage, 'c') : Pattern(1, offset, kPage));
+    EXPECT_EQ(Stats().reads - before.reads, fill ? 0u : 1u);
+  }
+}
+
+// Four threads read and write their own pages of three files through a cache
+// a third of the files' size, while a fifth flushes; the flusher excludes
+// writers the way the arena's flush lock does. Every read is checked against
+// the model, and the files against it at the end.
+TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
+  MakeCache(64);
+  const int threads = 4, files = 3;
+  const uint64_t pages = 64;
+  std::vector<std::string> model;
+  for (int i = 0; i < files; ++i) {
+    AddFile("f" + std::to_string(i), pages * kPage, uint32_t(i));
+    model.push_back(Pattern(uint32_t(i), 0, pages * kPage));
+  }
+  std::shared_mutex flushLock;
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  std::thread flusher([&] {
+    std::mt19937 random(7);
+    while (!done.load()) {
+      std::unique_lock<std::shared_mutex> exclusive(flushLock);
+      if (!PageCacheFlushFile(cache_, Id(random() % files))) ++failures;
+    }
+  });
+  RunThreads(threads, [&](int t) {
+    std::mt19937 random(1000 + t);
+    for (int step = 0; step < 3000; ++step) {
+      size_t f = random() % files;
+      uint64_t p = (random() % (pages / threads)) * threads + uint64_t(t);  // this thread's pages
+      std::string &bytes = model[f];
+      std::shared_lock<std::shared_mutex> shared(flushLock);
+      void *page = nullptr;
+      if (!PageCacheRead(cache_, Id(f), p * kPage, &page)) {
+        ++failures;
+        continue;
+      }
+      if (Bytes(page) != bytes.substr(p * kPage, kPage)) ++failures;
+      bool write = random() % 2 == 0;
+      if (write) {
+        size_t at = random() % (kPage - 64);
+        for (size_t i = 0; i < 64; ++i) {
+          char byte = static_cast<char>(random());
+          static_cast<char *>(page)[at + i] = byte;
+          bytes[p * kPage + at + i] = byte;
+        }
+      }
+      PageCacheRelease(cache_, page, write, 0, 0);
+    }
+  });
+  done = true;
+  flusher.join();
+  EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
+  EXPECT_GT(Stats().evictions, 0u);
+  for (int f = 0; f < files; ++f) {
+    ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
+    EXPECT_EQ(Disk(f, 0, pages * kPage), model[f]);
+  }
+}
+
+// Threads share one page, serialising their changes with their own lock, and
+// churn through other pages of an 8-page cache, so that now and then the
+// shared page is evicted, written back and read again (tens of times a run).
+TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
+  MakeCache(8);
+  const int threads = 4, increments = 1500;
+  size_t f = AddFile("data", 64 * kPage, 2);
+  DiskWrite(f, 0, std::string(kPage, '\0'));
+  std::mutex pageLock;
+  std::atomic<int> failures{0};
+  RunThreads(threads, [&](int t) {
+    std::mt19937 random(50 + t);
+    for (int i = 0; i < increments; ++i) {
+      void *page = nullptr;
+      if (!PageCacheRead(cache_, Id(f), 0, &page)) {
+        ++failures;
+        continue;
+      }
+      {
+        std::lock_guard<std::mutex> lock(pageLock);
+        static_cast<uint64_t *>(page)[t] += 1;
+      }
+      PageCacheRelease(cache_, page, 1, 0, 0);
+      uint64_t other = 1 + random() % 63;
+      page = nullptr;
+      if (!PageCacheRead(cache_, Id(f), other * kPage, &page)) {
+        ++failures;
+        continue;
+      }
+      if (Bytes(page) != Pattern(2, other * kPage, kPage)) ++failures;
+      PageCacheRelease(cache_, page, 0, 0, 0);
+    }
+  });
+  EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
+  ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
+  std::string disk = Disk(f, 0);
+  for (int t = 0; t < threads; ++t) {
+    uint64_t count = 0;
+    std::memcpy(&count, disk.data() + t * sizeof count, sizeof count);
+    EXPECT_EQ(count, uint64_t(increments));
+  }
+  // Only the shared page is ever dirty: more than the final flush wrote it.
+  EXPECT_GT(Stats().writes, 1u);
+}
+
+// Readers check a file that never changes while other threads keep
+// invalidating, prefetching and flushing it: pages detached or dropped under
+// them must never show wrong bytes or leak pins.
+TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
+  MakeCache(64);
+  const uint64_t pages = 48;
+  size_t f = AddFile("data", pages * kPage, 9);
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  std::thread disturber([&] {
+    std::mt19937 random(3);
+    while (!done.load()) {
+      uint64_t first = random() % pages;
+      if (!PageCacheInvalidateFile(cache_, Id(f)) ||
+          !PageCachePrefetch(cache_, Id(f), first * kPage, (1 + random() % 8) * kPage) ||
+          !PageCacheFlushFile(cache_, Id(f)))
+        ++failures;
+    }
+  });
+  RunThreads(3, [&](int t) {
+    std::mt19937 random(500 + t);
+    for (int i = 0; i < 4000; ++i) {
+      uint64_t p = random() % pages;
+      void *page = nullptr;
+      if (!PageCacheRead(cache_, Id(f), p * kPage, &page)) {
+        ++failures;
+        continue;
+      }
+      if (Bytes(page) != Pattern(9, p * kPage, kPage)) ++failures;
+      PageCacheRelease(cache_, page, 0, random() % 2, 0);
+    }
+  });
+  done = true;
+  disturber.join();
+  EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
+  PageCacheStats stats = Stats();
+  EXPECT_EQ(stats.pinned, 0u);
+  EXPECT_LE(stats.resident, pages);
+  // Every page detached under a reader was freed by whichever came last, the
+  // reader's release or the invalidation: none is left behind.
+  ASSERT_EQ(PageCacheInvalidateFile(cache_, Id(f)), 1);
+  EXPECT_EQ(Stats().resident, 0u);
+}
+
+// A load that fails wakes the threads waiting for the page; each of them
+// then tries (and here fails) on its own, and no page is left behind.
+TEST_F(PageCacheConcurrency, FailingLoadWakesWaiters) {
+  MakeCache(8);
+  const int threads = 4;
+  size_t f = AddFile("data", 4 * kPage, 5);
+  qw::fault::FailPath("data", qw::fault::Bit(qw::fault::Op::Read));
+  std::barrier start(threads);
+  std::atomic<int> failed{0};
+  RunThreads(threads, [&](int) {
+    start.arrive_and_wait();
+    void *page = nullptr;
+    if (!PageCacheRead(cache_, Id(f), kPage, &page) && page == nullptr && QWErrorCode() == 5) ++failed;
+    if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+  });
+  EXPECT_EQ(failed.load(), threads);
+  EXPECT_EQ(Stats().resident, 0u);
+  qw::fault::Disable();
+  void *page = ReadPage(f, kPage);
+  EXPECT_EQ(Bytes(page), Pattern(5, kPage, kPage));
+  PageCacheRelease(cache_, page, 0, 0, 0);
+}
+
+}  // namespace
+}  // namespace qwtest

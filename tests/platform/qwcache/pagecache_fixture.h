@@ -1,0 +1,129 @@
+// Shared fixture of the page cache tests: a cache, files filled with a
+// reproducible pattern and registered in it, and direct (uncached) access to
+// the files' bytes for checking what reached the disk.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/qwlib/fault.h"
+#include "support/test_support.h"
+
+namespace qwtest {
+
+constexpr uint32_t kPage = 8192;
+
+// The byte at `position` of the pattern numbered `seed`.
+inline char PatternByte(uint32_t seed, uint64_t position) {
+  uint64_t x = (position + 1) * 0x9E3779B97F4A7C15ULL + seed * 0xD1B54A32D192ED03ULL;
+  x ^= x >> 29;
+  return static_cast<char>(x & 0xFF);
+}
+
+inline std::string Pattern(uint32_t seed, uint64_t offset, size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = PatternByte(seed, offset + i);
+  return bytes;
+}
+
+inline std::string Bytes(const void *page, size_t size = kPage) {
+  return std::string(static_cast<const char *>(page), size);
+}
+
+class PageCacheTest : public TempDirTest {
+ protected:
+  struct File {
+    std::string path;
+    QWFILE handle = QWFILE_INVALID;
+    uint16_t id = PAGECACHE_INVALID_FILE;
+  };
+
+  void TearDown() override {
+    qw::fault::Disable();
+    for (File &file : files_) {
+      if (cache_ && file.id != PAGECACHE_INVALID_FILE) {
+        EXPECT_EQ(PageCacheUnregisterFile(cache_, file.id), 1);
+      }
+      QWFileClose(file.handle);
+    }
+    PageCacheFree(cache_);
+    TempDirTest::TearDown();
+  }
+
+  void MakeCache(uint64_t pages, uint32_t pageSize = kPage) {
+    cache_ = PageCacheNew(pages * pageSize, pageSize);
+    ASSERT_NE(cache_, nullptr) << QWErrorMessage();
+  }
+
+  // Creates `name` holding `size` bytes of pattern `seed`, opens it read-write
+  // and registers it. Returns the index in files_.
+  size_t AddFile(const std::string &name, uint64_t size, uint32_t seed) {
+    File file;
+    file.path = path(name);
+    WriteFileBytes(file.path, Pattern(seed, 0, size));
+    EXPECT_EQ(QWFileOpen(&file.handle, file.path.c_str(), QWFILE_READ | QWFILE_WRITE), 1) << QWErrorMessage();
+    file.id = PageCacheRegisterFile(cache_, file.handle);
+    EXPECT_NE(file.id, PAGECACHE_INVALID_FILE) << QWErrorMessage();
+    files_.push_back(file);
+    return files_.size() - 1;
+  }
+
+  uint16_t Id(size_t index) const { return files_[index].id; }
+
+  // Unregisters the file and forgets its id (the handle stays open).
+  void Unregister(size_t index) {
+    ASSERT_EQ(PageCacheUnregisterFile(cache_, files_[index].id), 1) << QWErrorMessage();
+    files_[index].id = PAGECACHE_INVALID_FILE;
+  }
+
+  // The file's bytes as the disk has them, bypassing the cache.
+  std::string Disk(size_t index, uint64_t offset, size_t size = kPage) const {
+    std::string bytes(size, '\0');
+    int fd = ::open(files_[index].path.c_str(), O_RDONLY);
+    EXPECT_GE(fd, 0);
+    ssize_t got = ::pread(fd, bytes.data(), size, static_cast<off_t>(offset));
+    ::close(fd);
+    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return bytes;
+  }
+
+  // Changes the file underneath the cache.
+  void DiskWrite(size_t index, uint64_t offset, const std::string &bytes) const {
+    int fd = ::open(files_[index].path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)),
+              static_cast<ssize_t>(bytes.size()));
+    ::close(fd);
+  }
+
+  PageCacheStats Stats() const {
+    PageCacheStats stats;
+    EXPECT_EQ(PageCacheGetStats(cache_, &stats), 1);
+    return stats;
+  }
+
+  // Reads a page through the cache, pinned; fails the test on error.
+  void *ReadPage(size_t index, uint64_t offset) {
+    void *page = nullptr;
+    EXPECT_EQ(PageCacheRead(cache_, files_[index].id, offset, &page), 1) << QWErrorMessage();
+    return page;
+  }
+
+  // Overwrites a whole page through the cache and releases it dirty.
+  void WritePage(size_t index, uint64_t offset, const std::string &bytes) {
+    void *page = ReadPage(index, offset);
+    ASSERT_NE(page, nullptr);
+    std::memcpy(page, bytes.data(), kPage);
+    PageCacheRelease(cache_, page, 1, 0, 0);
+  }
+
+  PageCache *cache_ = nullptr;
+  std::vector<File> files_;
+};
+
+}  // namespace qwtest

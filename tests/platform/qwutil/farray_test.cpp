@@ -1,0 +1,323 @@
+// FArray core: growth, element access, ranges and walks against a
+// std::vector model; allocator calls; argument checks.
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "support/test_support.h"
+
+namespace {
+
+// Frees the array at scope exit so that a failing assertion does not leak.
+struct ScopedFArray {
+  FArray array{};
+  ~ScopedFArray() { EXPECT_EQ(FArrayFree(&array), 1); }
+};
+
+uint64_t ElementAt(const FArray *array, uint64_t index) {
+  uint64_t value = 0;
+  std::memcpy(&value, FArrayNth(array, index), array->elementSize);
+  return value;
+}
+
+void ExpectEqualsModel(const FArray *array, const std::vector<uint64_t> &model) {
+  ASSERT_EQ(FArrayLength(array), model.size());
+  for (uint64_t i = 0; i < model.size(); ++i) ASSERT_EQ(ElementAt(array, i), model[i]) << "index " << i;
+}
+
+TEST(FArray, InitRejectsBadGeometry) {
+  struct Case {
+    uint32_t elementSize, chunkEntries;
+    bool ok;
+  };
+  const Case cases[] = {{8, 256, true}, {1, 1, true}, {8192, 8, true}, {0, 256, false},
+                        {4, 0, false},  {4, 3, false}, {4, 384, false}};
+  for (const Case &c : cases) {
+    FArray array;
+    std::memset(&array, 0xA5, sizeof array);
+    QWErrorClear();
+    EXPECT_EQ(FArrayInit_(&array, c.elementSize, c.chunkEntries, nullptr), c.ok ? 1 : 0)
+        << c.elementSize << " x " << c.chunkEntries;
+    if (c.ok) {
+      EXPECT_EQ(FArrayLength(&array), 0u);
+      EXPECT_EQ(FArrayCapacity(&array), 0u);
+      EXPECT_EQ(FArrayFree(&array), 1);
+    } else {
+      EXPECT_EQ(QWErrorCode(), 22);
+      EXPECT_EQ(array.initialised, 0u);
+    }
+  }
+  FArrayAllocator incomplete{};
+  FArray array;
+  EXPECT_EQ(FArrayInit_(&array, 4, 16, &incomplete), 0);
+  EXPECT_EQ(QWErrorCode(), 22);
+}
+
+TEST(FArray, FreeAndClearOfZeroedArrayAreNoOps) {
+  FArray array{};
+  EXPECT_EQ(FArrayFree(&array), 1);
+  EXPECT_EQ(FArrayClear(&array), 1);
+  ASSERT_EQ(FArrayInit_(&array, 4, 4, nullptr), 1);
+  ASSERT_EQ(FArrayLengthSet_(&array, 9), 1);
+  EXPECT_EQ(FArrayClear(&array), 1);
+  EXPECT_EQ(FArrayLength(&array), 0u);
+  EXPECT_EQ(FArrayCapacity(&array), 0u);
+  EXPECT_EQ(array.initialised, 1u);  // still usable after a clear
+  ASSERT_EQ(FArrayAdd_(&array, 1, nullptr), 1);
+  EXPECT_EQ(ElementAt(&array, 0), 0u);
+  EXPECT_EQ(FArrayFree(&array), 1);
+  EXPECT_EQ(array.initialised, 0u);
+  EXPECT_EQ(FArrayFree(&array), 1);
+}
+
+// Random appends, truncations, regrowth and writes for several geometries,
+// checked against a vector after every step: growth zero-fills even where
+// a chunk held old values, and addresses never move.
+TEST(FArray, RandomOperationsMatchVectorModel) {
+  struct Geometry {
+    uint32_t elementSize, chunkEntries;
+  };
+  for (const Geometry g : {Geometry{1, 1}, Geometry{2, 4}, Geometry{4, 256}, Geometry{8, 8}, Geometry{8, 64}}) {
+    SCOPED_TRACE(testing::Message() << g.elementSize << " x " << g.chunkEntries);
+    std::mt19937_64 random(42 + g.elementSize * 1000 + g.chunkEntries);
+    const uint64_t valueMask = g.elementSize == 8 ? ~0ull : (1ull << (8 * g.elementSize)) - 1;
+    ScopedFArray holder;
+    FArray *array = &holder.array;
+    ASSERT_EQ(FArrayInit_(array, g.elementSize, g.chunkEntries, nullptr), 1);
+    std::vector<uint64_t> model;
+    std::vector<std::pair<uint64_t, void *>> addresses;  // index -> address seen earlier
+    for (int step = 0; step < 3000; ++step) {
+      switch (random() % 5) {
+        case 0: {  // append
+          const uint64_t count = random() % (3 * g.chunkEntries + 2);
+          uint64_t first = 12345;
+          ASSERT_EQ(FArrayAdd_(array, count, &first), 1);
+          EXPECT_EQ(first, model.size());
+          model.resize(model.size() + count, 0);
+          break;
+        }
+        case 1: {  // set length, mostly shrinking
+          const uint64_t length = model.empty() ? random() % 10 : random() % (model.size() + 10);
+          ASSERT_EQ(FArrayLengthSet_(array, length), 1);
+          model.resize(length, 0);
+          break;
+        }
+        case 2:
+        case 3: {  // write some elements
+          for (int k = 0; k < 10 && !model.empty(); ++k) {
+            const uint64_t index = random() % model.size();
+            const uint64_t value = random() & valueMask;
+            std::memcpy(FArrayNth(array, index), &value, g.elementSize);
+            model[index] = value;
+            if (addresses.size() < 64) addresses.emplace_back(index, FArrayNth(array, index));
+          }
+          break;
+        }
+        case 4: {  // capacity never loses elements
+          ASSERT_EQ(FArrayEnsureCapacity_(array, model.size() + random() % 100), 1);
+          EXPECT_GE(FArrayCapacity(array), model.size());
+          break;
+        }
+      }
+      ASSERT_NO_FATAL_FAILURE(ExpectEqualsModel(array, model));
+      EXPECT_EQ(FArrayCapacity(array) % g.chunkEntries, 0u);
+    }
+    for (const auto &[index, address] : addresses) {
+      if (index < FArrayLength(array)) {
+        EXPECT_EQ(FArrayNth(array, index), address);
+      }
+    }
+  }
+}
+
+struct Piece {
+  uint64_t first;
+  uint32_t n;
+  void *elements;
+};
+
+struct ExecRecorder {
+  std::vector<Piece> pieces;
+  size_t stopAfter = SIZE_MAX;
+};
+
+int RecordPiece(void *context, void *elements, uint32_t n, uint64_t firstIndex) {
+  auto *recorder = static_cast<ExecRecorder *>(context);
+  recorder->pieces.push_back({firstIndex, n, elements});
+  return recorder->pieces.size() < recorder->stopAfter ? 1 : 0;
+}
+
+// Ranges and walks across chunk boundaries: every piece is the right slice
+// of one chunk, pieces tile the range exactly, and a walk stops at the
+// first zero from its callback.
+TEST(FArray, RangeAndExecAcrossChunkBoundaries) {
+  ScopedFArray holder;
+  FArray *array = &holder.array;
+  ASSERT_EQ(FArrayInit_(array, 4, 8, nullptr), 1);
+  ASSERT_EQ(FArrayAdd_(array, 37, nullptr), 1);
+  for (uint32_t i = 0; i < 37; ++i) *static_cast<uint32_t *>(FArrayNth(array, i)) = i * 3;
+
+  struct RangeCase {
+    uint64_t start, count;
+    uint32_t available;
+  };
+  const RangeCase ranges[] = {{0, 37, 8}, {0, 3, 3}, {5, 10, 3}, {7, 1, 1}, {8, 30 - 1, 8}, {36, 1, 1}, {33, 4, 4}};
+  for (const RangeCase &r : ranges) {
+    uint32_t available = 0;
+    auto *p = static_cast<uint32_t *>(FArrayRange_(array, r.start, r.count, &available));
+    EXPECT_EQ(available, r.available) << r.start << "+" << r.count;
+    for (uint32_t k = 0; k < available; ++k) EXPECT_EQ(p[k], (r.start + k) * 3);
+  }
+
+  for (uint64_t start = 0; start <= 37; ++start) {
+    for (uint64_t count = 0; start + count <= 37; count += 3) {
+      ExecRecorder recorder;
+      ASSERT_EQ(FArrayExec_(array, start, count, RecordPiece, &recorder), 1);
+      uint64_t next = start;
+      for (const Piece &piece : recorder.pieces) {
+        EXPECT_EQ(piece.first, next);
+        EXPECT_GE(piece.n, 1u);
+        EXPECT_LE(piece.first % 8 + piece.n, 8u) << "a piece crosses a chunk";
+        EXPECT_EQ(piece.elements, FArrayNth(array, piece.first));
+        next += piece.n;
+      }
+      EXPECT_EQ(next, start + count);
+    }
+  }
+
+  ExecRecorder stopping;
+  stopping.stopAfter = 2;
+  EXPECT_EQ(FArrayExec_(array, 3, 30, RecordPiece, &stopping), 0);
+  ASSERT_EQ(stopping.pieces.size(), 2u);
+  EXPECT_EQ(stopping.pieces[0].first, 3u);
+  EXPECT_EQ(stopping.pieces[0].n, 5u);
+  EXPECT_EQ(stopping.pieces[1].first, 8u);
+}
+
+// A caller's allocator: one allocate per chunk, every chunk released at
+// clear/free with its size, and a failing allocation leaves the array as it
+// was.
+struct CountingAllocator {
+  int allocations = 0;
+  int releases = 0;
+  int failAt = -1;  // allocation number that fails
+  int failRelease = -1;
+  bool fillGarbage = false;
+  std::vector<void *> live;
+  size_t lastBytes = 0;
+};
+
+void *CountingAllocate(void *context, size_t bytes) {
+  auto *a = static_cast<CountingAllocator *>(context);
+  if (a->allocations++ == a->failAt) {
+    QWErrorThrow(12, QW_ERROR_CLASS_SYSTEM, "test allocator refuses");
+    return nullptr;
+  }
+  a->lastBytes = bytes;
+  void *chunk = ::operator new(bytes);
+  std::memset(chunk, a->fillGarbage ? 0xEE : 0, bytes);
+  a->live.push_back(chunk);
+  return chunk;
+}
+
+int CountingRelease(void *context, void *chunk, size_t bytes) {
+  auto *a = static_cast<CountingAllocator *>(context);
+  EXPECT_EQ(bytes, a->lastBytes);
+  auto it = std::find(a->live.begin(), a->live.end(), chunk);
+  EXPECT_NE(it, a->live.end()) << "released a chunk that was not allocated";
+  if (it != a->live.end()) a->live.erase(it);
+  ::operator delete(chunk);
+  if (a->releases++ == a->failRelease) return QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "test release fails");
+  return 1;
+}
+
+TEST(FArray, CustomAllocatorCalledPerChunk) {
+  for (bool zeroed : {true, false}) {
+    SCOPED_TRACE(zeroed ? "zeroed allocator" : "garbage allocator");
+    CountingAllocator counter;
+    counter.fillGarbage = !zeroed;
+    const FArrayAllocator allocator{CountingAllocate, CountingRelease, &counter,
+                                    zeroed ? FARRAY_ALLOCATOR_ZEROED : 0u};
+    FArray array;
+    ASSERT_EQ(FArrayInit_(&array, 8192, 8, &allocator), 1);
+    ASSERT_EQ(FArrayAdd_(&array, 1, nullptr), 1);
+    EXPECT_EQ(counter.allocations, 1);
+    EXPECT_EQ(counter.lastBytes, 65536u);
+    ASSERT_EQ(FArrayAdd_(&array, 7, nullptr), 1);
+    EXPECT_EQ(counter.allocations, 1);
+    ASSERT_EQ(FArrayAdd_(&array, 1, nullptr), 1);
+    EXPECT_EQ(counter.allocations, 2);
+    // Elements read as zero whatever the allocator returned.
+    for (uint64_t i = 0; i < FArrayLength(&array); ++i) {
+      const auto *bytes = static_cast<const unsigned char *>(FArrayNth(&array, i));
+      EXPECT_EQ(std::count(bytes, bytes + 8192, 0), 8192) << "element " << i;
+    }
+    // Dirty an element, shrink, regrow: it must come back zeroed.
+    std::memset(FArrayNth(&array, 5), 0x77, 8192);
+    ASSERT_EQ(FArrayLengthSet_(&array, 2), 1);
+    ASSERT_EQ(FArrayLengthSet_(&array, 9), 1);
+    EXPECT_EQ(static_cast<unsigned char *>(FArrayNth(&array, 5))[100], 0);
+    EXPECT_EQ(counter.allocations, 2);
+
+    ASSERT_EQ(FArrayEnsureCapacity_(&array, 8 * 5), 1);
+    EXPECT_EQ(counter.allocations, 5);
+    EXPECT_EQ(FArrayLength(&array), 9u);
+    EXPECT_EQ(FArrayFree(&array), 1);
+    EXPECT_EQ(counter.releases, 5);
+    EXPECT_TRUE(counter.live.empty());
+  }
+}
+
+TEST(FArray, AllocatorFailuresAreReported) {
+  CountingAllocator counter;
+  counter.failAt = 2;
+  const FArrayAllocator allocator{CountingAllocate, CountingRelease, &counter, FARRAY_ALLOCATOR_ZEROED};
+  FArray array;
+  ASSERT_EQ(FArrayInit_(&array, 4, 4, &allocator), 1);
+  ASSERT_EQ(FArrayAdd_(&array, 6, nullptr), 1);
+  uint64_t first = 99;
+  EXPECT_EQ(FArrayAdd_(&array, 10, &first), 0);
+  EXPECT_EQ(first, 99u);
+  EXPECT_EQ(QWErrorCode(), 12);
+  EXPECT_NE(std::string(QWErrorMessage()).find("test allocator refuses"), std::string::npos);
+  EXPECT_EQ(FArrayLength(&array), 6u);  // unchanged on failure
+  counter.failAt = counter.allocations + 3;  // fails part-way through the growth
+  EXPECT_EQ(FArrayLengthSet_(&array, 100), 0);
+  EXPECT_EQ(FArrayLength(&array), 6u);
+  ASSERT_EQ(FArrayAdd_(&array, 10, &first), 1);  // the allocator recovers
+  EXPECT_EQ(first, 6u);
+
+  // A failing release is reported, yet every chunk is released.
+  counter.failRelease = 0;
+  const int chunks = int(counter.live.size());
+  EXPECT_EQ(uint64_t(chunks), array.chunkCount);
+  EXPECT_EQ(FArrayFree(&array), 0);
+  EXPECT_EQ(QWErrorCode(), 5);
+  EXPECT_EQ(counter.releases, chunks);
+  EXPECT_TRUE(counter.live.empty());
+  EXPECT_EQ(array.initialised, 0u);
+}
+
+TEST(FArray, UnaddressableCapacityFailsCleanly) {
+  ScopedFArray holder;
+  ASSERT_EQ(FArrayInit_(&holder.array, 8, 256, nullptr), 1);
+  EXPECT_EQ(FArrayEnsureCapacity_(&holder.array, UINT64_MAX / 4), 0);
+  EXPECT_EQ(QWErrorCode(), 12);
+  EXPECT_EQ(FArrayAdd_(&holder.array, UINT64_MAX, nullptr), 0);
+  EXPECT_EQ(FArrayLength(&holder.array), 0u);
+}
+
+TEST(FArrayDeathTest, OutOfRangeAccessAsserts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  FArray array;
+  ASSERT_EQ(FArrayInit_(&array, 4, 8, nullptr), 1);
+  ASSERT_EQ(FArrayAdd_(&array, 10, nullptr), 1);
+  uint32_t available = 0;
+  EXPECT_DEATH(FArrayNth(&array, 10), "index < array->length");
+  EXPECT_DEATH(FArrayRange_(&array, 8, 3, &available), "count <= array->length - start");
+  EXPECT_DEATH(FArrayExec_(&array, 11, 0, RecordPiece, nullptr), "start <= array->length");
+  EXPECT_EQ(FArrayFree(&array), 1);
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+// Packed integer arrays and scalars over a file channel.
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+#include "util/packed.h"
+
+namespace {
+
+class Packed : public qwtest::TempDirTest {
+ protected:
+  QWChannel *Open(const char *mode) {
+    QWChannel *channel = ChannelNew(0);
+    EXPECT_TRUE(ChannelOpenFile(channel, path("p").c_str(), mode)) << QWErrorMessage();
+    return channel;
+  }
+  template <typename T>
+  std::string Write(const std::vector<T> &values) {
+    QWChannel *channel = Open("w");
+    EXPECT_TRUE(qw::packed::WriteArray(channel, values.data(), values.size(), sizeof(T)));
+    EXPECT_TRUE(ChannelClose(channel));
+    return qwtest::ReadFileBytes(path("p"));
+  }
+  template <typename T>
+  bool Read(std::vector<T> *out) {
+    QWChannel *channel = Open("r");
+    T *array = nullptr;
+    bool ok = qw::packed::ReadArray(channel, &array, sizeof(T));
+    ChannelClose(channel);
+    if (ok) out->assign(array, array + ArrayLength(array));
+    ArrayFree(array);
+    return ok;
+  }
+};
+
+TEST_F(Packed, WidthTableAtEveryBoundaryNeverUsesSeven) {
+  struct Case {
+    uint64_t largest;
+    unsigned width;
+  };
+  const Case cases[] = {
+      {0, 1}, {255, 1}, {256, 2}, {65535, 2}, {65536, 3}, {0xFFFFFF, 3}, {0x1000000, 4},
+      {0xFFFFFFFF, 4}, {0x100000000, 5}, {0xFFFFFFFFFF, 5}, {0x10000000000, 6}, {0xFFFFFFFFFFFF, 6},
+      {0x1000000000000, 8}, {0xFFFFFFFFFFFFFF, 8}, {UINT64_MAX, 8},
+  };
+  for (const Case &c : cases) EXPECT_EQ(qw::packed::WidthFor(c.largest), c.width) << c.largest;
+}
+
+TEST_F(Packed, ExactBytesOfSmallArrays) {
+  EXPECT_EQ(Write(std::vector<uint32_t>{}), std::string("\x01\x00\x00\x00\x00", 5));
+  EXPECT_EQ(Write(std::vector<uint32_t>{1, 0x102}), std::string("\x02\x02\x00\x00\x00\x01\x00\x02\x01", 9));
+  EXPECT_EQ(Write(std::vector<uint64_t>{0x1000000000000}),
+            std::string("\x08\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x01\x00", 13));
+}
+
+TEST_F(Packed, RoundTripsAllElementSizesAndLargeCounts) {
+  std::mt19937_64 random(5);
+  for (unsigned bits : {1u, 8u, 9u, 24u, 25u, 32u, 40u, 48u, 56u, 64u}) {
+    std::vector<uint64_t> values(10000);
+    for (auto &v : values) v = bits == 64 ? random() : random() & ((uint64_t(1) << bits) - 1);
+    Write(values);
+    std::vector<uint64_t> back;
+    ASSERT_TRUE(Read(&back)) << QWErrorMessage();
+    ASSERT_EQ(back, values) << bits;
+  }
+  std::vector<uint8_t> types = {0, 1, 2, 255};
+  Write(types);
+  std::vector<uint8_t> typesBack;
+  ASSERT_TRUE(Read(&typesBack));
+  EXPECT_EQ(typesBack, types);
+}
+
+TEST_F(Packed, MalformedInputFailsCleanly) {
+  // A value too wide for the destination.
+  Write(std::vector<uint64_t>{0x100000000});
+  std::vector<uint32_t> narrow;
+  EXPECT_FALSE(Read(&narrow));
+  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+  QWErrorClear();
+  // Width 0 and 9 are invalid.
+  for (char width : {'\x00', '\x09'}) {
+    qwtest::WriteFileBytes(path("p"), std::string(1, width) + std::string("\x01\x00\x00\x00\x00", 5));
+    std::vector<uint32_t> out;
+    EXPECT_FALSE(Read(&out));
+    QWErrorClear();
+  }
+  // A huge count with little data fails at the end of the file.
+  qwtest::WriteFileBytes(path("p"), std::string("\x04\xFF\xFF\xFF\xFF\x01\x02", 7));
+  std::vector<uint32_t> out;
+  EXPECT_FALSE(Read(&out));
+  QWErrorClear();
+  // Every truncation of a valid file fails.
+  std::string whole = Write(std::vector<uint32_t>{7, 70000, 3});
+  for (size_t cut = 0; cut < whole.size(); ++cut) {
+    qwtest::WriteFileBytes(path("p"), whole.substr(0, cut));
+    EXPECT_FALSE(Read(&out)) << cut;
+    QWErrorClear();
+  }
+}
+
+TEST_F(Packed, ScalarsAndByteArrays) {
+  QWChannel *channel = Open("w");
+  ASSERT_TRUE(qw::packed::WriteScalar(channel, 8192, 8));
+  ASSERT_TRUE(qw::packed::WriteBytes(channel, "abc", 3));
+  ASSERT_TRUE(ChannelClose(channel));
+  EXPECT_EQ(qwtest::ReadFileBytes(path("p")), std::string("\x00\x20\x00\x00\x00\x00\x00\x00\x03\x00\x00\x00" "abc", 15));
+  channel = Open("r");
+  uint64_t value = 0;
+  uint8_t *bytes = nullptr;
+  ASSERT_TRUE(qw::packed::ReadScalar(channel, 8, &value));
+  ASSERT_TRUE(qw::packed::ReadBytes(channel, &bytes));
+  EXPECT_EQ(value, 8192u);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(bytes), ArrayLength(bytes)), "abc");
+  EXPECT_FALSE(qw::packed::ReadScalar(channel, 1, &value));  // at the end
+  ArrayFree(bytes);
+  ChannelClose(channel);
+  QWErrorClear();
+}
+
+}  // namespace
