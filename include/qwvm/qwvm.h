@@ -11,5 +11,6 @@
 #include "qwvm/qwutil.h"
 #include "qwvm/qwlog.h"
 #include "qwvm/qwcache.h"
+#include "qwvm/vmarena.h"
 
 #endif /* QWVM_QWVM_H */

@@ -1,0 +1,181 @@
+// The arena record and the helpers its files share.
+//
+// State machine of a flush (see commit.cpp):
+//   idle -> started (flush lock held for writing, flushed serials set)
+//        -> executed (every new file written and synced)
+//        -> marked (`committing` exists) -> disk-committed -> unmarked
+//        -> memory-committed (views exchanged, serials advanced)
+//        -> stopped (flush lock released).
+// A failure in any state goes straight to stopped.
+//
+// Invariants:
+//  - `view` is exactly the content of the committed old-generation file; the
+//    flush (or a mount) reads the file it wrote into `nextView`, and the
+//    memory commit exchanges the two under the generation lock.
+//  - flushedSerialOld/New are STATUS_NO_SERIAL outside a flush or mount.
+//  - serialOld and serialNew are both STATUS_NO_SERIAL (unserialised arena,
+//    fixed file names) or both set.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qwvm/qwcache.h"
+#include "qwvm/qwlib.h"
+#include "qwvm/qwlog.h"
+#include "qwvm/qwutil.h"
+#include "qwvm/vmarena.h"
+
+// The assertion text of an impossible generation or layout.
+#ifndef FALSE
+#define FALSE 0
+#endif
+
+namespace qw::vm {
+
+// Size classes of arena blocks.
+inline constexpr uint32_t kClassSizes[ARENA_SIZE_CLASS_COUNT] = {64,  88,  112,  128,  160,  256,  312,  512,
+                                                                 584, 744, 1024, 1632, 2048, 2728, 4096, 8192};
+inline constexpr uint32_t kLargestClass = ARENA_SIZE_CLASS_COUNT - 1;
+
+// Array layout types.
+inline constexpr uint8_t EMPTY_ARRAY_TYPE = 0;
+inline constexpr uint8_t FULL_ARRAY_TYPE = 1;
+inline constexpr uint8_t TAIL_ARRAY_TYPE = 2;
+inline constexpr uint8_t TWO_PART_ARRAY_TYPE = 3;
+inline constexpr uint8_t FULL_BLOCK_ARRAY_TYPE = 4;
+
+// One array of the new generation (kept in the array table).
+struct ArrayRecord {
+  FArray blockCache;  // 32-bit cached data addresses per block (unused until address caching exists)
+  FArray blockID;     // 64-bit arena block ids, in element order
+  uint32_t length;
+  uint8_t type;
+  uint8_t log2size;
+};
+
+// A committed (old-generation) view of every array.
+struct OldView {
+  uint32_t *pointerCache = nullptr;  // mapped mode: one entry per block id, zero after reading
+  uint64_t *blockIds = nullptr;      // all arrays' block ids, concatenated in array id order
+  uint32_t *starts = nullptr;        // array i's blocks are blockIds[starts[i] .. starts[i+1])
+  uint32_t *lengths = nullptr;
+  uint8_t *types = nullptr;
+
+  OldView() = default;
+  OldView(const OldView &) = delete;
+  OldView &operator=(const OldView &) = delete;
+  ~OldView() { Free(); }
+  void Free();
+  void Swap(OldView &other) noexcept;
+  uint32_t ArrayCount() const { return ArrayLength(starts) ? uint32_t(ArrayLength(starts) - 1) : 0; }
+};
+
+// Allocation state of one size class in the new generation.
+struct SizeClassState {
+  uint64_t *freeList = nullptr;           // free arena block ids, last in first out
+  uint32_t currentBlock = INVALID_BLOCK_ID;  // global id of the partly used server block
+  uint32_t slotsUsed = 0;
+};
+
+// One registered memory lock: seven words.
+struct LockEntry {
+  uint32_t kind;        // 1 arena, 0 custom object
+  uint32_t data;        // generation (arena) or data word (custom)
+  uint32_t skip;        // 1: not re-applied after a commit
+  uint32_t object;      // object or array id
+  uint32_t extra;
+  uint32_t index;       // 0xFFFFFFFF: whole
+  uint32_t argument;
+};
+
+struct Mutexes {
+  QWMutex *newGen = nullptr;  // class lists, current blocks, round-robin counter, array table
+  QWMutex *locks = nullptr;   // memory-lock registry
+};
+
+}  // namespace qw::vm
+
+struct VMArena {
+  std::string directory;
+  uint32_t flags = 0;
+  bool readOnly = false;
+  bool mapped = false;
+  uint64_t serialOld = STATUS_NO_SERIAL;
+  uint64_t serialNew = STATUS_NO_SERIAL;
+  uint64_t flushedSerialOld = STATUS_NO_SERIAL;
+  uint64_t flushedSerialNew = STATUS_NO_SERIAL;
+  bool mounted = false;
+  bool flushLockHeld = false;  // set by VMArenaFlushStart, cleared by VMArenaFlushStop
+
+  QWRWLock *generationLock = nullptr;
+  QWRWLock *flushLock = nullptr;
+  qw::vm::Mutexes mutexes;
+
+  qw::vm::OldView view;      // r_gen: the committed generation
+  qw::vm::OldView nextView;  // filled by the flush or a mount, exchanged at the memory commit
+
+  // rw_gen: the new generation.
+  qw::vm::SizeClassState classes[ARENA_SIZE_CLASS_COUNT];
+  uint32_t *freeArrayIds = nullptr;
+  FArray arrays{};  // of ArrayRecord
+  uint32_t roundRobin = 0;
+
+  uint32_t bucketCount = 0;
+  uint32_t bucketBits = 0;  // ceil(log2(bucketCount))
+  std::vector<LocalBlockServer0 *> servers;
+
+  std::vector<qw::vm::LockEntry> lockRegistry;
+  bool memoryEnumRegistered = false;
+
+  ReplicationLog *replicationLog = nullptr;
+  PageCache *cache = nullptr;
+};
+
+namespace qw::vm {
+
+// Builds an empty record (locks, new generation with no arrays). NULL with an
+// error.
+[[nodiscard]] std::unique_ptr<VMArena, int (*)(VMArena *)> ArenaRecordNew(const char *directory, uint32_t flags,
+                                                                          uint32_t bucketCount,
+                                                                          ReplicationLog *log, PageCache *cache);
+// Frees what ArenaRecordNew and the reads built (servers included).
+int ArenaRecordFree(VMArena *arena);
+using ArenaPtr = std::unique_ptr<VMArena, int (*)(VMArena *)>;
+
+// ceil(log2(n)) for n >= 1.
+uint32_t CeilLog2(uint64_t n);
+
+// "D/name" and "D/name.<serial>".
+std::string ArenaFilePath(const VMArena *arena, const char *name);
+std::string ArenaSerialPath(const VMArena *arena, const char *name, uint64_t serial);
+
+// Generation files (genfile.cpp).
+[[nodiscard]] bool ArenaFileFlushNew(VMArena *arena);
+[[nodiscard]] bool ArenaFileFlushOld(VMArena *arena);
+[[nodiscard]] bool ArenaReadNewGenFile(VMArena *arena, const std::string &path, bool checkBucketCount);
+[[nodiscard]] bool ArenaReadOldGenFile(VMArena *arena, const std::string &path, OldView *into);
+
+// Array table (arrays.cpp).
+void ArrayRecordFree(ArrayRecord *record);
+[[nodiscard]] bool ArrayTableInit(VMArena *arena);
+void ArrayTableFree(VMArena *arena);
+
+// Block id coding (access.cpp).
+uint32_t SizeClassOf(uint32_t size);
+uint32_t SlotBits(uint32_t sizeClass);
+
+// The `committing` marker (commit.cpp): created and removed durably.
+[[nodiscard]] bool CreateCommittingMarker(const VMArena *arena);
+[[nodiscard]] bool RemoveCommittingMarker(const VMArena *arena);
+
+// Crash stop of this arena.
+inline void ArenaCrashPoint(const VMArena *arena, const char *stop) { QWCrashPoint(stop, arena->directory.c_str()); }
+
+// Memory-lock registry (locks.cpp).
+void ArenaReapplyLocks(VMArena *arena);
+int ArenaMemoryEnumerate(void *context);
+
+}  // namespace qw::vm
