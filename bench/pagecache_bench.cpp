@@ -16,12 +16,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "bench_summary.h"
 #include "qwvm/qwvm.h"
 
 namespace {
@@ -161,39 +160,15 @@ BENCHMARK(BM_Pread)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PreadRotating)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_PageCacheMiss)->Threads(1)->Threads(2)->UseRealTime();
 
-// Console output as usual, plus the time per operation of each run kept for
-// the ratios printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    // With --benchmark_repetitions the median stands for the runs.
-    for (const Run &run : runs)
-      if (!run.error_occurred && (run.run_type == Run::RT_Iteration || run.aggregate_name == "median"))
-        timeOf_[{run.run_name.function_name, run.threads}] = run.GetAdjustedRealTime();
-    ConsoleReporter::ReportRuns(runs);
+void PrintRatios(const qwbench::SummaryReporter &reporter) {
+  std::printf("\nsummary (time per operation, lower is better):\n");
+  for (int64_t threads : {1, 2}) {
+    reporter.PrintRatio("hit path / pread ratio", "BM_PageCacheHit", "BM_Pread", threads);
+    reporter.PrintRatio("same-page hit / pread ratio", "BM_PageCacheHitSamePage", "BM_Pread", threads);
+    reporter.PrintRatio("miss path / pread ratio", "BM_PageCacheMiss", "BM_Pread", threads);
+    reporter.PrintRatio("miss path / rotating pread", "BM_PageCacheMiss", "BM_PreadRotating", threads);
   }
-
-  void PrintRatios() const {
-    std::printf("\nsummary (time per operation, lower is better):\n");
-    for (int64_t threads : {1, 2}) {
-      Ratio("hit path / pread ratio", "BM_PageCacheHit", threads);
-      Ratio("same-page hit / pread ratio", "BM_PageCacheHitSamePage", threads);
-      Ratio("miss path / pread ratio", "BM_PageCacheMiss", threads);
-      Ratio("miss path / rotating pread", "BM_PageCacheMiss", threads, "BM_PreadRotating");
-    }
-  }
-
- private:
-  void Ratio(const char *label, const std::string &name, int64_t threads, const char *peerName = "BM_Pread") const {
-    auto ours = timeOf_.find({name, threads});
-    auto peer = timeOf_.find({peerName, threads});
-    if (ours == timeOf_.end() || peer == timeOf_.end()) return;
-    std::printf("%-28s (%lld thread%s): %.3f  (%.1f ns vs %.1f ns)\n", label, static_cast<long long>(threads),
-                threads == 1 ? "" : "s", ours->second / peer->second, ours->second, peer->second);
-  }
-
-  std::map<std::pair<std::string, int64_t>, double> timeOf_;
-};
+}
 
 }  // namespace
 
@@ -202,9 +177,9 @@ int main(int argc, char **argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   int status = 0;
   if (Prepare()) {
-    RatioReporter reporter;
+    qwbench::SummaryReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatios();
+    PrintRatios(reporter);
   } else {
     std::fprintf(stderr, "pagecache_bench: could not prepare the benchmark file in /tmp\n");
     status = 1;
