@@ -30,13 +30,18 @@ export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
 cc -std=c11 "$work/consumer/main.c" $(pkg-config --cflags --libs qwvm) -o "$work/consumer/pc"
 LD_LIBRARY_PATH="$work/prefix/lib" "$work/consumer/pc"
 
-# Only the library's own families are exported from the shared object
-# (instantiations of the standard library's templates keep their default
-# visibility and are not ours).
-unexpected=$(nm -D --defined-only "$work/prefix/lib/libqwvm.so" | awk '$2 ~ /[TWVBDR]/ {print $3}' |
-  grep -v -E '^_Z(N|NK|TV|TI|TS)?St' |
-  grep -v -E '^(QW|qw|Array|Allocate_|Reallocate_|UnAllocate_|Strdup_|Thread|Mutex|RWLock|Condition|QSort|GetCurrentTime|File|Directory|Channel|Memory|PageSize|PageCache|FArray|Status|ReplicationLog|_init$|_fini$)' || true)
+# The shared object exports exactly the functions the public headers declare
+# with QW_API (instantiations of the standard library's templates keep their
+# default visibility and are not ours).
+grep -h 'QW_API' "$work/prefix/include/qwvm/"*.h | grep -v '#define' | grep -o 'QW_API[^(]*(' | sed -E 's/.*[ *]([A-Za-z_][A-Za-z0-9_]*)\($/\1/' | sort -u >"$work/declared"
+nm -D --defined-only "$work/prefix/lib/libqwvm.so" | awk '$2 ~ /[TWVBDR]/ {print $3}' |
+  grep -v -E '^_Z(N|NK|TV|TI|TS)?St|^_init$|^_fini$' | sort -u >"$work/exported"
+unexpected=$(comm -13 "$work/declared" "$work/exported")
+missing=$(comm -23 "$work/declared" "$work/exported")
 if [ -n "$unexpected" ]; then
-  echo "install check: unexpected exported symbols:"; echo "$unexpected" | head -20; exit 1
+  echo "install check: exported but not declared:"; echo "$unexpected" | head -20; exit 1
+fi
+if [ -n "$missing" ]; then
+  echo "install check: declared but not exported:"; echo "$missing" | head -20; exit 1
 fi
 echo "install check OK"
