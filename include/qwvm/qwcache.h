@@ -187,6 +187,16 @@ QW_API void PageCacheSetValid(PageCache *cache, void *page);
 QW_API void PageCacheRelease(PageCache *cache, void *page, int dirty, int keep, int keepLong);
 
 /*
+ * Tells whether an address lies in the cache's page memory, so that a caller
+ * holding addresses of several origins (cache pages, mapped files, private
+ * memory) knows which ones to release with PageCacheRelease.
+ *  address  [in] any address.
+ * Returns 1 when it lies in one of the cache's pages (pinned or not), else 0.
+ * Takes no lock.
+ */
+QW_API int PageCacheContains(PageCache *cache, const void *address);
+
+/*
  * Reads the pages covering [offset, offset + length) into the cache without
  * pinning them, so that later lookups hit. Pages already resident are left
  * alone, as are pages wholly past the end of the file; when the shard of a

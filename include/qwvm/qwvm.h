@@ -12,5 +12,7 @@
 #include "qwvm/qwlog.h"
 #include "qwvm/qwcache.h"
 #include "qwvm/vmarena.h"
+#include "qwvm/vmaarray.h"
+#include "qwvm/dbarray.h"
 
 #endif /* QWVM_QWVM_H */

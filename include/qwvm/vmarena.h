@@ -251,6 +251,29 @@ QW_API int MemoryMappingSetModificationDate(LocalBlockServer0 *server);
 QW_API int IndexFileNewGenRead(LocalBlockServer0 *server, QWChannel *channel);
 
 /* ------------------------------------------------------------------------ */
+/* Check and statistics                                                      */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Verifies that no two users share an arena block in the new generation (the
+ * arrays' block lists and the size-class free lists). Each clash is reported
+ * as a level-1 message ("enum hard block clash !!!...", "enum r block clash
+ * !!!..."); nothing is changed. Returns the number of clashes found (0: the
+ * generation is clean).
+ */
+QW_API int VMArenaCheck(VMArena *arena);
+
+/* The same for the committed generation ("## block clash !!! ..."). */
+QW_API int VMArenaCheckR(VMArena *arena);
+
+/*
+ * Prints per-array statistics of `generation` (name, length, block count,
+ * largest block, bytes held and bytes touched, i.e. up to the last non-zero
+ * byte of each block) and the size-class free lists to standard output.
+ */
+QW_API void VMAArenaStatPrint(VMArena *arena, uint32_t generation);
+
+/* ------------------------------------------------------------------------ */
 /* Arrays (the part an empty arena needs)                                    */
 /* ------------------------------------------------------------------------ */
 

@@ -11,8 +11,11 @@ void Usage(FILE *out) {
   std::fprintf(out,
                "usage: qwvm <command> [arguments]\n"
                "commands:\n"
-               "  tour [DIR]   walk through the storage services in DIR (default: ./qwvm-tour)\n"
-               "  help         this text\n");
+               "  tour [DIR]                        walk through the storage services in DIR\n"
+               "                                    (default: ./qwvm-tour)\n"
+               "  check DIR [--serial OLD NEW]      check an arena for shared blocks (exit 1 if any)\n"
+               "  stat DIR [--serial OLD NEW]       print an arena's statistics\n"
+               "  help                              this text\n");
 }
 
 }  // namespace
@@ -24,6 +27,8 @@ int main(int argc, char **argv) {
   }
   std::string command = argv[1];
   if (command == "tour") return qwtool::RunTour(argc > 2 ? argv[2] : "qwvm-tour");
+  if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
+  if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;

@@ -106,6 +106,70 @@ int TourArena(const std::string &directory, PageCache *cache) {
   return 0;
 }
 
+// Arrays by name: an arena array of u32 and a block-directory array of
+// strings, committed, then found again by name after a reopen.
+int TourArrays(const std::string &directory, PageCache *cache) {
+  std::string arenaDir = directory + "/arena";
+  std::printf("\n3. Arrays: named arrays inside the same arena\n");
+  VMArena *arena = VMArenaOpen(arenaDir.c_str(), 0, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
+  if (!arena) return Fail("VMArenaOpen");
+  VMAArrayHandle squares;
+  if (!VMAArrayInitFromPath(&squares, arena, "tour", "squares")) return Fail("VMAArrayInitFromPath");
+  std::vector<uint32_t> values;
+  for (uint32_t i = 0; i < 5000; ++i) values.push_back(i * i);
+  if (!VMAArrayAppend_(arena, squares.id[NEWGEN], 0, ARENA_MAX_BLOCK_SIZE, values.data(), uint32_t(values.size()),
+                       NEWGEN, sizeof(uint32_t)))
+    return Fail("VMAArrayAppend_");
+  std::printf("   arena array \"tour/squares\" (id %u): appended %zu squares\n", squares.id[NEWGEN], values.size());
+  uint8_t *pathBuffer = nullptr;
+  int created = 1;
+  DBArray *words = DBArrayNew(arena, &pathBuffer, "tour/words", &created, 0, 4);
+  if (!words) return Fail("DBArrayNew");
+  const char *const texts[] = {"copy-on-write", "generations", "atomic commit", "block classes"};
+  uint32_t handles[4];
+  for (uint32_t i = 0; i < 4; ++i) {
+    handles[i] = DBArrayAdd(words, i % 2, texts[i], uint32_t(std::strlen(texts[i])), NEWGEN);
+    if (handles[i] == DBARRAY_INVALID_HANDLE) return Fail("DBArrayAdd");
+    std::printf("   block-directory array \"tour/words\": bucket %u handle %u <- \"%s\"\n", i % 2, handles[i], texts[i]);
+  }
+  if (!VMArenaCommit(arena, nullptr, nullptr, 0)) return Fail("VMArenaCommit");
+  DBArrayFree(words);
+  VMArenaClose(arena);
+  std::printf("   committed and closed\n");
+
+  arena = VMArenaOpen(arenaDir.c_str(), VM_FLAG_READ_ONLY, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
+  if (!arena) return Fail("VMArenaOpen (read-only)");
+  if (!VMAArrayInitFromPath(&squares, arena, "tour", "squares")) return Fail("VMAArrayInitFromPath");
+  uint32_t length = VMAArrayLength_(arena, squares.id[OLDGEN], OLDGEN);
+  uint32_t end = 0;
+  auto *last = static_cast<uint32_t *>(VMAArrayRange_(arena, squares.id[OLDGEN], 0, ARENA_MAX_BLOCK_SIZE, length - 1,
+                                                      &end, OLDGEN, 1, sizeof(uint32_t), 0));
+  if (!last) return Fail("VMAArrayRange_");
+  std::printf("   reopened read-only: \"tour/squares\" has %u elements, the last is %u\n", length, *last);
+  bool ok = length == values.size() && *last == values.back();
+  VMAArrayRelease_(arena, squares.id[OLDGEN], last, 1);
+  created = 0;
+  words = DBArrayNew(arena, &pathBuffer, "tour/words", &created, 0, 4);
+  if (!words) return Fail("DBArrayNew (reopen)");
+  for (uint32_t i = 0; i < 4; ++i) {
+    uint32_t size = 0;
+    auto *bytes = static_cast<const char *>(DBArrayGet(words, i % 2, handles[i], OLDGEN, 1, &size));
+    std::string got = bytes ? std::string(bytes, size) : "(absent)";
+    if (bytes) DBArrayRelease(words, OLDGEN, 1, bytes);
+    ok = ok && got == texts[i];
+    std::printf("   bucket %u handle %u: \"%s\"\n", i % 2, handles[i], got.c_str());
+  }
+  DBArrayFree(words);
+  ArrayFree(pathBuffer);
+  VMArenaClose(arena);
+  if (!ok) {
+    std::fprintf(stderr, "qwvm tour: the arrays did not read back\n");
+    return 1;
+  }
+  std::printf("   inspect it: qwvm check %s; qwvm stat %s\n", arenaDir.c_str(), arenaDir.c_str());
+  return 0;
+}
+
 // The tour starts afresh each time, but only ever clears a directory that a
 // previous tour made (it carries the file ".qwvm-tour").
 bool PrepareTourDirectory(const std::string &directory) {
@@ -136,6 +200,7 @@ int RunTour(const char *directory) {
   if (!cache) return Fail("PageCacheNew");
   int status = TourPlatform(directory);
   if (status == 0) status = TourArena(directory, cache);
+  if (status == 0) status = TourArrays(directory, cache);
   PageCacheFree(cache);
   if (status == 0) std::printf("\ntour complete: everything read back as written\n");
   return status;

@@ -54,6 +54,8 @@ QW_API void PageCacheRelease(PageCache *cache, void *page, int dirty, int keep, 
   cache->Release(page, dirty != 0, keep != 0, keepLong != 0);
 }
 
+QW_API int PageCacheContains(PageCache *cache, const void *address) { return cache->Contains(address) ? 1 : 0; }
+
 QW_API int PageCachePrefetch(PageCache *cache, uint16_t fileId, uint64_t offset, uint64_t length) {
   return cache->Prefetch(fileId, offset, length);
 }

@@ -128,6 +128,12 @@ struct PageCache {
                                            uint32_t maxFiles = qw::cache::kMaxFiles) noexcept;
 
   uint32_t PageSizeBytes() const noexcept { return pageSize_; }
+  // True when `address` lies in the page memory.
+  bool Contains(const void *address) const noexcept {
+    const uintptr_t at = reinterpret_cast<uintptr_t>(address);
+    const uintptr_t base = reinterpret_cast<uintptr_t>(slab_.get());
+    return at >= base && at - base < (pageCount_ << pageShift_);
+  }
   uint32_t RegisteredFileCount() noexcept;
 
   // Files (page_files.cpp).

@@ -26,7 +26,9 @@
 #include "qwvm/qwlib.h"
 #include "qwvm/qwlog.h"
 #include "qwvm/qwutil.h"
+#include "qwvm/vmaarray.h"
 #include "qwvm/vmarena.h"
+#include "vm/arena/array_state.h"
 
 // The assertion text of an impossible generation or layout.
 #ifndef FALSE
@@ -39,13 +41,6 @@ namespace qw::vm {
 inline constexpr uint32_t kClassSizes[ARENA_SIZE_CLASS_COUNT] = {64,  88,  112,  128,  160,  256,  312,  512,
                                                                  584, 744, 1024, 1632, 2048, 2728, 4096, 8192};
 inline constexpr uint32_t kLargestClass = ARENA_SIZE_CLASS_COUNT - 1;
-
-// Array layout types.
-inline constexpr uint8_t EMPTY_ARRAY_TYPE = 0;
-inline constexpr uint8_t FULL_ARRAY_TYPE = 1;
-inline constexpr uint8_t TAIL_ARRAY_TYPE = 2;
-inline constexpr uint8_t TWO_PART_ARRAY_TYPE = 3;
-inline constexpr uint8_t FULL_BLOCK_ARRAY_TYPE = 4;
 
 // One array of the new generation (kept in the array table).
 struct ArrayRecord {
@@ -123,6 +118,13 @@ struct VMArena {
   FArray arrays{};  // of ArrayRecord
   uint32_t roundRobin = 0;
 
+  // Arena arrays: record directory, name slots, name mutex (array_state.h).
+  qw::vm::ArrayState arrayState;
+  // The background flush lock of the array checks ("arrayLocked &&
+  // arena->bgLock"). No flush runs in the background, so it is never held and
+  // stays 0; the checks are kept for when one does.
+  int bgLock = 0;
+
   uint32_t bucketCount = 0;
   uint32_t bucketBits = 0;  // ceil(log2(bucketCount))
   std::vector<LocalBlockServer0 *> servers;
@@ -158,10 +160,24 @@ std::string ArenaSerialPath(const VMArena *arena, const char *name, uint64_t ser
 [[nodiscard]] bool ArenaReadNewGenFile(VMArena *arena, const std::string &path, bool checkBucketCount);
 [[nodiscard]] bool ArenaReadOldGenFile(VMArena *arena, const std::string &path, OldView *into);
 
-// Array table (arrays.cpp).
+// Array table (array_table.cpp).
 void ArrayRecordFree(ArrayRecord *record);
 [[nodiscard]] bool ArrayTableInit(VMArena *arena);
 void ArrayTableFree(VMArena *arena);
+// The name mutex of a new record (ArenaRecordNew).
+[[nodiscard]] bool ArrayStateInit(VMArena *arena);
+// What the arrays derive from the new generation's table and array 0 (record
+// directory, name slots), rebuilt after the table was read. At open
+// (ArraysOpened) everything; after a mount (ArraysMounted) the directory,
+// the names following at the memory commit (ArraysViewChanged), once the
+// mounted generation's blocks can be read. False with an error (the stored
+// name array contradicts itself or is missing; nothing is tagged).
+[[nodiscard]] bool ArraysOpened(VMArena *arena);
+[[nodiscard]] bool ArraysMounted(VMArena *arena);
+[[nodiscard]] bool ArraysViewChanged(VMArena *arena);
+// Makes the blocks of one array in `genID` resident (keep hints); the apply
+// step of a lock entry whose index is an array id (array_access.cpp).
+[[nodiscard]] bool ArrayLockApply(VMArena *arena, uint32_t arrayID, uint32_t genID);
 
 // Block id coding (access.cpp).
 uint32_t SizeClassOf(uint32_t size);

@@ -1,13 +1,18 @@
 // Flush and commit: the five steps and VMArenaCommit.
 //
 // Durability: every file a commit publishes is written, synced and closed
-// before it is renamed into place; new names are made durable by syncing
-// their directory; the `committing` marker is durable before the first
-// rename and its removal is durable before the next flush writes anything.
+// before it is renamed into place; the `committing` marker is durable before
+// the first rename; the renames of each directory are made durable by one
+// sync of that directory (block directory, then arena directory) before the
+// marker is removed, and the removal is durable before the next flush writes
+// anything. A power loss between the marker and its removal may undo any
+// subset of the renames that respects their order: the next open finishes
+// them.
 #include <string>
 
 #include "qwvm/qwfile.h"
 #include "vm/arena/arena.h"
+#include "vm/atomicf/atomicf.h"
 #include "vm/lbs/local_block_server.h"
 
 namespace qw::vm {
@@ -27,7 +32,7 @@ bool RemoveCommittingMarker(const VMArena *arena) {
 namespace {
 
 bool CommitArenaFile(const VMArena *arena, const char *name) {
-  if (FileAtomicCommit(arena->directory.c_str(), name)) return true;
+  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name)) return true;
   return QWErrorRethrow("could not atomically commit: \"%s/%s\"", arena->directory.c_str(), name) != 0;
 }
 
@@ -81,7 +86,7 @@ QW_API int VMArenaFlushExec(VMArena *arena) {
   MutexRelease(arena->mutexes.newGen);
   if (!ok) return 0;
   // Serialised generation files carry their final names: make them durable.
-  if (!DirectorySync(arena->directory.c_str())) return 0;
+  if (!Unserialised(arena) && !DirectorySync(arena->directory.c_str())) return 0;
   ArenaCrashPoint(arena, "arenaflushexec3");
   return 1;
 }
@@ -89,13 +94,19 @@ QW_API int VMArenaFlushExec(VMArena *arena) {
 QW_API int VMArenaFlushCommitDisk(VMArena *arena) {
   qwassert_(!arena->readOnly);
   ArenaCrashPoint(arena, "arenaflushcommitdisk0");
+  // Renames are made durable one directory at a time: the `committing`
+  // marker, durable before the first rename, lets the next open finish any
+  // rename a power loss undid.
   for (LocalBlockServer0 *server : arena->servers)
-    if (!LocalBlockServer0CommitDisk(server)) return 0;
+    if (!LocalBlockServer0CommitDisk(server, false)) return 0;
+  std::string blockDirectory = ArenaFilePath(arena, "block");
+  if (Unserialised(arena) && !DirectorySync(blockDirectory.c_str())) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk1");
   // The arena files: new before old (the index files went old before new).
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.new")) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk2");
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.old")) return 0;
+  if (Unserialised(arena) && !DirectorySync(arena->directory.c_str())) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk3");
   return 1;
 }
@@ -119,6 +130,8 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
   arena->flushedSerialOld = STATUS_NO_SERIAL;
   arena->flushedSerialNew = STATUS_NO_SERIAL;
   arena->mounted = false;
+  // A mounted generation's names become readable now.
+  if (!ArraysViewChanged(arena)) return QWErrorRethrow("cannot create name service");
   return 1;
 }
 

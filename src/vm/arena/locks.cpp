@@ -17,6 +17,7 @@ constexpr uint32_t kWhole = 0xFFFFFFFFu;
 
 bool ApplyEntry(VMArena *arena, const LockEntry &entry) {
   if (entry.kind != kKindArena || arena->mapped) return true;
+  if (entry.index != kWhole) return ArrayLockApply(arena, entry.index, entry.data);  // one array
   for (uint32_t index = 0; index < arena->servers.size(); ++index) {
     LocalBlockServer0 *server = arena->servers[index];
     uint32_t count = entry.data == OLDGEN ? LocalBlockServer0OldBlockCount(server) : LocalBlockServer0BlockCount(server);

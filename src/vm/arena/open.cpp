@@ -169,6 +169,10 @@ VMArena *OpenArena(const char *directory, uint32_t flags, uint32_t bucketCount, 
       return nullptr;
     }
   }
+  if (!ArraysOpened(arena.get())) {
+    QWErrorRethrow("cannot create name service");
+    return nullptr;
+  }
   if (committing && !RemoveCommittingMarker(arena.get())) return nullptr;
   if (!MemoryEnumLock(ArenaMemoryEnumerate, arena.get())) return nullptr;
   arena->memoryEnumRegistered = true;
@@ -205,7 +209,7 @@ ArenaPtr ArenaRecordNew(const char *directory, uint32_t flags, uint32_t bucketCo
   arena->mutexes.newGen = MutexInit();
   arena->mutexes.locks = MutexInit();
   if (!arena->generationLock || !arena->flushLock || !arena->mutexes.newGen || !arena->mutexes.locks ||
-      !ArrayInit(arena->freeArrayIds, 4, 0) || !ArrayTableInit(arena.get()))
+      !ArrayInit(arena->freeArrayIds, 4, 0) || !ArrayTableInit(arena.get()) || !ArrayStateInit(arena.get()))
     return ArenaPtr(nullptr, ArenaRecordFree);
   for (SizeClassState &state : arena->classes)
     if (!ArrayInit(state.freeList, 8, 0)) return ArenaPtr(nullptr, ArenaRecordFree);
@@ -316,6 +320,7 @@ QW_API int VMArenaMountGeneration(VMArena *arena, uint64_t oldSerial, uint64_t n
             ArenaReadOldGenFile(arena, ArenaSerialPath(arena, "arena.old", oldSerial), &arena->nextView);
   MutexRelease(arena->mutexes.newGen);
   if (!ok) return 0;
+  if (!ArraysMounted(arena)) return QWErrorRethrow("cannot create name service");
   arena->flushedSerialOld = oldSerial;
   arena->flushedSerialNew = newSerial;
   arena->mounted = true;

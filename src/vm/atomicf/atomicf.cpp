@@ -12,6 +12,7 @@
 #include "qwvm/qwlib.h"
 #include "qwvm/qwlog.h"
 #include "qwvm/vmarena.h"
+#include "vm/atomicf/atomicf.h"
 
 namespace {
 
@@ -36,21 +37,31 @@ bool SetCommitMark(const char *directory, uint64_t value) {
   return true;
 }
 
+// The two renames; `sync` makes the new name durable before the previous
+// file is removed.
+bool CommitRenames(const char *directory, const char *name, bool sync) {
+  std::string target = Join(directory, name);
+  std::string aside = Join(directory, name, ".old");
+  std::string incoming = Join(directory, name, ".new");
+  if (FileExists(target.c_str()) && !FileRename(target.c_str(), aside.c_str())) return false;
+  if (!FileRename(incoming.c_str(), target.c_str())) return false;
+  if (sync && !DirectorySync(directory)) return false;
+  QWErrorSave();
+  FileRemove(aside.c_str());  // a leftover is harmless: recovery never prefers it over the target
+  QWErrorRestore();
+  return true;
+}
+
 }  // namespace
+
+bool qw::vm::FileAtomicCommitUnsynced(const char *directory, const char *name) {
+  return CommitRenames(directory, name, false);
+}
 
 extern "C" {
 
 QW_API int FileAtomicCommit(const char *directory, const char *name) {
-  std::string target = Join(directory, name);
-  std::string aside = Join(directory, name, ".old");
-  std::string incoming = Join(directory, name, ".new");
-  if (FileExists(target.c_str()) && !FileRename(target.c_str(), aside.c_str())) return 0;
-  if (!FileRename(incoming.c_str(), target.c_str())) return 0;
-  if (!DirectorySync(directory)) return 0;
-  QWErrorSave();
-  FileRemove(aside.c_str());  // a leftover is harmless: recovery never prefers it over the target
-  QWErrorRestore();
-  return 1;
+  return CommitRenames(directory, name, true) ? 1 : 0;
 }
 
 QW_API int FileAtomicRecover(const char *directory, const char *name) {

@@ -259,18 +259,19 @@ int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server) {
   if (!IndexFileFlushNew(server, server->flushedSerialNew, server->rsize) ||
       !IndexFileFlushOld(server, server->flushedSerialOld))
     return 0;
-  // New names (serialised index files) are durable only with their directory.
+  // New names are durable only with their directory: the files must exist
+  // durably before the arena's `committing` marker says they are complete.
   if (!DirectorySync(server->directory.c_str()))
     return QWErrorRethrow("LocalBlockServer0FlushFileExec: could not sync directory \"%s\"", server->directory.c_str());
   return 1;
 }
 
-int LocalBlockServer0CommitDisk(LocalBlockServer0 *server) {
+int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable) {
   server->committingDisk = true;
   const char *directory = server->directory.c_str();
   const char *suffix = server->suffix.c_str();
-  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix)) return 0;
-  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix)) return 0;
+  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix, durable)) return 0;
+  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix, durable)) return 0;
   return 1;
 }
 

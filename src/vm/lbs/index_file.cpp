@@ -18,6 +18,7 @@
 #include "qwvm/qwfile.h"
 #include "qwvm/vmarena.h"
 #include "util/packed.h"
+#include "vm/atomicf/atomicf.h"
 #include "vm/lbs/names.h"
 #include "vm/lbs/server.h"
 
@@ -345,12 +346,13 @@ struct NewGenContent {
 
 // Commits index<suffix><kind>.new; 0 (no message of its own) when the
 // atomic commit fails.
-[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind) {
+[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable) {
   const std::string name = IndexFileName(suffix, kind);
   const std::string pending = StringPrintf("%s/%s.new", directory, name.c_str());
   // Already committed (or never written): finish an interrupted commit, if
   // any, and leave the rest alone.
   if (!FileExists(pending.c_str())) return FileAtomicRecover(directory, name.c_str());
+  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str());
   return FileAtomicCommit(directory, name.c_str());
 }
 
@@ -442,14 +444,14 @@ bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, u
   return written;
 }
 
-int IndexFileCommitNew(const char *directory, const char *suffix) {
-  if (IndexFileCommit(directory, suffix, ".new")) return 1;
+int IndexFileCommitNew(const char *directory, const char *suffix, bool durable) {
+  if (IndexFileCommit(directory, suffix, ".new", durable)) return 1;
   return QWErrorRethrow("IndexFileCommitNew: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".new").c_str());
 }
 
-int IndexFileCommitOld(const char *directory, const char *suffix) {
-  if (IndexFileCommit(directory, suffix, ".old")) return 1;
+int IndexFileCommitOld(const char *directory, const char *suffix, bool durable) {
+  if (IndexFileCommit(directory, suffix, ".old", durable)) return 1;
   return QWErrorRethrow("IndexFileCommitOld: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".old").c_str());
 }

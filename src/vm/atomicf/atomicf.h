@@ -1,0 +1,11 @@
+// The atomic file commit without its directory sync, for a caller that
+// commits several files of one directory and then syncs the directory once.
+// Until that sync a power loss may undo any of the renames; the caller must
+// be able to finish them at its next open (the arena's `committing` marker).
+#pragma once
+
+namespace qw::vm {
+
+[[nodiscard]] bool FileAtomicCommitUnsynced(const char *directory, const char *name);
+
+}  // namespace qw::vm

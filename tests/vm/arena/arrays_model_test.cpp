@@ -1,0 +1,154 @@
+// Arena arrays against a model: arrays of 1, 4, 8, 24 and 100-byte elements
+// in one arena, random appends, inserts, removals, overwrites, length changes
+// and copies across block boundaries and layout changes, with commits (the
+// old generation must read as the last committed model) and reopenings (the
+// uncommitted changes are gone), in every access mode.
+#include <algorithm>
+#include <string>
+
+#include "arrays_support.h"
+
+namespace {
+
+using arenatest::ArenaTest;
+using arenatest::kModes;
+using arraytest::Bytes;
+using arraytest::kBlock;
+using arraytest::ReadAll;
+
+struct ModelArray {
+  std::string name;
+  uint32_t elementSize;
+  uint32_t id = VMA_NO_ARRAY;
+  Bytes data;       // the new generation
+  Bytes committed;  // the old generation
+  bool reachedFullLayout = false;
+};
+
+class ArraysModel : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {
+ protected:
+  void OpenAll(uint32_t flags) {
+    arena = Open(GetParam(), flags, 2);
+    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    for (ModelArray &m : arrays) {
+      VMAArrayHandle handle;
+      ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "model", m.name.c_str())) << QWErrorMessage();
+      if (m.id != VMA_NO_ARRAY) {
+        EXPECT_EQ(handle.id[NEWGEN], m.id) << m.name;
+      }
+      EXPECT_EQ(handle.id[OLDGEN], committedOnce ? handle.id[NEWGEN] : VMA_NO_ARRAY) << m.name;
+      m.id = handle.id[NEWGEN];
+    }
+  }
+  void ExpectAll(const char *when, int step) {
+    VMArenaOldGenAcquire(arena);
+    for (const ModelArray &m : arrays) {
+      ASSERT_EQ(ReadAll(arena, m.id, NEWGEN, m.elementSize), m.data) << m.name << " new, " << when << " " << step;
+      if (committedOnce) {
+        ASSERT_EQ(ReadAll(arena, m.id, OLDGEN, m.elementSize), m.committed)
+            << m.name << " old, " << when << " " << step;
+      }
+      arraytest::ExpectLayout(arena, m.id, m.elementSize);
+    }
+    VMArenaOldGenRelease(arena);
+  }
+  void Step(ModelArray &m, std::mt19937 &rng);
+
+  VMArena *arena = nullptr;
+  bool committedOnce = false;
+  std::vector<ModelArray> arrays;
+  ModelArray copyTarget;  // a copy of whichever array was copied last
+};
+
+void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
+  const uint32_t e = m.elementSize;
+  const uint32_t length = uint32_t(m.data.size() / e);
+  const uint32_t perBlock = kBlock / e;
+  const uint32_t op = rng() % 100;
+  VMArenaNewGenAcquire(arena, 0);
+  if (op < 30) {  // append, up to half a block at once
+    uint32_t count = 1 + rng() % std::max(1u, perBlock / 2);
+    Bytes more = arraytest::RandomBytes(rng, size_t(count) * e);
+    ASSERT_TRUE(VMAArrayAppend_(arena, m.id, 0, kBlock, more.data(), count, NEWGEN, e)) << QWErrorMessage();
+    m.data.insert(m.data.end(), more.begin(), more.end());
+  } else if (op < 45) {  // insert anywhere, the end included
+    uint32_t index = rng() % (length + 1);
+    Bytes element = arraytest::RandomBytes(rng, e);
+    ASSERT_TRUE(VMAArrayInsert_(arena, m.id, 0, kBlock, index, element.data(), NEWGEN, e)) << QWErrorMessage();
+    m.data.insert(m.data.begin() + size_t(index) * e, element.begin(), element.end());
+  } else if (op < 62 && length > 0) {  // remove
+    uint32_t index = rng() % 4 == 0 ? length - 1 : rng() % length;
+    ASSERT_TRUE(VMAArrayRemove_(arena, m.id, 0, kBlock, index, NEWGEN, e)) << QWErrorMessage();
+    m.data.erase(m.data.begin() + size_t(index) * e, m.data.begin() + size_t(index + 1) * e);
+  } else if (op < 77 && length > 0) {  // overwrite a run, often across a block boundary
+    uint32_t index = rng() % length;
+    uint32_t count = 1 + rng() % std::min(length - index, perBlock + 3);
+    Bytes run = arraytest::RandomBytes(rng, size_t(count) * e);
+    ASSERT_TRUE(VMAArraySetRange_(arena, m.id, 0, kBlock, index, run.data(), count, NEWGEN, e)) << QWErrorMessage();
+    std::copy(run.begin(), run.end(), m.data.begin() + size_t(index) * e);
+  } else if (op < 85) {  // shrink, or grow within an ensured capacity
+    if (rng() % 2 && length > 0) {
+      uint32_t shorter = rng() % length;
+      ASSERT_TRUE(VMAArrayLengthSet_(arena, m.id, shorter, NEWGEN, e));
+      m.data.resize(size_t(shorter) * e);
+    } else {
+      uint32_t longer = length + 1 + rng() % perBlock;
+      ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, m.id, 0, kBlock, longer, NEWGEN, 0, e)) << QWErrorMessage();
+      ASSERT_TRUE(VMAArrayLengthSet_(arena, m.id, longer, NEWGEN, e));
+      Bytes filler = arraytest::RandomBytes(rng, size_t(longer - length) * e);
+      ASSERT_TRUE(VMAArraySetRange_(arena, m.id, 0, kBlock, length, filler.data(), longer - length, NEWGEN, e));
+      m.data.insert(m.data.end(), filler.begin(), filler.end());
+    }
+  } else if (op < 88) {  // copy into the spare array, from either generation
+    uint32_t generation = committedOnce && rng() % 2 ? OLDGEN : NEWGEN;
+    ASSERT_TRUE(VMAArrayCopy_(arena, copyTarget.id, 0, m.id, 0, generation, kBlock, e)) << QWErrorMessage();
+    copyTarget.elementSize = e;
+    copyTarget.data = generation == NEWGEN ? m.data : m.committed;
+    ASSERT_EQ(ReadAll(arena, copyTarget.id, NEWGEN, e), copyTarget.data) << "copy of " << m.name;
+  }
+  VMArenaNewGenRelease(arena, 0);
+  m.reachedFullLayout |= arraytest::TypeOf(arena, m.id) == FULL_ARRAY_TYPE;
+}
+
+TEST_P(ArraysModel, RandomEditsCommitsAndReopeningsMatchTheModel) {
+  for (uint32_t e : {1u, 4u, 8u, 24u, 100u}) {
+    arrays.emplace_back();
+    arrays.back().name = "e" + std::to_string(e);
+    arrays.back().elementSize = e;
+  }
+  copyTarget.name = "copy";
+  OpenAll(VM_FLAG_CREATE);
+  copyTarget.id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+  std::mt19937 rng(20240611);
+  const int kSteps = 2500;
+  for (int step = 0; step < kSteps; ++step) {
+    // Favour the large elements a little so that each reaches three blocks.
+    ModelArray &m = arrays[rng() % 8 < 3 ? rng() % arrays.size() : arrays.size() - 1 - rng() % 3];
+    ASSERT_NO_FATAL_FAILURE(Step(m, rng));
+    uint32_t event = rng() % 1000;
+    if (event < 12) {
+      ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+      for (ModelArray &a : arrays) a.committed = a.data;
+      committedOnce = true;
+      ASSERT_NO_FATAL_FAILURE(ExpectAll("commit", step));
+    } else if (event < 16) {
+      // Close drops what was not committed; the spare array goes too unless
+      // it was committed, so it is made afresh.
+      VMArenaClose(arena);
+      for (ModelArray &a : arrays) a.data = a.committed;
+      ASSERT_NO_FATAL_FAILURE(OpenAll(0));
+      copyTarget.id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+      ASSERT_NO_FATAL_FAILURE(ExpectAll("reopen", step));
+    } else if (step % 100 == 0) {
+      ASSERT_NO_FATAL_FAILURE(ExpectAll("step", step));
+    }
+  }
+  ASSERT_NO_FATAL_FAILURE(ExpectAll("end", kSteps));
+  for (const ModelArray &m : arrays) EXPECT_TRUE(m.reachedFullLayout) << m.name << " never outgrew its tail layout";
+  VMArenaClose(arena);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllModes, ArraysModel, ::testing::ValuesIn(kModes),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace

@@ -1,0 +1,234 @@
+// The array name service: find-or-create by path, old-generation ids, the
+// rule for freed named arrays, names across blocks of array 0, reopening,
+// mounting, read-only arenas and damaged name lists.
+#include <filesystem>
+#include <string>
+
+#include "arrays_support.h"
+
+namespace {
+
+using arenatest::ArenaTest;
+using arenatest::kModes;
+using arraytest::Bytes;
+using arraytest::kBlock;
+
+// The names kept in array 0 of `gen`, slot by slot (slot k is array k + 1).
+std::vector<std::string> Slots(VMArena *arena, uint32_t gen) {
+  Bytes bytes = arraytest::ReadAll(arena, 0, gen, 1);
+  std::vector<std::string> slots;
+  std::string current;
+  for (uint8_t b : bytes) {
+    if (b == 0) {
+      slots.push_back(current);
+      current.clear();
+    } else {
+      current.push_back(char(b));
+    }
+  }
+  EXPECT_TRUE(current.empty()) << "unterminated name";
+  return slots;
+}
+
+uint32_t Lookup(VMArena *arena, uint32_t gen, const std::string &name, int scan) {
+  return VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), scan, nullptr, 0, kBlock);
+}
+
+TEST_F(ArenaTest, InitFromPathCreatesOnceAndFindsAfterCommitAndReopen) {
+  VMArena *arena = Open(kModes[1]);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  VMAArrayHandle a, again, b;
+  ASSERT_TRUE(VMAArrayInitFromPath(&a, arena, "dict/7", "keys")) << QWErrorMessage();
+  EXPECT_EQ(a.arena, arena);
+  EXPECT_EQ(a.id[OLDGEN], VMA_NO_ARRAY);  // not committed yet
+  EXPECT_EQ(a.locked[0] + a.locked[1], 0u);
+  ASSERT_TRUE(VMAArrayInitFromPath(&again, arena, "dict/7", "keys"));
+  EXPECT_EQ(again.id[NEWGEN], a.id[NEWGEN]);
+  ASSERT_TRUE(VMAArrayInitFromPath_(&b, arena, "dict/7", "values", 1));
+  EXPECT_NE(b.id[NEWGEN], a.id[NEWGEN]);
+  // Scanning and asking the service agree; the name is the whole path.
+  EXPECT_EQ(Lookup(arena, NEWGEN, "dict/7/keys", 1), a.id[NEWGEN]);
+  EXPECT_EQ(Lookup(arena, NEWGEN, "dict/7/keys", 0), a.id[NEWGEN]);
+  EXPECT_EQ(Lookup(arena, NEWGEN, "dict/7/key", 1), VMA_NO_ARRAY);
+  EXPECT_EQ(Lookup(arena, NEWGEN, "dict/7/keysx", 1), VMA_NO_ARRAY);
+  EXPECT_FALSE(QWErrorIsSet());
+  EXPECT_EQ(Lookup(arena, OLDGEN, "dict/7/keys", 1), VMA_NO_ARRAY);
+  const uint32_t value = 42;
+  ASSERT_TRUE(VMAArrayAppend_(arena, a.id[NEWGEN], 0, kBlock, &value, 1, NEWGEN, 4));
+  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+  ASSERT_TRUE(VMAArrayInitFromPath(&again, arena, "dict/7", "keys"));
+  EXPECT_EQ(again.id[OLDGEN], a.id[NEWGEN]);
+  VMArenaClose(arena);
+
+  arena = Open(kModes[1], 0);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(VMAArrayInitFromPath(&again, arena, "dict/7", "keys"));
+  EXPECT_EQ(again.id[NEWGEN], a.id[NEWGEN]);
+  EXPECT_EQ(again.id[OLDGEN], a.id[NEWGEN]);
+  EXPECT_EQ(VMAArrayLength_(arena, again.id[NEWGEN], OLDGEN), 1u);
+  // After the rebuild at open a new name still gets the next fresh id.
+  VMAArrayHandle c;
+  ASSERT_TRUE(VMAArrayInitFromPath(&c, arena, "dict/7", "more"));
+  EXPECT_EQ(c.id[NEWGEN], b.id[NEWGEN] + 1);
+  EXPECT_EQ(Slots(arena, NEWGEN), (std::vector<std::string>{"dict/7/keys", "dict/7/values", "dict/7/more"}));
+  EXPECT_EQ(Slots(arena, OLDGEN), (std::vector<std::string>{"dict/7/keys", "dict/7/values"}));
+  // Lookups by path leave the caller's scratch buffer as it was.
+  uint8_t *scratch = nullptr;
+  ASSERT_TRUE(ArrayInit(scratch, 1, 4));
+  ASSERT_TRUE(ArrayAppend(scratch, uint8_t('q')));
+  uint32_t id = 0;
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/7", "more", 1, &id));
+  EXPECT_EQ(id, c.id[NEWGEN]);
+  EXPECT_FALSE(VMAArrayLookupFromPath(arena, OLDGEN, &scratch, "dict/7", "more", 0, &id));
+  EXPECT_EQ(id, VMA_NO_ARRAY);
+  EXPECT_FALSE(QWErrorIsSet());
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, OLDGEN, &scratch, "dict/7/values", nullptr, 0, &id));
+  EXPECT_EQ(id, b.id[NEWGEN]);
+  EXPECT_EQ(ArrayLength(scratch), 1u);
+  EXPECT_EQ(scratch[0], 'q');
+  ArrayFree(scratch);
+  VMArenaClose(arena);
+}
+
+// Unnamed arrays take empty slots once a named array follows them; freed
+// named arrays keep their ids, freed unnamed ones are reused.
+TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
+  VMArena *arena = Open(kModes[0]);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  uint32_t u1 = VMAArrayNew(arena, 0, kBlock, NEWGEN), u2 = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+  VMAArrayHandle named;
+  ASSERT_TRUE(VMAArrayInitFromPath(&named, arena, "n", "a"));
+  EXPECT_EQ(named.id[NEWGEN], u2 + 1);
+  EXPECT_EQ(Slots(arena, NEWGEN), (std::vector<std::string>{"", "", "n/a"}));
+  EXPECT_EQ(Lookup(arena, NEWGEN, "", 1), VMA_NO_ARRAY);  // empty slots are not names
+  int create = 1;
+  EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "", 0, 1, &create, 0, kBlock), VMA_NO_ARRAY);
+  EXPECT_EQ(QWErrorCode(), 22);
+  create = 1;
+  EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "a\0b", 3, 1, &create, 0, kBlock), VMA_NO_ARRAY);
+  EXPECT_EQ(create, 0);
+
+  const uint8_t bytes[300] = {1};
+  ASSERT_TRUE(VMAArrayAppend_(arena, named.id[NEWGEN], 0, kBlock, bytes, 300, NEWGEN, 1));
+  ASSERT_TRUE(VMAArrayFree(arena, named.id[NEWGEN]));
+  ASSERT_TRUE(VMAArrayFree(arena, u1));
+  // The unnamed id comes back; the named one does not.
+  EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), u1);
+  EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), named.id[NEWGEN] + 1);
+  VMAArrayHandle found;
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "n", "a"));
+  EXPECT_EQ(found.id[NEWGEN], named.id[NEWGEN]);
+  EXPECT_EQ(VMAArrayLength_(arena, found.id[NEWGEN], NEWGEN), 0u);
+  EXPECT_EQ(VMABlockArrayBlockCount_(arena, found.id[NEWGEN], NEWGEN), 0u);
+  // Freeing it again is harmless (it is still bound to its name).
+  EXPECT_TRUE(VMAArrayFree(arena, named.id[NEWGEN]));
+  EXPECT_EQ(ArrayLength(arena->freeArrayIds), 0u);
+  // A block array under a name is found as one, and only as one.
+  VMAArrayHandle blocks;
+  ASSERT_TRUE(VMABlockArrayInitFromPath_(&blocks, arena, "n", "b", 1));
+  EXPECT_EQ(arraytest::TypeOf(arena, blocks.id[NEWGEN]), FULL_BLOCK_ARRAY_TYPE);
+  EXPECT_FALSE(VMAArrayInitFromPath(&found, arena, "n", "b"));
+  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_FALSE(VMABlockArrayInitFromPath(&found, arena, "n", "a"));
+  // Freed named block arrays stay block arrays.
+  ASSERT_TRUE(VMAArrayFree(arena, blocks.id[NEWGEN]));
+  ASSERT_TRUE(VMABlockArrayInitFromPath(&found, arena, "n", "b")) << QWErrorMessage();
+  EXPECT_EQ(found.id[NEWGEN], blocks.id[NEWGEN]);
+  VMArenaClose(arena);
+}
+
+// Enough names to fill several blocks of array 0, so that names straddle
+// block boundaries; they survive a commit and a reopen.
+TEST_F(ArenaTest, ManyNamesAcrossBlocksOfTheNameArray) {
+  VMArena *arena = Open(kModes[2]);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  std::vector<std::pair<std::string, uint32_t>> names;
+  for (int i = 0; i < 1500; ++i) {
+    std::string name = "structure/" + std::to_string(i * 7919 % 100000) + std::string(size_t(i % 23), 'x');
+    int create = 1;
+    uint32_t id = VMAArrayFind(arena, NEWGEN, name.data(), uint32_t(name.size()), 0, &create, 0, kBlock);
+    ASSERT_NE(id, VMA_NO_ARRAY) << QWErrorMessage();
+    ASSERT_EQ(create, 1) << name;
+    names.emplace_back(name, id);
+  }
+  EXPECT_GT(VMAArrayLength_(arena, 0, NEWGEN), 3 * kBlock);
+  ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+  VMArenaClose(arena);
+  arena = Open(kModes[2], 0);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  for (size_t i = 0; i < names.size(); i += 7) {
+    EXPECT_EQ(Lookup(arena, NEWGEN, names[i].first, 1), names[i].second) << names[i].first;
+    EXPECT_EQ(Lookup(arena, OLDGEN, names[i].first, 0), names[i].second) << names[i].first;
+  }
+  int create = 1;
+  EXPECT_EQ(VMAArrayFind(arena, NEWGEN, names[1000].first.data(), uint32_t(names[1000].first.size()), 1, &create, 0,
+                         kBlock),
+            names[1000].second);
+  EXPECT_EQ(create, 0);
+  VMArenaClose(arena);
+}
+
+TEST_F(ArenaTest, ReadOnlyArenaFindsButDoesNotCreate) {
+  VMArena *arena = Open(kModes[0]);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  VMAArrayHandle handle;
+  ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "p", "q"));
+  ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+  VMArenaClose(arena);
+  arena = Open(kModes[0], VM_FLAG_READ_ONLY);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  VMAArrayHandle found;
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "p", "q")) << QWErrorMessage();
+  EXPECT_EQ(found.id[NEWGEN], handle.id[NEWGEN]);
+  EXPECT_EQ(found.id[OLDGEN], handle.id[NEWGEN]);
+  EXPECT_FALSE(VMAArrayInitFromPath(&found, arena, "p", "absent"));
+  EXPECT_EQ(QWErrorCode(), 2);
+  VMArenaClose(arena);
+}
+
+// A reader that mounts the generation a writer committed sees its names.
+TEST_F(ArenaTest, MountedGenerationBringsItsNames) {
+  VMArena *writer = Open(kModes[1]);
+  ASSERT_NE(writer, nullptr) << QWErrorMessage();
+  VMArena *reader = Open(kModes[1], VM_FLAG_READ_ONLY);
+  ASSERT_NE(reader, nullptr) << QWErrorMessage();
+  VMAArrayHandle handle;
+  ASSERT_TRUE(VMAArrayInitFromPath(&handle, writer, "mounted", "array"));
+  const uint16_t values[3] = {5, 6, 7};
+  ASSERT_TRUE(VMAArrayAppend_(writer, handle.id[NEWGEN], 0, kBlock, values, 3, NEWGEN, 2));
+  uint64_t o = 0, n = 0;
+  ASSERT_TRUE(VMArenaCommit(writer, &o, &n, 0)) << QWErrorMessage();
+  EXPECT_EQ(Lookup(reader, NEWGEN, "mounted/array", 1), VMA_NO_ARRAY);
+  ASSERT_TRUE(VMArenaMountGeneration(reader, o, n)) << QWErrorMessage();
+  ASSERT_TRUE(VMArenaFlushCommitMemory(reader, 1)) << QWErrorMessage();
+  VMAArrayHandle found;
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, reader, "mounted", "array")) << QWErrorMessage();
+  EXPECT_EQ(found.id[NEWGEN], handle.id[NEWGEN]);
+  EXPECT_EQ(found.id[OLDGEN], handle.id[NEWGEN]);
+  EXPECT_EQ(arraytest::ReadAll(reader, found.id[OLDGEN], OLDGEN, 2),
+            Bytes(reinterpret_cast<const uint8_t *>(values), reinterpret_cast<const uint8_t *>(values) + 6));
+  VMArenaClose(reader);
+  VMArenaClose(writer);
+}
+
+// A name list that names more arrays than exist cannot be trusted: the open
+// fails, and nothing is tagged.
+TEST_F(ArenaTest, NameListThatDisagreesWithTheTableFailsTheOpen) {
+  VMArena *arena = Open(kModes[0]);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  VMAArrayHandle handle;
+  ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "x", "y"));
+  const char extra[] = "ghost\0";
+  ASSERT_TRUE(VMAArrayAppend_(arena, 0, 0, kBlock, extra, sizeof extra - 1, NEWGEN, 1));
+  int create = 1;
+  EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "new", 3, 1, &create, 0, kBlock), VMA_NO_ARRAY);
+  EXPECT_EQ(QWErrorCode(), 22);  // array 0 was written behind the name service's back
+  ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+  VMArenaClose(arena);
+  EXPECT_EQ(Open(kModes[0], 0), nullptr);
+  EXPECT_NE(std::string(QWErrorMessage()).find("cannot create name service"), std::string::npos) << QWErrorMessage();
+  EXPECT_FALSE(std::filesystem::exists(path("arena/corrupted")));
+  QWErrorClear();
+}
+
+}  // namespace
