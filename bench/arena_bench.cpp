@@ -53,11 +53,7 @@ constexpr uint32_t kBuckets = 2;
 constexpr int kReadBatch = 1024;   // reads per hold of the old generation
 constexpr int kWriteBatch = 1024;  // writes per hold of the new generation
 
-struct Mode {
-  const char *name;
-  uint32_t flags;
-  int index;
-};
+using Mode = qwbench::ArenaMode;
 constexpr Mode kCacheMode{"cache", 0, 0};
 constexpr Mode kMappedMode{"mapped", VM_FLAG_MAPPED, 1};
 constexpr Mode kModes[] = {kCacheMode, kMappedMode};
@@ -456,18 +452,6 @@ void Cleanup() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  int status = 0;
-  if (Prepare()) {
-    qwbench::SummaryReporter reporter(46);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintSummary(reporter);
-  } else {
-    std::fprintf(stderr, "arena_bench: could not prepare the arenas in %s\n", g.root.c_str());
-    status = 1;
-  }
-  Cleanup();
-  benchmark::Shutdown();
-  return status;
+  return qwbench::RunWithSummary(argc, argv, 46, Prepare, PrintSummary, Cleanup,
+                                 [] { return std::string("arena_bench: could not prepare the arenas in ") + g.root; });
 }

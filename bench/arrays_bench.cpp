@@ -373,18 +373,6 @@ void Cleanup() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  int status = 0;
-  if (Prepare()) {
-    qwbench::SummaryReporter reporter(62);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintSummary(reporter);
-  } else {
-    std::fprintf(stderr, "arrays_bench: could not prepare the data sets in %s\n", g.place.root.c_str());
-    status = 1;
-  }
-  Cleanup();
-  benchmark::Shutdown();
-  return status;
+  return qwbench::RunWithSummary(argc, argv, 62, Prepare, PrintSummary, Cleanup,
+                                 [] { return std::string("arrays_bench: could not prepare the data sets in ") + g.place.root; });
 }

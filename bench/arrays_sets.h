@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_summary.h"
 #include "qwvm/qwvm.h"
 
 namespace arraysbench {
@@ -37,11 +38,7 @@ constexpr uint32_t kAppendBatch = 1024;  // u32 per VMAArrayAppend_
 constexpr int kBatch = 1024;             // operations per hold of a generation
 constexpr const char *kStringPath = "bench/strings";
 
-struct Mode {
-  const char *name;
-  uint32_t flags;
-  int index;
-};
+using Mode = qwbench::ArenaMode;
 constexpr Mode kCacheMode{"cache", 0, 0};
 constexpr Mode kMappedMode{"mapped", VM_FLAG_MAPPED, 1};
 constexpr Mode kModes[] = {kCacheMode, kMappedMode};

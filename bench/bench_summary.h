@@ -81,4 +81,33 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   std::map<std::pair<std::string, int64_t>, Result> results_;
 };
 
+// The main of every benchmark program: prepare, run with the summary
+// reporter, print the summary, clean up. When prepare() fails, the text that
+// prepareFailure() returns is printed and the program exits 1.
+template <typename Prepare, typename Summary, typename Cleanup, typename Failure>
+int RunWithSummary(int argc, char **argv, int labelWidth, Prepare prepare, Summary summary, Cleanup cleanup,
+                   Failure prepareFailure) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  int status = 0;
+  if (prepare()) {
+    SummaryReporter reporter(labelWidth);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    summary(reporter);
+  } else {
+    std::fprintf(stderr, "%s\n", std::string(prepareFailure()).c_str());
+    status = 1;
+  }
+  cleanup();
+  benchmark::Shutdown();
+  return status;
+}
+
+// The two access modes of an arena that the arena benchmarks compare.
+struct ArenaMode {
+  const char *name;
+  uint32_t flags;
+  int index;
+};
+
 }  // namespace qwbench

@@ -173,18 +173,6 @@ void PrintRatios(const qwbench::SummaryReporter &reporter) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  int status = 0;
-  if (Prepare()) {
-    qwbench::SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios(reporter);
-  } else {
-    std::fprintf(stderr, "pagecache_bench: could not prepare the benchmark file in /tmp\n");
-    status = 1;
-  }
-  Cleanup();
-  benchmark::Shutdown();
-  return status;
+  return qwbench::RunWithSummary(argc, argv, 28, Prepare, PrintRatios, Cleanup,
+                                 [] { return "pagecache_bench: could not prepare the benchmark file in /tmp"; });
 }

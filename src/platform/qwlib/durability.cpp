@@ -269,21 +269,18 @@ void AfterRemove(const char *path, const Preserved &kept, bool succeeded) noexce
   RecordName(std::move(record));
 }
 
-void AfterMkdir(const char *path) noexcept {
+// A directory made or removed: pending until its parent is synced.
+void RecordDirectoryChange(NameRecord::Kind kind, const char *path) noexcept {
   NameRecord record;
-  record.kind = NameRecord::Mkdir;
+  record.kind = kind;
   record.path = Absolute(path);
   AddDirectoryOf(record.path, &record.pendingDirs);
   RecordName(std::move(record));
 }
 
-void AfterRmdir(const char *path) noexcept {
-  NameRecord record;
-  record.kind = NameRecord::Rmdir;
-  record.path = Absolute(path);
-  AddDirectoryOf(record.path, &record.pendingDirs);
-  RecordName(std::move(record));
-}
+void AfterMkdir(const char *path) noexcept { RecordDirectoryChange(NameRecord::Mkdir, path); }
+
+void AfterRmdir(const char *path) noexcept { RecordDirectoryChange(NameRecord::Rmdir, path); }
 
 void AfterDirectorySync(const char *path) noexcept {
   struct stat info;
