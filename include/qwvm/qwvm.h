@@ -15,5 +15,8 @@
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
 #include "qwvm/dbavlldict.h"
+#include "qwvm/ldbarray.h"
+#include "qwvm/gbarray.h"
+#include "qwvm/offsetmap.h"
 
 #endif /* QWVM_QWVM_H */
