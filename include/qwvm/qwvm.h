@@ -18,5 +18,6 @@
 #include "qwvm/ldbarray.h"
 #include "qwvm/gbarray.h"
 #include "qwvm/offsetmap.h"
+#include "qwvm/btree.h"
 
 #endif /* QWVM_QWVM_H */
