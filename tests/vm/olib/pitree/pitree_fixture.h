@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -50,6 +51,7 @@ class PITreeTest : public qwtest::TempDirTest {
 
  public:
   std::string arenaDir() const { return path("arena"); }
+  bool Tagged() const { return std::filesystem::exists(path("arena/corrupted")); }
   VMArena *OpenArena(uint32_t flags = VM_FLAG_CREATE) {
     return VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
   }
