@@ -51,7 +51,7 @@ namespace {
 // Whether atoms under `key` may start with the prefix and stay within depth.
 bool Compatible(const PITreeEnumeration &e, const uint8_t *key, size_t length) {
   const size_t common = std::min(length, e.prefix.size());
-  if (std::memcmp(key, e.prefix.data(), common) != 0) return false;
+  if (!std::equal(key, key + common, e.prefix.begin())) return false;  // empty ranges too
   if (length < e.prefix.size() || e.depth == PITREE_DEPTH_UNLIMITED) return true;
   return SymbolsStarted(key, length) - e.prefixSymbols <= e.depth;
 }

@@ -187,7 +187,7 @@ bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) 
   };
   auto at = std::lower_bound(list.entries.begin(), list.entries.end(), 0, less);
   const bool present = at != list.entries.end() && at->length == suffixLength &&
-                       std::memcmp(list.Key(*at), suffix, suffixLength) == 0;
+                       std::equal(suffix, suffix + suffixLength, list.Key(*at));
   if (remove) {
     if (!present) return true;
     list.entries.erase(at);

@@ -54,9 +54,9 @@ void Serialize(const HeadNode &node, uint8_t *slot) {
     for (int k = 0; k < 8; ++k) slot[at + k] = uint8_t(node.data >> (8 * k));
     at += 8;
   }
-  std::memcpy(slot + at, node.skip.data(), node.skip.size());
+  std::copy(node.skip.begin(), node.skip.end(), slot + at);  // (no memcpy: the vectors may be empty)
   at += uint32_t(node.skip.size());
-  std::memcpy(slot + at, node.branches.data(), node.branches.size());
+  std::copy(node.branches.begin(), node.branches.end(), slot + at);
   at += uint32_t(node.branches.size());
   for (uint32_t r : node.refs) {
     PutU32(slot + at, r);
