@@ -68,7 +68,7 @@ bool Enter(PITreeEnumeration &e, uint32_t ref) {
     if (!bytes) return false;
     e.leaf.Clear();
     e.leafNext = 0;
-    const bool decoded = LeafDecode(bytes, length, e.key.data(), e.key.size(), e.leaf);
+    const bool decoded = LeafDecode(bytes, length, e.key.data(), e.key.size(), e.leaf, e.threadData->walkKey);
     LeafRelease(e.tree, e.genID, bytes);
     return decoded || Corrupted(e.tree, "malformed leaf", LeafOf(ref));
   }

@@ -176,7 +176,7 @@ bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) 
   uint32_t length = 0;
   const uint8_t *bytes = LeafAcquire(r.tree, leaf, NEWGEN, &length);
   if (!bytes) return false;
-  const bool decoded = LeafDecode(bytes, length, nullptr, 0, list);
+  const bool decoded = LeafDecode(bytes, length, nullptr, 0, list, r.td->walkKey);
   LeafRelease(r.tree, NEWGEN, bytes);
   if (!decoded || list.entries.empty()) return Corrupted(r.tree, "malformed leaf", leaf);
   const uint8_t *suffix = r.td->key.data() + walk.pos;
@@ -201,7 +201,7 @@ bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) 
   }
   std::vector<uint8_t> &encoded = r.td->encoded;
   encoded.clear();
-  LeafEncode(list, 0, list.entries.size(), 0, encoded, r.td->header);
+  LeafEncode(list, 0, list.entries.size(), 0, encoded, r.td->header, r.td->sizes);
   if (encoded.size() <= kExplodeBytes) return LeafWrite(r.tree, leaf, encoded);
   uint32_t ref = kNoRef;  // explode: head nodes first, then swap them in
   return BuildSubtree(r.tree, r.td, list, 0, list.entries.size(), 0, &ref) && SetParentRef(r, depth, ref) &&

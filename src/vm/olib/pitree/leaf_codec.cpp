@@ -129,16 +129,17 @@ LeafLookup LeafFind(const uint8_t *leaf, size_t length, const uint8_t *key, size
   }
 }
 
-bool LeafDecode(const uint8_t *leaf, size_t length, const uint8_t *base, size_t baseLength, EntryList &out) {
+bool LeafDecode(const uint8_t *leaf, size_t length, const uint8_t *base, size_t baseLength, EntryList &out,
+                std::vector<uint8_t> &key) {
   if (length == 0) return true;
-  std::vector<uint8_t> key(base, base + baseLength);
+  key.assign(base, base + baseLength);
   // Each level takes at least one byte of the leaf, so its length bounds the
   // recursion whatever the bytes say.
   return DecodeNode(leaf, leaf + length, key, out, int(length) + 1);
 }
 
 void LeafEncode(const EntryList &list, size_t lo, size_t hi, size_t depth, std::vector<uint8_t> &out,
-                std::vector<uint8_t> &header) {
+                std::vector<uint8_t> &header, std::vector<uint32_t> &sizes) {
   const Entry &first = list.entries[lo];
   const Entry &last = list.entries[hi - 1];
   const uint8_t *a = list.Key(first), *z = list.Key(last);
@@ -153,30 +154,32 @@ void LeafEncode(const EntryList &list, size_t lo, size_t hi, size_t depth, std::
   const size_t c0 = lo + (hasValue ? 1 : 0);
   const size_t at = depth + skip;  // the branch byte position
   const size_t mark = out.size();
-  std::vector<uint32_t> sizes;
+  const size_t first0 = sizes.size();  // this node's entries on the sizes stack
   for (size_t g = c0; g < hi;) {  // children first: their sizes go into the header
     size_t e = g + 1;
     while (e < hi && list.Key(list.entries[e])[at] == list.Key(list.entries[g])[at]) ++e;
     const size_t before = out.size();
-    LeafEncode(list, g, e, at + 1, out, header);
+    LeafEncode(list, g, e, at + 1, out, header, sizes);
     sizes.push_back(uint32_t(out.size() - before));
     g = e;
   }
   header.clear();
   uint8_t varint[kVarintMaxBytes];
   auto putVarint = [&](uint64_t v) { header.insert(header.end(), varint, varint + VarintEncode(varint, v)); };
-  putVarint((uint64_t(skip) << 2) | (hasValue ? 2u : 0u) | (sizes.empty() ? 0u : 1u));
+  const size_t count = sizes.size() - first0;
+  putVarint((uint64_t(skip) << 2) | (hasValue ? 2u : 0u) | (count == 0 ? 0u : 1u));
   header.insert(header.end(), a + depth, a + depth + skip);
   if (hasValue) putVarint(first.value);
-  if (!sizes.empty()) {
-    header.push_back(uint8_t(sizes.size() - 1));
+  if (count != 0) {
+    header.push_back(uint8_t(count - 1));
     for (size_t g = c0; g < hi;) {
       const uint8_t b = list.Key(list.entries[g])[at];
       header.push_back(b);
       while (g < hi && list.Key(list.entries[g])[at] == b) ++g;
     }
-    for (size_t k = 0; k + 1 < sizes.size(); ++k) putVarint(sizes[k]);
+    for (size_t k = first0; k + 1 < sizes.size(); ++k) putVarint(sizes[k]);
   }
+  sizes.resize(first0);
   out.insert(out.begin() + std::ptrdiff_t(mark), header.begin(), header.end());
 }
 

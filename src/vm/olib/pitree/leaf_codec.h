@@ -35,14 +35,14 @@ LeafLookup LeafFind(const uint8_t *leaf, size_t length, const uint8_t *key, size
                     std::vector<uint64_t> *prefixes);
 
 // Appends the leaf's keys, each prefixed by `base`, in ascending order.
-// False when the bytes are not a well-formed leaf.
+// False when the bytes are not a well-formed leaf. `key` is scratch.
 [[nodiscard]] bool LeafDecode(const uint8_t *leaf, size_t length, const uint8_t *base, size_t baseLength,
-                              EntryList &out);
+                              EntryList &out, std::vector<uint8_t> &key);
 
 // Encodes entries [lo, hi) (ascending, distinct, all sharing their first
 // `depth` bytes) with keys taken from byte `depth` on; appends to `out`.
-// `header` is scratch.
+// `header` and `sizes` are scratch (sizes is used as a stack).
 void LeafEncode(const EntryList &list, size_t lo, size_t hi, size_t depth, std::vector<uint8_t> &out,
-                std::vector<uint8_t> &header);
+                std::vector<uint8_t> &header, std::vector<uint32_t> &sizes);
 
 }  // namespace qw::pit

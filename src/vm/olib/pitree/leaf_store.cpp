@@ -86,7 +86,7 @@ bool LeafFree(const PITree *tree, uint32_t leaf) {
 bool BuildSubtree(const PITree *tree, PITreeThreadData *td, const EntryList &list, size_t lo, size_t hi,
                   size_t depth, uint32_t *ref) {
   std::vector<uint8_t> encoded;
-  LeafEncode(list, lo, hi, depth, encoded, td->header);
+  LeafEncode(list, lo, hi, depth, encoded, td->header, td->sizes);
   if (encoded.size() <= kExplodeBytes) {
     uint32_t leaf = kNoRef;
     if (!LeafNew(tree, encoded, &leaf)) return false;

@@ -65,6 +65,8 @@ void TrimScratch(PITreeThreadData *threadData) {
   trim(threadData->leaf.entries);
   trim(threadData->encoded);
   trim(threadData->header);
+  trim(threadData->sizes);
+  trim(threadData->walkKey);
   trim(threadData->path);
 }
 

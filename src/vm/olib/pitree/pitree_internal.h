@@ -77,6 +77,8 @@ struct PITreeThreadData {
   qw::pit::EntryList leaf;        // a leaf being rewritten
   std::vector<uint8_t> encoded;   // a leaf being encoded
   std::vector<uint8_t> header;    // a node header being encoded
+  std::vector<uint32_t> sizes;    // child sizes while a leaf is encoded
+  std::vector<uint8_t> walkKey;   // the key while a leaf is decoded
   std::vector<uint32_t> path;     // head references crossed (with branch positions)
 };
 
