@@ -126,3 +126,45 @@ TEST_F(PITreeTest, NamedAssertions) {
 }
 
 }  // namespace
+
+namespace {
+
+// An atom that ends where a head node branches keeps its data in that node;
+// removing the atoms below and then it empties the head tree again, and the
+// freed slots and leaves are used again by the next inserts.
+TEST_F(PITreeTest, AtomsEndingAtHeadNodesAndSlotReuse) {
+  Open();
+  Atom stem;
+  for (uint32_t k = 0; k < 600; ++k) stem.push_back('a' + k % 26);
+  for (int pass = 0; pass < 2; ++pass) {
+    ASSERT_EQ(Insert(stem, 1), 1u);
+    for (uint32_t j = 0; j < 300; ++j) {
+      Atom atom = stem;
+      atom.push_back(j);
+      atom.push_back(j * 3);
+      ASSERT_EQ(Insert(atom, j + 2), j + 2) << QWErrorMessage();
+    }
+    uint64_t *results = nullptr;
+    Atom below = stem;
+    below.push_back(7);
+    below.push_back(21);
+    EXPECT_EQ(PITreeFindAll(tree, td, below.data(), uint32_t(below.size()), 0, NEWGEN, 0, 0, 0, &results), 9u);
+    ASSERT_EQ(ArrayLength(results), 2u);
+    EXPECT_EQ(results[0], 1u);  // the stem, a prefix of it
+    ArrayFree(results);
+    EXPECT_EQ(Enumerate(stem, 0).size(), 1u);
+    EXPECT_EQ(Enumerate(stem, 2).size(), 301u);
+    for (uint32_t j = 0; j < 300; ++j) {
+      Atom atom = stem;
+      atom.push_back(j);
+      atom.push_back(j * 3);
+      ASSERT_EQ(Remove(atom), j + 2);
+    }
+    EXPECT_EQ(Find(stem), 1u);
+    EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 1u);
+    EXPECT_EQ(Remove(stem), 1u);
+    EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1) << QWErrorMessage();
+  }
+}
+
+}  // namespace
