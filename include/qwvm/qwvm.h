@@ -19,5 +19,6 @@
 #include "qwvm/gbarray.h"
 #include "qwvm/offsetmap.h"
 #include "qwvm/btree.h"
+#include "qwvm/pitree.h"
 
 #endif /* QWVM_QWVM_H */

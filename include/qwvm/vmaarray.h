@@ -222,8 +222,12 @@ QW_API void VMAArrayRangeRelease_(VMAArrayRangeCache *cache);
  * Looks `name` (nameLength bytes, no NUL among them) up among the names kept
  * in array 0 of `genID`.
  *  scan     non-zero: compare the names in array 0 one by one. Zero: ask the
- *           name service; until its index of names exists this is the same
- *           scan.
+ *           name service's index, the symbol-sequence tree "#name/lookup"
+ *           (qwvm/pitree.h) that maps each name to its id + 1, with its count
+ *           in the array "#name/params". The index is opened with the arena
+ *           and rebuilt from array 0 when its count is empty; where it cannot
+ *           answer (a read-only arena written before it existed, a mounted
+ *           generation not yet current) this is the same scan.
  *  create   (in/out, may be NULL) in: non-zero to add an absent name in
  *           NEWGEN, making a new array (isBlockArray and blockSize as for
  *           VMAArrayNew) with a fresh id; out: 1 when it was created, else 0.

@@ -76,7 +76,10 @@ typedef struct LocalBlockServer0 LocalBlockServer0;
  * Returns the arena, or NULL with the error chain set. Failures include
  * "Corrupted vm in \"<dir>\"", "Cannot open read-only vm in \"<dir>\":
  * incomplete commit", "existing but not openable VM in \"<dir>\"" and
- * "could not read VMArena in \"<dir>\"".
+ * "could not read VMArena in \"<dir>\"", and "cannot create name service"
+ * when the name list is damaged or a writable arena cannot have its name
+ * index (qwvm/vmaarray.h, VMAArrayFind). A writable open makes the index's
+ * arrays (under "#name/") in an arena that lacks them.
  * An interrupted commit (the `committing` marker) is finished by a writable
  * open before anything is read.
  */

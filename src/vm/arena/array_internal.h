@@ -156,4 +156,25 @@ bool ArrayIsNamed(const VMArena *arena, uint32_t arrayID);
 [[nodiscard]] bool RebuildNames(VMArena *arena, bool onlyIfStale);
 void ForgetNames(VMArena *arena);
 
+// The name service's tree (name_tree.cpp). NameTreeOpen finds or makes the
+// "#name/lookup" tree and the "#name/params" count and rebuilds the tree
+// from array 0 when the count is empty (writable arenas only); it runs
+// without the name mutex. False with an error when a writable arena cannot
+// have its tree.
+[[nodiscard]] bool NameTreeOpen(VMArena *arena);
+void NameTreeClose(VMArena *arena);
+// After a memory commit of the arena's own new generation.
+void NameTreeCommitted(VMArena *arena);
+// Lookup (and creation, NEWGEN) through the tree; name mutex held. Sets
+// *answered to false when the tree cannot answer for genID (then scan);
+// *created to true when the name was added.
+uint32_t NameTreeFind(VMArena *arena, uint32_t genID, const uint8_t *name, uint32_t nameLength, bool create,
+                      int isBlockArray, uint32_t blockSize, bool *answered, bool *created);
+// Adds a name just created to the tree, when the tree is ready; a tree that
+// cannot take it is given up (name mutex held).
+void NameTreeAdd(VMArena *arena, const uint8_t *name, uint32_t nameLength, uint32_t arrayID);
+// Appends the name of the next fresh id and makes its array (name mutex
+// held); VMA_NO_ARRAY with an error.
+uint32_t CreateNamed(VMArena *arena, const uint8_t *name, uint32_t nameLength, int isBlockArray, uint32_t blockSize);
+
 }  // namespace qw::vm

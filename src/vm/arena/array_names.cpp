@@ -2,10 +2,9 @@
 // id order, each a byte string closed by a NUL. An array without a name has
 // an empty string there, or no slot at all when no named array follows it.
 //
-// Lookups scan array 0 of the generation asked for, comparing name by name.
-// This scan also answers the lookups that ask for the name service (scan 0)
-// until a tree-backed index of the names replaces it there; the contents of
-// array 0 do not change when it does.
+// Lookups with scan set walk array 0 of the generation asked for, comparing
+// name by name. Lookups with scan 0 ask the name index (name_tree.cpp) and
+// fall back to this scan where the index cannot answer.
 //
 // Creation (new generation, under the name mutex) gives the name a fresh id k
 // (never a reused one: a reused id's slot lies inside array 0, which only
@@ -101,37 +100,6 @@ ArrayView CommittedNameArray(const OldView &view) {
   return array;
 }
 
-// Appends `name` for the next fresh id and makes its array. Name mutex held.
-uint32_t CreateNamed(VMArena *arena, const uint8_t *name, uint32_t nameLength, int isBlockArray, uint32_t blockSize) {
-  std::vector<uint32_t> &ends = arena->arrayState.nameEnds;
-  const uint32_t id = arena->arrayState.directory.Count();
-  if (!NamesCurrent(arena)) return VMA_NO_ARRAY;
-  const uint32_t before = ends.empty() ? 0 : ends.back() + 1;
-  if (VMAArrayLength_(arena, 0, NEWGEN) != before) {
-    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMAArrayFind: array 0 was changed outside the name service");
-    return VMA_NO_ARRAY;
-  }
-  const uint32_t padding = id - 1 - uint32_t(ends.size());
-  std::string slot(padding, '\0');
-  slot.append(reinterpret_cast<const char *>(name), nameLength);
-  slot.push_back('\0');
-  if (!VMAArrayAppend_(arena, 0, 0, ARENA_MAX_BLOCK_SIZE, slot.data(), uint32_t(slot.size()), NEWGEN, 1)) {
-    QWErrorRethrow("VMAArrayFind: cannot store the name of array %u", id);
-    return VMA_NO_ARRAY;
-  }
-  const uint32_t created = ArrayCreate(arena, isBlockArray, blockSize, false);
-  if (created == VMA_NO_ARRAY) {
-    QWErrorSave();
-    (void)VMAArrayLengthSet_(arena, 0, before, NEWGEN, 1);
-    QWErrorRestore();
-    return VMA_NO_ARRAY;
-  }
-  qwassert_(created == id);
-  for (uint32_t k = 0; k < padding; ++k) ends.push_back(before + k);
-  ends.push_back(before + uint32_t(slot.size()) - 1);
-  return id;
-}
-
 // path + "/" + name (path alone without a name).
 std::string JoinPath(const char *path, const char *name) {
   std::string full(path);
@@ -167,6 +135,36 @@ int InitHandle(VMAArrayHandle *handle, VMArena *arena, const char *path, const c
 }
 
 }  // namespace
+
+uint32_t CreateNamed(VMArena *arena, const uint8_t *name, uint32_t nameLength, int isBlockArray, uint32_t blockSize) {
+  std::vector<uint32_t> &ends = arena->arrayState.nameEnds;
+  const uint32_t id = arena->arrayState.directory.Count();
+  if (!NamesCurrent(arena)) return VMA_NO_ARRAY;
+  const uint32_t before = ends.empty() ? 0 : ends.back() + 1;
+  if (VMAArrayLength_(arena, 0, NEWGEN) != before) {
+    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMAArrayFind: array 0 was changed outside the name service");
+    return VMA_NO_ARRAY;
+  }
+  const uint32_t padding = id - 1 - uint32_t(ends.size());
+  std::string slot(padding, '\0');
+  slot.append(reinterpret_cast<const char *>(name), nameLength);
+  slot.push_back('\0');
+  if (!VMAArrayAppend_(arena, 0, 0, ARENA_MAX_BLOCK_SIZE, slot.data(), uint32_t(slot.size()), NEWGEN, 1)) {
+    QWErrorRethrow("VMAArrayFind: cannot store the name of array %u", id);
+    return VMA_NO_ARRAY;
+  }
+  const uint32_t created = ArrayCreate(arena, isBlockArray, blockSize, false);
+  if (created == VMA_NO_ARRAY) {
+    QWErrorSave();
+    (void)VMAArrayLengthSet_(arena, 0, before, NEWGEN, 1);
+    QWErrorRestore();
+    return VMA_NO_ARRAY;
+  }
+  qwassert_(created == id);
+  for (uint32_t k = 0; k < padding; ++k) ends.push_back(before + k);
+  ends.push_back(before + uint32_t(slot.size()) - 1);
+  return id;
+}
 
 bool ArrayIsNamed(const VMArena *arena, uint32_t arrayID) {
   const std::vector<uint32_t> &ends = arena->arrayState.nameEnds;
@@ -226,7 +224,7 @@ using namespace qw::vm;
 
 extern "C" {
 
-QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, uint32_t nameLength, int /*scan*/,
+QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, uint32_t nameLength, int scan,
                              int *create, int isBlockArray, uint32_t blockSize) {
   CheckGeneration(genID);
   if (genID == OLDGEN && create) qwassert_(!*create);
@@ -240,12 +238,23 @@ QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, u
     return VMA_NO_ARRAY;
   }
   uint32_t id = VMA_NO_ARRAY;
+  if (!scan) {  // the tree answers when it is there for this generation
+    ScopedMutex lock(arena->arrayState.nameMutex);
+    bool answered = false, created = false;
+    id = NameTreeFind(arena, genID, bytes, nameLength, wantCreate, isBlockArray, blockSize, &answered, &created);
+    if (answered) {
+      if (created) *create = 1;
+      return id;
+    }
+  }
   if (genID == OLDGEN) return ScanNames(arena, OLDGEN, bytes, nameLength, &id) ? id : VMA_NO_ARRAY;
   ScopedMutex lock(arena->arrayState.nameMutex);
   if (!ScanNames(arena, NEWGEN, bytes, nameLength, &id) || id != VMA_NO_ARRAY || !wantCreate) return id;
   qwassert_(!arena->readOnly);
   id = CreateNamed(arena, bytes, nameLength, isBlockArray, blockSize);
-  if (id != VMA_NO_ARRAY) *create = 1;
+  if (id == VMA_NO_ARRAY) return id;
+  *create = 1;
+  NameTreeAdd(arena, bytes, nameLength, id);
   return id;
 }
 

@@ -12,6 +12,9 @@
 //    its end, so the name of an id never changes once written.
 //  - nameEnds.size() < the number of array records: array 0 has no name, and
 //    the ids behind the last name have no slot yet (they are unnamed).
+//  - While treeReady[g]: the "#name/lookup" tree maps every non-empty name of
+//    array 0 in generation g to its id + 1, and "#name/params" element 0 is
+//    their count (name_tree.cpp keeps both in step under the name mutex).
 #pragma once
 
 #include <atomic>
@@ -20,7 +23,9 @@
 #include <memory>
 #include <vector>
 
+#include "qwvm/pitree.h"
 #include "qwvm/qwlib.h"
+#include "qwvm/vmaarray.h"
 
 namespace qw::vm {
 
@@ -62,6 +67,8 @@ struct ArrayState {
   ArrayState(const ArrayState &) = delete;
   ArrayState &operator=(const ArrayState &) = delete;
   ~ArrayState() {
+    PITreeFree(nameTree);
+    PITreeThreadDataFree(nameThreadData);
     if (nameMutex) MutexDestroy(nameMutex);
   }
 
@@ -72,6 +79,13 @@ struct ArrayState {
   std::vector<uint32_t> nameEnds;
   // nameEnds describes array 0 (false from a mount until its memory commit).
   bool namesCurrent = false;
+  // The name service's index (name_tree.cpp): null on a read-only arena
+  // written before it existed, and while a mounted generation is not current.
+  PITree *nameTree = nullptr;
+  PITreeThreadData *nameThreadData = nullptr;
+  VMAArrayHandle nameParams{};
+  bool treeReady[2] = {false, false};
+  std::vector<uint32_t> nameSymbols;  // a name widened to symbols
 };
 
 }  // namespace qw::vm

@@ -113,17 +113,31 @@ bool RebuildDirectory(VMArena *arena) {
 }
 
 bool ArraysOpened(VMArena *arena) {
-  return RebuildDirectory(arena) && CheckNameArrays(arena, arena->view) && RebuildNames(arena, false);
+  return RebuildDirectory(arena) && CheckNameArrays(arena, arena->view) && RebuildNames(arena, false) &&
+         NameTreeOpen(arena);
 }
 
 // The mounted generation's blocks are readable only once it is current: the
 // names are read at the memory commit.
 bool ArraysMounted(VMArena *arena) {
+  NameTreeClose(arena);
   ForgetNames(arena);
   return RebuildDirectory(arena) && CheckNameArrays(arena, arena->nextView);
 }
 
-bool ArraysViewChanged(VMArena *arena) { return RebuildNames(arena, true); }
+// After the arena's own commit the tree's committed view moves on; after a
+// mount the names and the tree are read afresh.
+bool ArraysViewChanged(VMArena *arena) {
+  bool wasCurrent = false;
+  {
+    ScopedMutex lock(arena->arrayState.nameMutex);
+    wasCurrent = arena->arrayState.namesCurrent;
+  }
+  if (!RebuildNames(arena, true)) return false;
+  if (!wasCurrent) return NameTreeOpen(arena);
+  NameTreeCommitted(arena);
+  return true;
+}
 
 void TagCorruptedIfWritable(VMArena *arena) {
   if (!arena->readOnly) VMArenaTagCorrupted(arena);

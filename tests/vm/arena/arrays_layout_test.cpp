@@ -135,12 +135,13 @@ TEST_F(ArenaTest, RangeBoundsDifferBetweenGenerations) {
   // A prefetch reports the same end and no address.
   EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 2, &end, NEWGEN, 1, 1, 1), nullptr);
   EXPECT_EQ(end, 5u);
+  const std::string arrayID = "arrayID = " + std::to_string(id);  // the name service's arrays come first
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 5, &end, NEWGEN, 1, 1, 0),
-               "index = 5, length = 5, arrayID = 1, gen = NEW(.|\n)*assertion failed: FALSE");
+               "index = 5, length = 5, " + arrayID + ", gen = NEW(.|\n)*assertion failed: FALSE");
   EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
   std::filesystem::remove(path("arena/corrupted"));
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 6, &end, OLDGEN, 1, 1, 0),
-               "index = 6, length = 5, arrayID = 1, gen = OLD(.|\n)*assertion failed: FALSE");
+               "index = 6, length = 5, " + arrayID + ", gen = OLD(.|\n)*assertion failed: FALSE");
   EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
   std::filesystem::remove(path("arena/corrupted"));
   // An empty committed array has no storage at its end: an error, no tag.
@@ -209,10 +210,11 @@ TEST_F(ArrayAssertions, GenerationsAndWrites) {
 }
 
 TEST_F(ArrayAssertions, ArrayIdsBeyondTheTablesTagTheArena) {
-  EXPECT_DEATH(VMAArrayLength_(arena, 99, NEWGEN), "assertion failed: arrayID < FArrayLength\\(arena->rw_gen.array\\)");
+  const uint32_t beyond = 1000000;  // far past every array the arena has
+  EXPECT_DEATH(VMAArrayLength_(arena, beyond, NEWGEN), "assertion failed: arrayID < FArrayLength\\(arena->rw_gen.array\\)");
   EXPECT_TRUE(Tagged());
   std::filesystem::remove(path("arena/corrupted"));
-  EXPECT_DEATH(VMAArrayRange_(arena, 99, 0, kBlock, 0, &end, OLDGEN, 1, 1, 0),
+  EXPECT_DEATH(VMAArrayRange_(arena, beyond, 0, kBlock, 0, &end, OLDGEN, 1, 1, 0),
                "assertion failed: arrayID < ArrayLength\\(arena->r_gen.length\\)");
   EXPECT_TRUE(Tagged());
   std::filesystem::remove(path("arena/corrupted"));

@@ -1,0 +1,89 @@
+// Damaged stored trees: malformed leaves written through PITreeFillLeaf and
+// head nodes overwritten in their arrays give a clear error and tag the
+// arena, without a crash or a read outside the stored bytes.
+#include <filesystem>
+#include <random>
+
+#include "pitree_fixture.h"
+
+namespace {
+
+using pittest::Atom;
+using pittest::FromText;
+using pittest::PITreeTest;
+
+// Enumerates everything, ignoring what comes out (damaged trees).
+void WalkAll(PITree *tree) {
+  PITreeEnumeration *e = PITreeEnumerationNew();
+  const uint32_t *atom;
+  uint32_t length;
+  uint64_t data;
+  if (PITreeEnumerationInit(tree, e, nullptr, 0, PITREE_DEPTH_UNLIMITED, NEWGEN))
+    while (PITreeEnumerationGetNext(e, &atom, &length, &data)) {
+    }
+  PITreeEnumerationFree(e);
+}
+
+// Leaf bytes that cannot be a leaf (the tree below is a single leaf 0 that
+// holds "ab" and "ac").
+const std::vector<std::vector<uint8_t>> kBadLeaves = {
+    {},                                  // empty: referenced leaves hold keys
+    {0x00},                              // a node with neither value nor children
+    {0xF1, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F},  // a skip longer than the leaf
+    {0x05, 'a', 0x01, 'c', 'b', 0x04},   // branches out of order
+    {0x05, 'a', 0x01, 'b', 'c', 0x7E},   // a child size past the end
+    {0x05, 'a', 0xFF, 'b'},              // more branches than bytes
+    {0x06, 'a', 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81},  // a value varint past 64 bits
+};
+
+TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
+  for (size_t c = 0; c < kBadLeaves.size(); ++c) {
+    SCOPED_TRACE(c);
+    std::filesystem::remove_all(arenaDir());
+    Open();
+    ASSERT_EQ(Insert(FromText("ab"), 1), 1u);
+    ASSERT_EQ(Insert(FromText("ac"), 2), 2u);
+    ASSERT_TRUE(PITreeFillLeaf(tree, 0, kBadLeaves[c].data(), uint32_t(kBadLeaves[c].size()), NEWGEN))
+        << QWErrorMessage();
+    EXPECT_EQ(Find(FromText("ac")), 0u);
+    EXPECT_EQ(QWErrorCode(), 74) << QWErrorMessage();
+    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+    EXPECT_TRUE(Tagged());
+    EXPECT_EQ(Insert(FromText("ad"), 3), 0u);
+    EXPECT_EQ(QWErrorCode(), 74);
+    WalkAll(tree);
+    EXPECT_EQ(QWErrorCode(), 74);
+    CloseAll();
+  }
+}
+
+TEST_F(PITreeTest, RandomLeafAndHeadBytesNeverCrash) {
+  Open();
+  for (uint32_t i = 0; i < 3000; ++i) ASSERT_NE(Insert({i % 50, i / 50, 77, i}, i + 1), 0u);
+  std::mt19937 rng(5);
+  uint8_t *scratch = nullptr;
+  uint32_t head = VMA_NO_ARRAY;  // a class array that holds head nodes
+  for (const char *name : {"node0", "node1", "node2", "node3"}) {
+    uint32_t id = 0;
+    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", name, 0, &id));
+    if (VMAArrayLength_(arena, id, NEWGEN) > 0) head = id;
+  }
+  ArrayFree(scratch);
+  ASSERT_NE(head, VMA_NO_ARRAY);
+  for (int round = 0; round < 40; ++round) {
+    std::vector<uint8_t> bytes(rng() % 64);
+    for (uint8_t &b : bytes) b = uint8_t(rng());
+    if (round % 2) {  // garbage over a leaf
+      (void)PITreeFillLeaf(tree, rng() % 40, bytes.data(), uint32_t(bytes.size()), NEWGEN);
+    } else {  // garbage over the start of a head slot
+      bytes.resize(32);
+      ASSERT_TRUE(VMAArraySetRange_(arena, head, 0, 8192, 0, bytes.data(), 1, NEWGEN, 32));
+    }
+    for (uint32_t i = 0; i < 3000; i += 211) (void)Find({i % 50, i / 50, 77, i});
+    WalkAll(tree);
+    QWErrorClear();
+  }
+  EXPECT_TRUE(Tagged());
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+// The edge cases of symbol-sequence trees: insert-if-absent, forced
+// overwrite and remove with their counts, the prefix results, explosion
+// under long shared prefixes, clear, reopen, read-only arenas and the named
+// assertions.
+#include <filesystem>
+
+#include "pitree_fixture.h"
+
+namespace {
+
+using pittest::Atom;
+using pittest::FromText;
+using pittest::Model;
+using pittest::PITreeTest;
+
+TEST_F(PITreeTest, InsertIfAbsentForceRemoveAndCount) {
+  Open();
+  EXPECT_EQ(lastCreated, 1);
+  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
+  const Atom a = FromText("alpha"), b = FromText("alp");
+  EXPECT_EQ(Find(a), 0u);
+  EXPECT_FALSE(QWErrorIsSet());
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
+  EXPECT_EQ(Insert(a, 7), 7u);
+  EXPECT_EQ(Insert(a, 9), 7u);  // present: unchanged
+  EXPECT_EQ(Find(a), 7u);
+  EXPECT_EQ(Insert(b, 3), 3u);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 2u);
+  EXPECT_EQ(Insert(a, 11, 1), 7u);  // forced: the old data comes back
+  EXPECT_EQ(Find(a), 11u);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 2u);
+  // The results list: every stored prefix, then the atom itself.
+  uint64_t *results = nullptr;
+  EXPECT_EQ(PITreeFindAll(tree, td, a.data(), uint32_t(a.size()), 0, NEWGEN, 0, 0, 0, &results), 11u);
+  ASSERT_EQ(ArrayLength(results), 2u);
+  EXPECT_EQ(results[0], 3u);
+  EXPECT_EQ(results[1], 11u);
+  const Atom longer = FromText("alphabet");
+  EXPECT_EQ(PITreeFindAll(tree, td, longer.data(), uint32_t(longer.size()), 0, NEWGEN, 0, 0, 0, &results), 0u);
+  EXPECT_EQ(ArrayLength(results), 2u);
+  ArrayFree(results);
+  EXPECT_EQ(Remove(a), 11u);
+  EXPECT_EQ(Remove(a), 0u);
+  EXPECT_EQ(Find(a), 0u);
+  EXPECT_EQ(Find(b), 3u);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 1u);
+  EXPECT_EQ(Remove(b), 3u);
+  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
+  // Bad requests fail cleanly.
+  EXPECT_EQ(Insert(a, 0), 0u);
+  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_EQ(PITreeFind(tree, td, a.data(), uint32_t(a.size()), 5, NEWGEN, 1, 1, 0), 0u);
+  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
+}
+
+TEST_F(PITreeTest, LongSharedPrefixesExplodeLeavesAndStayFindable) {
+  Open();
+  Model model;
+  Atom stem;
+  for (uint32_t k = 0; k < 2000; ++k) stem.push_back(0x10000 + k);  // 3-byte codes: a 6000-byte stem
+  for (uint32_t i = 0; i < 3000; ++i) {
+    Atom atom(stem.begin(), stem.begin() + (i % 7) * 300);
+    atom.push_back(i % 97);
+    atom.push_back(i);
+    model[atom] = i + 1;
+    ASSERT_EQ(Insert(atom, i + 1), i + 1) << QWErrorMessage();
+  }
+  // The leaves exploded: the head tree holds nodes.
+  uint8_t *scratch = nullptr;
+  uint32_t id = 0, heads = 0;
+  for (const char *name : {"node0", "node1", "node2", "node3"}) {
+    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", name, 0, &id));
+    heads += VMAArrayLength_(arena, id, NEWGEN);
+  }
+  ArrayFree(scratch);
+  EXPECT_GT(heads, 20u);
+  for (const auto &[atom, data] : model) ASSERT_EQ(Find(atom), data);
+  EXPECT_EQ(Enumerate({}, PITREE_DEPTH_UNLIMITED), Expected(model, {}, PITREE_DEPTH_UNLIMITED));
+  const Atom prefix(stem.begin(), stem.begin() + 600);
+  EXPECT_EQ(Enumerate(prefix, 2), Expected(model, prefix, 2));
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  // Remove everything again: head nodes are unlinked as they empty.
+  for (const auto &[atom, data] : model) ASSERT_EQ(Remove(atom), data);
+  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
+  EXPECT_EQ(PITreeGetSize(tree, OLDGEN), model.size());
+  EXPECT_EQ(Find(model.begin()->first, OLDGEN), model.begin()->second);
+}
+
+TEST_F(PITreeTest, ClearReopenAndReadOnlyArena) {
+  Open();
+  for (uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Insert({i, i * 7, 0xFFFFFFFFu}, i), i);
+  ASSERT_TRUE(Commit());
+  ASSERT_TRUE(PITreeClear(tree, NEWGEN)) << QWErrorMessage();
+  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
+  EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 0u);
+  EXPECT_EQ(Find({5, 35, 0xFFFFFFFFu}), 0u);
+  EXPECT_EQ(Find({5, 35, 0xFFFFFFFFu}, OLDGEN), 5u);  // the committed tree is untouched
+  EXPECT_EQ(Insert({1}, 4), 4u);
+  Reopen();
+  EXPECT_EQ(lastCreated, 0);
+  EXPECT_EQ(Find({5, 35, 0xFFFFFFFFu}), 5u);  // the clear was never committed
+  EXPECT_EQ(Find({1}), 0u);
+  CloseAll();
+  Open(VM_FLAG_READ_ONLY);
+  EXPECT_EQ(PITreeGetSize(tree, OLDGEN), 500u);
+  EXPECT_EQ(Find({500, 3500, 0xFFFFFFFFu}, OLDGEN), 500u);
+  EXPECT_DEATH(Insert({1}, 1), "assertion failed: !create");
+}
+
+TEST_F(PITreeTest, NamedAssertions) {
+  Open();
+  PITree *scanned = OpenTree(arena, "scanned", 1);
+  ASSERT_NE(scanned, nullptr) << QWErrorMessage();
+  EXPECT_DEATH(PITreeGetSize(scanned, NEWGEN), "assertion failed: FALSE");
+  EXPECT_TRUE(PITreeUpdateSize(scanned, 1, 1, 0, NEWGEN));  // nothing to count
+  PITreeFree(scanned);
+  const uint32_t symbol = 1;
+  EXPECT_DEATH(PITreeFind(tree, td, &symbol, 0, 0, NEWGEN, 0, 0, 0), "assertion failed: nodeLen != 0");
+  EXPECT_DEATH(PITreeFind(tree, nullptr, &symbol, 1, 0, NEWGEN, 0, 0, 0), "assertion failed: threadData != NULL");
+  EXPECT_DEATH(PITreeFind(tree, td, &symbol, 1, 1, OLDGEN, 1, 0, 0), "assertion failed: genID == NEWGEN");
+  EXPECT_DEATH(PITreeFillLeaf(tree, 0, "x", 1, OLDGEN), "assertion failed: genID == NEWGEN");
+  EXPECT_DEATH(PITreeFind(tree, td, &symbol, 1, 0, 2, 0, 0, 0), "assertion failed: FALSE");
+}
+
+}  // namespace
+
+namespace {
+
+// An atom that ends where a head node branches keeps its data in that node;
+// removing the atoms below and then it empties the head tree again, and the
+// freed slots and leaves are used again by the next inserts.
+TEST_F(PITreeTest, AtomsEndingAtHeadNodesAndSlotReuse) {
+  Open();
+  Atom stem;
+  for (uint32_t k = 0; k < 600; ++k) stem.push_back('a' + k % 26);
+  for (int pass = 0; pass < 2; ++pass) {
+    ASSERT_EQ(Insert(stem, 1), 1u);
+    for (uint32_t j = 0; j < 300; ++j) {
+      Atom atom = stem;
+      atom.push_back(j);
+      atom.push_back(j * 3);
+      ASSERT_EQ(Insert(atom, j + 2), j + 2) << QWErrorMessage();
+    }
+    uint64_t *results = nullptr;
+    Atom below = stem;
+    below.push_back(7);
+    below.push_back(21);
+    EXPECT_EQ(PITreeFindAll(tree, td, below.data(), uint32_t(below.size()), 0, NEWGEN, 0, 0, 0, &results), 9u);
+    ASSERT_EQ(ArrayLength(results), 2u);
+    EXPECT_EQ(results[0], 1u);  // the stem, a prefix of it
+    ArrayFree(results);
+    EXPECT_EQ(Enumerate(stem, 0).size(), 1u);
+    EXPECT_EQ(Enumerate(stem, 2).size(), 301u);
+    for (uint32_t j = 0; j < 300; ++j) {
+      Atom atom = stem;
+      atom.push_back(j);
+      atom.push_back(j * 3);
+      ASSERT_EQ(Remove(atom), j + 2);
+    }
+    EXPECT_EQ(Find(stem), 1u);
+    EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 1u);
+    EXPECT_EQ(Remove(stem), 1u);
+    EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1) << QWErrorMessage();
+  }
+}
+
+}  // namespace
