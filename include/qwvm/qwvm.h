@@ -14,5 +14,6 @@
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
+#include "qwvm/pitree.h"
 
 #endif /* QWVM_QWVM_H */

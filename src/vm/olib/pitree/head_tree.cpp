@@ -1,0 +1,214 @@
+// Head-tree slots: reading, writing, allocating and freeing head nodes
+// (layout in head_tree.h). Every reference is checked against its array's
+// length before it is read, and every node against its slot's size.
+#include "vm/olib/pitree/head_tree.h"
+
+#include <algorithm>
+#include <cstring>
+
+
+namespace qw::pit {
+namespace {
+
+constexpr uint32_t kArrayBlock = ARENA_MAX_BLOCK_SIZE;
+
+uint32_t ClassFor(uint32_t size) {
+  for (uint32_t c = 0; c < kClassCount; ++c)
+    if (size <= kClassSize[c]) return c;
+  return kClassCount;
+}
+
+void PutU32(uint8_t *p, uint32_t v) {
+  for (int k = 0; k < 4; ++k) p[k] = uint8_t(v >> (8 * k));
+}
+uint32_t GetU32(const uint8_t *p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+bool ParseHead(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
+  if ((slot[0] & ~kHasData) != 0) return false;
+  view->hasData = (slot[0] & kHasData) != 0;
+  view->skipLength = slot[1];
+  view->count = uint32_t(slot[2]) | uint32_t(slot[3]) << 8;
+  if (view->count > 256) return false;
+  uint32_t at = 4;
+  view->data = 0;
+  if (view->hasData) {
+    for (int k = 7; k >= 0; --k) view->data = (view->data << 8) | slot[at + k];
+    at += 8;
+  }
+  if (at + view->skipLength + 5 * view->count > slotSize) return false;
+  view->skip = slot + at;
+  view->branches = view->skip + view->skipLength;
+  view->refs = view->branches + view->count;
+  return view->hasData || view->count > 0;
+}
+
+void Serialize(const HeadNode &node, uint8_t *slot) {
+  slot[0] = node.hasData ? kHasData : 0;
+  slot[1] = uint8_t(node.skip.size());
+  slot[2] = uint8_t(node.refs.size());
+  slot[3] = uint8_t(node.refs.size() >> 8);
+  uint32_t at = 4;
+  if (node.hasData) {
+    for (int k = 0; k < 8; ++k) slot[at + k] = uint8_t(node.data >> (8 * k));
+    at += 8;
+  }
+  std::memcpy(slot + at, node.skip.data(), node.skip.size());
+  at += uint32_t(node.skip.size());
+  std::memcpy(slot + at, node.branches.data(), node.branches.size());
+  at += uint32_t(node.branches.size());
+  for (uint32_t r : node.refs) {
+    PutU32(slot + at, r);
+    at += 4;
+  }
+}
+
+// The slot of `ref` in `genID`, writable unless `read`. Null with an error.
+uint8_t *AcquireSlot(const PITree *tree, uint32_t ref, uint32_t genID, bool read, uint32_t *array) {
+  const uint32_t cls = ClassOf(ref), slot = SlotOf(ref);
+  if (IsLeafRef(ref) || cls >= kClassCount) {
+    Corrupted(tree, "a head reference names no node class", ref);
+    return nullptr;
+  }
+  *array = tree->node[cls].id[genID];
+  if (*array == VMA_NO_ARRAY || slot >= VMAArrayLength_(tree->arena, *array, genID)) {
+    Corrupted(tree, "a head reference names no slot", ref);
+    return nullptr;
+  }
+  uint32_t end = 0;
+  auto *bytes = static_cast<uint8_t *>(VMAArrayRange_(tree->arena, *array, Locked(tree, genID), kArrayBlock, slot,
+                                                      &end, genID, read ? 1 : 0, kClassSize[cls], 0));
+  if (!bytes) QWErrorRethrow("cannot read head node %08x", ref);
+  return bytes;
+}
+
+bool PopFreeSlot(const PITree *tree, uint32_t cls, uint32_t *slot) {
+  if (!HeadIndexGet(tree, kFreeSlot0 + cls, NEWGEN, slot)) return false;
+  if (*slot == kNoRef) return true;
+  uint32_t array = 0;
+  uint8_t *bytes = AcquireSlot(tree, HeadRef(cls, *slot), NEWGEN, true, &array);
+  if (!bytes) return false;
+  const bool isFree = bytes[0] == kFreeMark;
+  const uint32_t next = GetU32(bytes + 4);
+  VMAArrayRelease_(tree->arena, array, bytes, 1);
+  if (!isFree) return Corrupted(tree, "a free-slot list names a live head node", HeadRef(cls, *slot));
+  return WriteU32(tree, tree->headIndex, kFreeSlot0 + cls, next);
+}
+
+}  // namespace
+
+uint32_t HeadView::Find(uint8_t b) const {
+  const void *hit = std::memchr(branches, b, count);
+  return hit ? uint32_t(static_cast<const uint8_t *>(hit) - branches) : count;
+}
+
+void HeadNode::Assign(const HeadView &view) {
+  hasData = view.hasData;
+  data = view.data;
+  skip.assign(view.skip, view.skip + view.skipLength);
+  branches.assign(view.branches, view.branches + view.count);
+  refs.resize(view.count);
+  for (uint32_t i = 0; i < view.count; ++i) refs[i] = view.Ref(i);
+}
+
+void HeadNode::InsertBranch(uint8_t b, uint32_t ref) {
+  auto at = std::lower_bound(branches.begin(), branches.end(), b);
+  refs.insert(refs.begin() + (at - branches.begin()), ref);
+  branches.insert(at, b);
+}
+
+bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
+  Release();
+  bytes_ = AcquireSlot(tree_, ref, genID_, read_, &array_);
+  if (!bytes_) return false;
+  if (!ParseHead(bytes_, kClassSize[ClassOf(ref)], view)) return Corrupted(tree_, "malformed head node", ref);
+  // Branches must rise, or lookups could miss keys and writes duplicate them.
+  for (uint32_t i = 1; i < view->count; ++i)
+    if (view->branches[i] <= view->branches[i - 1]) return Corrupted(tree_, "unordered head node", ref);
+  return true;
+}
+
+void HeadSlot::Release() {
+  if (bytes_) VMAArrayRelease_(tree_->arena, array_, bytes_, read_ ? 1 : 0);
+  bytes_ = nullptr;
+}
+
+bool HeadIndexGet(const PITree *tree, uint32_t index, uint32_t genID, uint32_t *value) {
+  const uint32_t id = tree->headIndex.id[genID];
+  const uint32_t length = id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(tree->arena, id, genID);
+  if (length == 0) {
+    *value = index == kNextLeafSlot ? 0 : kNoRef;
+    return true;
+  }
+  if (length != kHeadIndexLength) return Corrupted(tree, "the head index has a wrong length", length);
+  return ReadU32(tree, tree->headIndex, index, genID, value);
+}
+
+bool HeadIndexEnsure(const PITree *tree) {
+  const uint32_t id = tree->headIndex.id[NEWGEN];
+  if (VMAArrayLength_(tree->arena, id, NEWGEN) != 0) return true;
+  uint32_t initial[kHeadIndexLength];
+  std::fill(std::begin(initial), std::end(initial), kNoRef);
+  initial[kNextLeafSlot] = 0;
+  return VMAArrayAppend_(tree->arena, id, Locked(tree, NEWGEN), kArrayBlock, initial, kHeadIndexLength, NEWGEN, 4);
+}
+
+bool HeadRead(const PITree *tree, uint32_t ref, uint32_t genID, HeadNode *node) {
+  HeadSlot slot(tree, genID, true);
+  HeadView view;
+  if (!slot.Acquire(ref, &view)) return false;
+  node->Assign(view);
+  return true;
+}
+
+bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref) {
+  const uint32_t cls = ClassFor(node.EncodedSize());
+  qwassert_(cls < kClassCount && node.skip.size() <= kMaxSkip);
+  uint32_t slot = kNoRef;
+  if (!PopFreeSlot(tree, cls, &slot)) return false;
+  const uint32_t id = tree->node[cls].id[NEWGEN];
+  if (slot == kNoRef) {
+    slot = VMAArrayLength_(tree->arena, id, NEWGEN);
+    if (slot > SlotOf(kNoRef) - 1) return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the head tree is full");
+    uint8_t zero[2048] = {};
+    if (!VMAArrayAppend_(tree->arena, id, Locked(tree, NEWGEN), kArrayBlock, zero, 1, NEWGEN, kClassSize[cls]))
+      return QWErrorRethrow("cannot add a head node");
+  }
+  *ref = HeadRef(cls, slot);
+  uint32_t array = 0;
+  uint8_t *bytes = AcquireSlot(tree, *ref, NEWGEN, false, &array);
+  if (!bytes) return false;
+  Serialize(node, bytes);
+  VMAArrayRelease_(tree->arena, array, bytes, 0);
+  return true;
+}
+
+bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref) {
+  if (node.EncodedSize() > kClassSize[ClassOf(*ref)]) {
+    uint32_t moved = kNoRef;
+    if (!HeadNew(tree, node, &moved) || !HeadFree(tree, *ref)) return false;
+    *ref = moved;
+    return true;
+  }
+  uint32_t array = 0;
+  uint8_t *bytes = AcquireSlot(tree, *ref, NEWGEN, false, &array);
+  if (!bytes) return false;
+  Serialize(node, bytes);
+  VMAArrayRelease_(tree->arena, array, bytes, 0);
+  return true;
+}
+
+bool HeadFree(const PITree *tree, uint32_t ref) {
+  const uint32_t cls = ClassOf(ref);
+  uint32_t head = kNoRef, array = 0;
+  if (!HeadIndexGet(tree, kFreeSlot0 + cls, NEWGEN, &head)) return false;
+  uint8_t *bytes = AcquireSlot(tree, ref, NEWGEN, false, &array);
+  if (!bytes) return false;
+  bytes[0] = kFreeMark;
+  PutU32(bytes + 4, head);
+  VMAArrayRelease_(tree->arena, array, bytes, 0);
+  return WriteU32(tree, tree->headIndex, kFreeSlot0 + cls, SlotOf(ref));
+}
+
+}  // namespace qw::pit

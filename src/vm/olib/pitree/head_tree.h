@@ -1,0 +1,102 @@
+// The head tree: the upper levels of the trie, in fixed-size slots of four
+// arena arrays ".../pitree/head/node0" .. "node3" (slots of 32, 128, 512 and
+// 2048 bytes: a node sits in the smallest class that holds it, so one head
+// step reads one slot, inside one 8192-byte block).
+//
+// Head node, little-endian, at the start of its slot:
+//
+//   offset  size        field
+//   0       1           flags: bit 0 hasData; 0x80 marks a free slot
+//   1       1           skipLen: key bytes every key below shares (0 .. 255)
+//   2       2           count: branches (0 .. 256)
+//   4       8           data, when hasData (the atom ending after the skip)
+//   ..      skipLen     skip bytes
+//   ..      count       branch bytes, strictly ascending
+//   ..      4 * count   references, in branch order
+//
+// A reference is 32 bits: bit 31 set names leaf (ref & 0x7FFFFFFF); else bits
+// 28..30 are the node class and bits 0..27 the slot. A free slot holds 0x80
+// and, at offset 4, the next free slot of its class (0xFFFFFFFF ends it).
+//
+// The arena array ".../pitree/head/headIndex" (32-bit elements) holds the
+// root reference (0xFFFFFFFF: no atom), the next fresh leaf number and the
+// head of each class's free-slot list. The largest node (256 branches, a
+// 255-byte skip and data) takes 1547 bytes and fits class 3.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "vm/olib/pitree/pitree_internal.h"
+
+namespace qw::pit {
+
+inline constexpr uint8_t kHasData = 1, kFreeMark = 0x80;
+inline constexpr uint32_t kMaxSkip = 255;
+
+// A head node read in place (pointers into the slot).
+struct HeadView {
+  bool hasData;
+  uint64_t data;
+  uint32_t skipLength;
+  const uint8_t *skip;
+  uint32_t count;
+  const uint8_t *branches;
+  const uint8_t *refs;
+  uint32_t Ref(uint32_t i) const {
+    const uint8_t *p = refs + 4 * i;
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+  }
+  // Position of branch byte b, or count when absent.
+  uint32_t Find(uint8_t b) const;
+};
+
+// A head node copied out, for changes.
+struct HeadNode {
+  bool hasData = false;
+  uint64_t data = 0;
+  std::vector<uint8_t> skip;
+  std::vector<uint8_t> branches;
+  std::vector<uint32_t> refs;
+  uint32_t EncodedSize() const { return 4 + (hasData ? 8 : 0) + uint32_t(skip.size()) + 5 * uint32_t(refs.size()); }
+  bool Empty() const { return !hasData && refs.empty(); }
+  void Assign(const HeadView &view);
+  void InsertBranch(uint8_t b, uint32_t ref);
+};
+
+// A slot held while its node is read; releases on destruction.
+class HeadSlot {
+ public:
+  HeadSlot(const PITree *tree, uint32_t genID, bool read) : tree_(tree), genID_(genID), read_(read) {}
+  ~HeadSlot() { Release(); }
+  HeadSlot(const HeadSlot &) = delete;
+  HeadSlot &operator=(const HeadSlot &) = delete;
+  // Acquires the node of `ref` and parses it into *view. False with an error
+  // (damaged data: arena tagged) when it cannot be read or does not parse.
+  [[nodiscard]] bool Acquire(uint32_t ref, HeadView *view);
+  uint8_t *bytes() const { return bytes_; }
+  void Release();
+
+ private:
+  const PITree *tree_;
+  uint32_t genID_;
+  bool read_;
+  uint32_t array_ = 0;
+  uint8_t *bytes_ = nullptr;
+};
+
+// The tree's headIndex element in `genID`; kNoRef / 0 when the tree has no
+// head yet. False with an error when it cannot be read.
+[[nodiscard]] bool HeadIndexGet(const PITree *tree, uint32_t index, uint32_t genID, uint32_t *value);
+// Makes headIndex whole in NEWGEN (first change of an empty tree).
+[[nodiscard]] bool HeadIndexEnsure(const PITree *tree);
+
+[[nodiscard]] bool HeadRead(const PITree *tree, uint32_t ref, uint32_t genID, HeadNode *node);
+// Writes `node` into a new slot of the smallest class that holds it.
+[[nodiscard]] bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref);
+// Writes `node` at *ref, moving it to a larger class when it no longer fits
+// (*ref then changes and the old slot is freed).
+[[nodiscard]] bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref);
+[[nodiscard]] bool HeadFree(const PITree *tree, uint32_t ref);
+
+}  // namespace qw::pit

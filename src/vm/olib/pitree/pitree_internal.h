@@ -1,0 +1,128 @@
+// The symbol-sequence tree record and what its files share.
+//
+// The tree is a byte trie. An atom's symbols are first turned into bytes by
+// an order-preserving, prefix-free code (key_codec.h), so that every node
+// has at most 256 branches and byte order is symbol order. The upper levels
+// live in the head tree (head_tree.h: fixed-size slots in arena arrays, one
+// block touch per head node); everything below a head branch lives in one
+// leaf, a compacted sub-trie in the block-directory array (leaf_codec.h).
+//
+// Invariants (in each generation):
+//  - headIndex is empty (no atom yet) or holds kHeadIndexLength elements:
+//    the root reference, the next fresh leaf number and one free-slot list
+//    head per node class.
+//  - Every reference reachable from the root names a live head node or a
+//    leaf below the next fresh leaf number whose bytes decode and hold at
+//    least one entry; no leaf number is both reachable and in "free".
+//  - A head node has data or at least one branch (empty nodes are unlinked).
+//  - A leaf's encoding is at most kExplodeBytes long (larger ones explode).
+//  - With params, params[0] is the number of atoms stored.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "qwvm/dbarray.h"
+#include "qwvm/pitree.h"
+#include "qwvm/vmaarray.h"
+
+// The name the generation and "no params" assertions report.
+#ifndef FALSE
+#define FALSE 0
+#endif
+
+namespace qw::pit {
+
+inline constexpr int kCorruptCode = 74;  // EBADMSG, as the arrays use
+inline constexpr uint32_t kNoRef = 0xFFFFFFFFu;
+inline constexpr uint32_t kLeafFlag = 0x80000000u;
+inline constexpr uint32_t kClassCount = 4;
+inline constexpr uint32_t kClassSize[kClassCount] = {32, 128, 512, 2048};
+inline constexpr uint32_t kHeadIndexLength = 2 + kClassCount;
+inline constexpr uint32_t kRootSlot = 0, kNextLeafSlot = 1, kFreeSlot0 = 2;
+// A leaf whose encoding passes this many bytes explodes into the head tree.
+inline constexpr uint32_t kExplodeBytes = 1024;
+// Scratch buffers past this many entries are given back.
+inline constexpr size_t kScratchLimit = 10000;
+
+inline bool IsLeafRef(uint32_t ref) { return (ref & kLeafFlag) != 0; }
+inline uint32_t LeafOf(uint32_t ref) { return ref & ~kLeafFlag; }
+inline uint32_t LeafRef(uint32_t leaf) { return leaf | kLeafFlag; }
+inline uint32_t ClassOf(uint32_t ref) { return ref >> 28; }
+inline uint32_t SlotOf(uint32_t ref) { return ref & 0x0FFFFFFFu; }
+inline uint32_t HeadRef(uint32_t cls, uint32_t slot) { return (cls << 28) | slot; }
+
+// One leaf entry while a leaf is rewritten: key bytes in the pool.
+struct Entry {
+  uint32_t offset;
+  uint32_t length;
+  uint64_t value;
+};
+
+// Decoded leaf: entries in ascending key order over one byte pool.
+struct EntryList {
+  std::vector<uint8_t> pool;
+  std::vector<Entry> entries;
+  void Clear() {
+    pool.clear();
+    entries.clear();
+  }
+  const uint8_t *Key(const Entry &e) const { return pool.data() + e.offset; }
+};
+
+}  // namespace qw::pit
+
+struct PITreeThreadData {
+  std::vector<uint8_t> key;       // the atom in bytes
+  qw::pit::EntryList leaf;        // a leaf being rewritten
+  std::vector<uint8_t> encoded;   // a leaf being encoded
+  std::vector<uint8_t> header;    // a node header being encoded
+  std::vector<uint32_t> path;     // head references crossed (with branch positions)
+};
+
+struct PITree {
+  VMArena *arena;
+  VMAArrayHandle headIndex;
+  VMAArrayHandle node[qw::pit::kClassCount];
+  DBArray *leaf;
+  VMAArrayHandle free;
+  uint32_t hasParams;
+  VMAArrayHandle params;
+  uint32_t locked[2];
+};
+
+namespace qw::pit {
+
+// Tags the arena corrupted (unless read-only) and raises a data error.
+// Returns false.
+bool Corrupted(const PITree *tree, const char *what, uint32_t detail);
+
+// Scratch buffers that grew past kScratchLimit are given back.
+void TrimScratch(PITreeThreadData *threadData);
+
+// Arena-array helpers over one generation's id of a handle.
+[[nodiscard]] bool ReadU32(const PITree *tree, const VMAArrayHandle &array, uint32_t index, uint32_t genID,
+                           uint32_t *value);
+[[nodiscard]] bool WriteU32(const PITree *tree, const VMAArrayHandle &array, uint32_t index, uint32_t value);
+inline int Locked(const PITree *tree, uint32_t genID) { return int(tree->locked[genID]); }
+
+// The generation argument: "FALSE" for anything but NEWGEN and OLDGEN.
+inline void CheckGeneration(uint32_t genID) {
+  if (genID != NEWGEN && genID != OLDGEN) qwassert_(FALSE);
+}
+
+// Leaves (leaf_store.cpp). A leaf's bytes are held from LeafAcquire until
+// LeafRelease; null with an error when the leaf is missing or unreadable.
+const uint8_t *LeafAcquire(const PITree *tree, uint32_t leaf, uint32_t genID, uint32_t *length);
+void LeafRelease(const PITree *tree, uint32_t genID, const uint8_t *bytes);
+// Stores `bytes` as a new leaf (a number from "free" first). NEWGEN.
+[[nodiscard]] bool LeafNew(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *leaf);
+[[nodiscard]] bool LeafWrite(const PITree *tree, uint32_t leaf, const std::vector<uint8_t> &bytes);
+// Empties the leaf and gives its number back to "free".
+[[nodiscard]] bool LeafFree(const PITree *tree, uint32_t leaf);
+// Builds the head subtree (or single leaf) holding entries [lo, hi) of
+// `list`, keys taken from byte `depth` on; *ref receives its reference.
+[[nodiscard]] bool BuildSubtree(const PITree *tree, PITreeThreadData *td, const EntryList &list, size_t lo,
+                                size_t hi, size_t depth, uint32_t *ref);
+
+}  // namespace qw::pit
