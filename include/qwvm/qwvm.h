@@ -15,5 +15,6 @@
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
 #include "qwvm/pitree.h"
+#include "qwvm/ldbarray.h"
 
 #endif /* QWVM_QWVM_H */
