@@ -14,6 +14,7 @@
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
+#include "qwvm/idtree.h"
 #include "qwvm/pitree.h"
 #include "qwvm/ldbarray.h"
 
