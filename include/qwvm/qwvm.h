@@ -17,5 +17,6 @@
 #include "qwvm/idtree.h"
 #include "qwvm/pitree.h"
 #include "qwvm/ldbarray.h"
+#include "qwvm/btree.h"
 
 #endif /* QWVM_QWVM_H */

@@ -1,0 +1,185 @@
+// Node search and the combined lookup / insert / replace / remove.
+//
+// A descent keeps the separators of the parent it came from and checks the
+// node it reaches against them (two comparisons), so a node whose keys
+// contradict the path to it is reported instead of sending later changes
+// astray.
+#include <bit>
+#include <initializer_list>
+
+#include "vm/olib/btree/btree_internal.h"
+
+static_assert(std::endian::native == std::endian::little, "node keys are read in place as little-endian");
+
+namespace qw::bt {
+
+template <typename Key>
+SearchResult Tree<Key>::Search(BTree *tree, const Node<Key> &node, Key key) {
+  const uint32_t keyCount = node.keyCount();
+  if (keyCount == 0) return {0, false};  // the empty root
+  if (keyCount == 1) {
+    const Key only = node.key(0);
+    if (only == key) return {0, true};
+    return {only < key ? 1u : 0u, false};
+  }
+  uint32_t start = 0, end = keyCount - 1;
+  while (start < end - 1) {
+    const uint32_t mid = (start + end) >> 1;
+    const Key at = node.key(mid);
+    if (at == key) return {mid, true};
+    if (at < key) start = mid;
+    else end = mid;
+  }
+  const Key low = node.key(start), high = node.key(end);
+  if (low > key) {
+    BT_ASSERT(tree, start == 0);
+    return {0, false};
+  }
+  if (high < key) {
+    BT_ASSERT(tree, end == (keyCount - 1));
+    return {keyCount, false};
+  }
+  if (low == key) return {start, true};
+  if (high == key) return {end, true};
+  return {start + 1, false};
+}
+
+namespace {
+
+// The four neighbour outs of a find.
+struct Outs {
+  uint64_t *lowerKey, *lowerValue, *upperKey, *upperValue;
+
+  void Reset() const {
+    for (uint64_t *out : {lowerKey, lowerValue, upperKey, upperValue})
+      if (out) *out = BTREE_NO_KEY;
+  }
+  void Lower(uint64_t key, uint64_t value) const {
+    if (lowerKey) *lowerKey = key;
+    if (lowerValue) *lowerValue = value;
+  }
+  void Upper(uint64_t key, uint64_t value) const {
+    if (upperKey) *upperKey = key;
+    if (upperValue) *upperValue = value;
+  }
+};
+
+// Separators a node reached by a descent must lie between.
+template <typename Key>
+struct Bounds {
+  bool hasLow = false, hasHigh = false;
+  Key low{}, high{};
+
+  bool Admit(const Node<Key> &node) const {
+    const uint32_t n = node.keyCount();
+    if (n == 0) return true;
+    return !(hasLow && node.key(0) <= low) && !(hasHigh && node.key(n - 1) >= high);
+  }
+  void Narrow(const Node<Key> &node, uint32_t position) {
+    if (position > 0) hasLow = true, low = node.key(position - 1);
+    if (position < node.keyCount()) hasHigh = true, high = node.key(position);
+  }
+};
+
+}  // namespace
+
+template <typename Key>
+bool Tree<Key>::AddRoot(BTree *tree, uint32_t genID) {
+  CheckGeneration(genID);
+  qwassert_(genID == NEWGEN);
+  const uint32_t blockID = VMArenaDataBlockNew(tree->arena, 0, 0);
+  if (blockID == INVALID_BLOCK_ID) {
+    if (QWErrorIsSet()) return QWErrorRethrow("no block for a B-tree root");
+    return QWErrorThrow(28, QW_ERROR_CLASS_SYSTEM, "no block for a B-tree root");  // ENOSPC
+  }
+  NodeRef ref;
+  if (!ref.Acquire(tree, blockID, NEWGEN, 0)) return false;
+  ref.bytes()[kFlagsOffset] = kLeafFlag;
+  StoreLE(ref.bytes() + kCountOffset, 0, 2);
+  ref.Release();
+  if (!WriteRoot(tree, blockID)) {
+    VMArenaDataBlockFree(tree->arena, blockID, 0);
+    return false;
+  }
+  return true;
+}
+
+template <typename Key>
+uint64_t Tree<Key>::Find(BTree *tree, Key key, uint64_t newValue, uint64_t notFoundValue, uint64_t *lowerKey,
+                         uint64_t *lowerValue, uint64_t *upperKey, uint64_t *upperValue, int create, int replace,
+                         int remove, uint32_t genID) {
+  qwassert_(!create || !remove);
+  CheckGeneration(genID);
+  if (create || replace || remove) qwassert_(genID == NEWGEN);
+  const Outs outs{lowerKey, lowerValue, upperKey, upperValue};
+  outs.Reset();
+
+  bool present = false;
+  uint32_t blockID = INVALID_BLOCK_ID;
+  if (!ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
+  if (!present) {
+    if (!create) return notFoundValue;
+    if (!AddRoot(tree, genID) || !ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
+  }
+  const bool tracking = create || remove;
+  if (tracking && !ResetPath(tree)) return notFoundValue;
+
+  Bounds<Key> bounds;
+  bool found = false;
+  uint64_t foundValue = notFoundValue;
+  for (uint32_t depth = 0;; ++depth) {
+    if (depth >= kMaxDepth) {
+      Corrupted(tree, blockID, "path deeper than any tree");
+      return notFoundValue;
+    }
+    NodeRef ref;
+    if (!ref.Acquire(tree, blockID, genID, 1)) return notFoundValue;
+    const Node<Key> node(tree, ref.bytes());
+    if (!NodeHeaderSound(tree, blockID, node)) return notFoundValue;
+    if (depth > 0 && node.keyCount() == 0) {
+      Corrupted(tree, blockID, "empty node below the root");
+      return notFoundValue;
+    }
+    if (!bounds.Admit(node)) {
+      Corrupted(tree, blockID, "keys outside their parent's separators");
+      return notFoundValue;
+    }
+    const SearchResult at = Search(tree, node, key);
+    if (tracking && !PushPath(tree, blockID, at.position)) return notFoundValue;
+    if (at.hit) {
+      found = true;
+      foundValue = node.value(at.position);
+      outs.Lower(uint64_t(key), foundValue);
+      outs.Upper(uint64_t(key), foundValue);
+      if (replace) {
+        ref.Release();
+        NodeRef writable;
+        if (!writable.Acquire(tree, blockID, genID, 0)) return notFoundValue;
+        Node<Key>(tree, writable.bytes()).setValue(at.position, newValue);
+      }
+      break;
+    }
+    if (at.position > 0) outs.Lower(uint64_t(node.key(at.position - 1)), node.value(at.position - 1));
+    if (at.position < node.keyCount()) outs.Upper(uint64_t(node.key(at.position)), node.value(at.position));
+    if (node.isLeaf()) break;
+    bounds.Narrow(node, at.position);
+    blockID = node.son(at.position);
+  }
+  if (found) {
+    // create never overwrites: only replace writes the value of a present key.
+    if (remove && !Delete(tree)) return notFoundValue;
+    return foundValue;
+  }
+  if (create && !Insert(tree, key, newValue, genID)) return notFoundValue;
+  return notFoundValue;
+}
+
+#define BT_INSTANTIATE(Key)                                                                                  \
+  template SearchResult Tree<Key>::Search(BTree *, const Node<Key> &, Key);                                  \
+  template bool Tree<Key>::AddRoot(BTree *, uint32_t);                                                       \
+  template uint64_t Tree<Key>::Find(BTree *, Key, uint64_t, uint64_t, uint64_t *, uint64_t *, uint64_t *,    \
+                                    uint64_t *, int, int, int, uint32_t);
+BT_INSTANTIATE(uint32_t)
+BT_INSTANTIATE(uint64_t)
+
+}  // namespace qw::bt
