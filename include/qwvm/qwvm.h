@@ -15,6 +15,8 @@
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
 #include "qwvm/idtree.h"
+#include "qwvm/fpbdict.h"
+#include "qwvm/pathdict.h"
 #include "qwvm/pitree.h"
 #include "qwvm/ldbarray.h"
 #include "qwvm/btree.h"
