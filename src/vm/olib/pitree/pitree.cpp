@@ -34,13 +34,6 @@ class PathRestore {
   size_t saved_;
 };
 
-bool AppendText(uint8_t **buffer, const std::string &text) {
-  const size_t at = ArrayLength(*buffer);
-  if (!ArrayGrow(*buffer, text.size())) return false;
-  std::memcpy(*buffer + at, text.data(), text.size());
-  return true;
-}
-
 // Finds (or, on a writable arena, makes) one arena array of the tree.
 bool OpenArray(PITree *tree, const std::string &path, const char *name, int scan, bool *created,
                VMAArrayHandle *handle) {
@@ -119,8 +112,9 @@ QW_API PITree *PITreeNew_(VMArena *arena, uint8_t **pathBuffer, const char *name
     ok = OpenArray(tree.get(), root + "/head", kNodeNames[c], scan, &madeAny, &tree->node[c]);
   if (ok) {
     int leafCreated = VMArenaIsReadOnly(arena) ? 0 : 1;
-    ok = AppendText(pathBuffer, std::string(name) + "/pitree/") &&
-         (tree->leaf = DBArrayNew(arena, pathBuffer, "leaf", &leafCreated, lock, PITREE_LEAF_BUCKETS)) != nullptr;
+    // The block-directory array takes its whole path; the buffer is its scratch.
+    ok = (tree->leaf = DBArrayNew(arena, pathBuffer, (root + "/leaf").c_str(), &leafCreated, lock,
+                                  PITREE_LEAF_BUCKETS)) != nullptr;
     if (ok) {
       DBArraySetCompact(tree->leaf, 0);
       madeAny = madeAny || leafCreated;
