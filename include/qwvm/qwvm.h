@@ -17,6 +17,7 @@
 #include "qwvm/idtree.h"
 #include "qwvm/fpbdict.h"
 #include "qwvm/pathdict.h"
+#include "qwvm/sfs.h"
 #include "qwvm/pitree.h"
 #include "qwvm/ldbarray.h"
 #include "qwvm/btree.h"

@@ -66,13 +66,13 @@ template <class T>
   return VMAArrayLengthSet_(array.arena, array.id[NEWGEN], count - 1, NEWGEN, sizeof(T)) != 0;
 }
 
-// Finds or makes the array base + "/" + name with both lock flags set to
+// Finds or makes the array base + "/" + name (base alone when name is NULL) with both lock flags set to
 // `locked`; *made becomes true when the name was new.
 [[nodiscard]] inline bool OpenNamedArray(VMArena *arena, const std::string &base, const char *name, int locked,
                                          VMAArrayHandle *handle, bool *made) {
   const uint32_t namesBefore = VMAArrayLength_(arena, 0, NEWGEN);
   if (!VMAArrayInitFromPath(handle, arena, base.c_str(), name)) {
-    return QWErrorRethrow("cannot open array \"%s/%s\"", base.c_str(), name);
+    return QWErrorRethrow("cannot open array \"%s%s%s\"", base.c_str(), name ? "/" : "", name ? name : "");
   }
   handle->locked[NEWGEN] = handle->locked[OLDGEN] = uint32_t(locked != 0);
   *made = *made || VMAArrayLength_(arena, 0, NEWGEN) != namesBefore;
