@@ -23,8 +23,19 @@
  * With L = 8185: leaf maxKeyCount = L / (V + K), internal maxKeyCount =
  * L / (V + K + 4); valueOffset = maxKeyCount * K; blockOffset = valueOffset
  * + maxKeyCount * V (for example K = 8, V = 4: 682 keys a leaf, 511 an
- * internal node). Every node other than the root holds at least
- * maxKeyCount / 2 keys; all leaves lie at the same depth.
+ * internal node). All leaves lie at the same depth. Every node other than
+ * the root holds at least maxKeyCount / 2 - 1 keys: a full node splits at
+ * n / 2 (or n / 2 + 1 when the middle key is below the new one) without
+ * ever moving the new key up, so one half of an even-sized node can end one
+ * key short of half; a delete that takes a node below maxKeyCount / 2
+ * redistributes with a sibling or merges.
+ *
+ * Son moves: inserting into or removing from an internal node shifts the
+ * sons behind the position by count * V bytes (not count * 4), as nodes of
+ * this format have always been written; the shift is kept inside the node
+ * (it never reaches the flags byte) and never shorter than the live sons, so
+ * every width keeps the son array whole. Only bytes past the live sons can
+ * differ from a shift by count * 4.
  *
  * Storage: two arena arrays under "<path>/<name>": "root" (one 32-bit
  * element, the root node's block id; empty for an empty tree) and "params"
@@ -236,8 +247,9 @@ typedef struct BTreeStat {
 /*
  * Verifies the whole tree of `genID` without changing anything: keys rise
  * strictly across the tree (in-order), every node holds at most its
- * maxKeyCount keys and every node but the root at least maxKeyCount / 2,
- * sons are valid blocks reached once, all leaves lie at the same depth.
+ * maxKeyCount keys and every node but the root at least maxKeyCount / 2 - 1
+ * (see the layout above), internal nodes hold keys, sons are valid blocks
+ * reached once, all leaves lie at the same depth.
  *  stat  [out] may be NULL; filled also when a problem is found (as far as
  *        the walk got).
  * Returns 1 when the tree is sound; 0 with an error of class

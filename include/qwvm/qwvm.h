@@ -20,6 +20,9 @@
 #include "qwvm/sfs.h"
 #include "qwvm/pitree.h"
 #include "qwvm/ldbarray.h"
+#include "qwvm/dbavlldict.h"
+#include "qwvm/gbarray.h"
+#include "qwvm/offsetmap.h"
 #include "qwvm/btree.h"
 
 #endif /* QWVM_QWVM_H */

@@ -117,6 +117,22 @@ bool GrowRoot(BTree *tree, uint32_t oldRoot, Key key, uint64_t value, uint32_t u
   return WriteRoot(tree, newRoot);
 }
 
+// The common case first: the leaf at the bottom of the path has room.
+// *done tells whether the entry went in.
+template <typename Key>
+bool InsertIntoLeaf(BTree *tree, Key key, uint64_t value, bool *done) {
+  const BTreePathEntry entry = ArrayLast(tree->path);
+  NodeRef ref;
+  if (!ref.Acquire(tree, entry.blockID, NEWGEN, 0)) return false;
+  Node<Key> node(tree, ref.bytes());
+  if (!NodeHeaderSound(tree, entry.blockID, node)) return false;
+  if (!node.isLeaf()) return Corrupted(tree, entry.blockID, "node kind contradicts its depth");
+  if (entry.keyIndex > node.keyCount()) return Corrupted(tree, entry.blockID, "path position beyond the node");
+  *done = node.keyCount() < node.maxKeyCount();
+  if (*done) Tree<Key>::InsertAt(tree, node, entry.keyIndex, key, value, INVALID_BLOCK_ID);
+  return true;
+}
+
 }  // namespace
 
 template <typename Key>
@@ -169,6 +185,9 @@ bool Tree<Key>::Insert(BTree *tree, Key key, uint64_t value, uint32_t genID) {
   qwassert_(genID == NEWGEN);
   const size_t depth = ArrayLength(tree->path);
   if (depth == 0) return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "B-tree insert without the path of a find");
+  bool done = false;
+  if (!InsertIntoLeaf(tree, key, value, &done)) return false;
+  if (done) return true;
   uint32_t needed = 0;
   BlockReserve reserve(tree);
   if (!BlocksNeeded<Key>(tree, &needed) || !reserve.Fill(needed)) return false;

@@ -12,6 +12,10 @@
 // blocks; level 1 lists the blocks of the data-block list, itself stored as
 // 8 * dataBlocks bytes by the same cutting rule. A descriptor is always
 // shorter than kListLimit (4091) bytes, so it fits a block-directory element.
+//
+// Freeing an element frees every block its cut names, at level 1 the last
+// (remainder) data block included: counting only the full and half blocks,
+// as a count by total / 8192 and total / 4096 would, leaks that block.
 #pragma once
 
 #include <cstdint>

@@ -76,6 +76,25 @@ TEST_F(BTreeFormat, FirstSplitAndInternalNodeBytes) {
   EXPECT_EQ(RawLE(NodeBytes(right), 0, 8), uint64_t(mid + 1) * 10);
 }
 
+// An even-sized node: the split by the rule above leaves the right part
+// one key short of half (682 / 2 - 1), which the check accepts.
+TEST_F(BTreeFormat, EvenSplitLeavesOneSideOneKeyShortOfHalf) {
+  Open(8, 4);
+  for (uint64_t k = 0; k <= 682; ++k) Create(k, k);
+  std::vector<uint32_t> counts;
+  BTreeBlockEnumerate(
+      tree,
+      [](uint32_t blockID, int isLeaf, void *context) {
+        if (isLeaf) static_cast<std::vector<uint32_t> *>(context)->push_back(blockID);
+        return 0;
+      },
+      &counts, NEWGEN, 1);
+  ASSERT_EQ(counts.size(), 2u);
+  EXPECT_EQ(RawKeyCount(NodeBytes(counts[0])), 342u);
+  EXPECT_EQ(RawKeyCount(NodeBytes(counts[1])), 340u);
+  EXPECT_EQ(Check().entryCount, 683u);
+}
+
 // Stored nodes that break the layout, each with what a lookup reports.
 TEST_F(BTreeFormat, DamagedNodesTagTheArenaAndFailTheCall) {
   struct Damage {

@@ -1,0 +1,164 @@
+// The AVL dictionary against a std::map: random inserts of new keys,
+// replaces, removes, finds and nearest-key queries, with commits, reopens
+// and reads of the committed generation after further changes; the tree
+// must stay a sound AVL tree (DBAVLLCheck) after every batch.
+//
+// The free list shapes the operation mix: a removal puts its node on the
+// list and an insertion of a new key must leave it empty, so removals run
+// while the list is empty, except in the draining phases, which remove
+// until the tree is small and then clear it.
+#include <random>
+
+#include "avl_fixture.h"
+
+namespace {
+
+using avltest::Model;
+
+struct ModelCase {
+  const char *name;
+  uint32_t seed;
+  uint32_t steps;
+  uint32_t keyRange;  // keys drawn below this (small: many replaces)
+  bool mapped;
+};
+
+class AVLModel : public avltest::AVLTest, public ::testing::WithParamInterface<ModelCase> {
+ protected:
+  uint64_t RandomKey() { return rng() % GetParam().keyRange; }
+  // A key present in the model (the model is not empty).
+  uint64_t PresentKey(const Model &model) {
+    auto at = model.lower_bound(RandomKey());
+    return at == model.end() ? model.begin()->first : at->first;
+  }
+  void ExpectNearest(const Model &model, uint64_t key, uint32_t gen) {
+    uint64_t lo = 0, hi = 0;
+    auto at = model.lower_bound(key);
+    if (at != model.end() && at->first == key) {
+      for (int32_t direction : {-1, 0, 1}) ASSERT_EQ(QWDBAVLLDictFindNearest(dict, key, direction, gen), key);
+      return;
+    }
+    if (at != model.end()) hi = at->first;
+    if (at != model.begin()) lo = std::prev(at)->first;
+    const uint64_t closest = lo == 0 ? hi : hi == 0 ? lo : key - lo < hi - key ? lo : hi;
+    ASSERT_EQ(QWDBAVLLDictFindNearest(dict, key, -1, gen), lo) << key;
+    ASSERT_EQ(QWDBAVLLDictFindNearest(dict, key, 1, gen), hi) << key;
+    ASSERT_EQ(QWDBAVLLDictFindNearest(dict, key, 0, gen), closest) << key;
+  }
+
+  std::mt19937 rng;
+};
+
+TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
+  const ModelCase &c = GetParam();
+  rng.seed(c.seed);
+  mapped = c.mapped ? VM_FLAG_MAPPED : 0;
+  Open();
+  Model model, committed;
+  uint32_t freeNodes = 0, committedFree = 0;
+  bool draining = false;
+  uint32_t inserts = 0, replaces = 0, removes = 0, commits = 0, reopens = 0, clears = 0, reused = 0;
+
+  for (uint32_t step = 0; step < c.steps; ++step) {
+    const uint32_t r = rng() % 1000;
+    const uint64_t key = RandomKey();
+    if (draining) {
+      if (model.size() <= 16) {
+        // Clearing empties the free list too; the node array grows by two.
+        const uint32_t before = NodeCount();
+        ASSERT_EQ(QWDBAVLLDictClear(dict, NEWGEN), 1) << QWErrorMessage();
+        ASSERT_EQ(NodeCount(), before + 2);
+        model.clear();
+        freeNodes = 0;
+        draining = false;
+        ++clears;
+      } else {
+        const uint64_t k = PresentKey(model);
+        ASSERT_EQ(QWDBAVLLDictRemove(dict, k, 7, NEWGEN), model[k]) << QWErrorMessage();
+        model.erase(k);
+        ++freeNodes;
+        ++removes;
+      }
+    } else if (r < 450) {
+      const uint64_t k = !model.empty() && rng() % 4 == 0 ? PresentKey(model) : key;
+      const auto found = model.find(k);
+      const uint64_t value = rng();
+      const uint32_t before = NodeCount();
+      const uint64_t expected = found == model.end() ? 0xABCDEFull : found->second;
+      ASSERT_EQ(QWDBAVLLDictInsert(dict, k, value, 0xABCDEFull, NEWGEN), expected) << QWErrorMessage();
+      if (found == model.end()) {
+        // A freed node is reused before the array grows.
+        ASSERT_EQ(NodeCount(), before + (freeNodes ? 0 : 1));
+        reused += freeNodes;
+        freeNodes = 0;
+        ++inserts;
+      } else {
+        ++replaces;
+      }
+      model[k] = uint32_t(value);
+    } else if (r < 650) {
+      // Removal only while the list is empty, so the next insert is valid;
+      // half of the time a present key.
+      const uint64_t k = !model.empty() && rng() % 2 ? PresentKey(model) : key;
+      if (freeNodes == 0 || model.count(k) == 0) {
+        const auto found = model.find(k);
+        ASSERT_EQ(QWDBAVLLDictRemove(dict, k, 0x5555ull, NEWGEN), found == model.end() ? 0x5555ull : found->second);
+        if (found != model.end()) {
+          model.erase(found);
+          ++freeNodes;
+          ++removes;
+        }
+      }
+    } else if (r < 800) {
+      const auto found = model.find(key);
+      ASSERT_EQ(QWDBAVLLDictFind(dict, key, 99, NEWGEN), found == model.end() ? 99 : found->second);
+      if (!committed.empty()) {
+        const auto old = committed.find(key);
+        ASSERT_EQ(QWDBAVLLDictFind(dict, key, 99, OLDGEN), old == committed.end() ? 99 : old->second);
+      }
+    } else if (r < 950) {
+      ExpectNearest(model, key, NEWGEN);
+      ExpectNearest(committed, key, OLDGEN);
+    } else if (r < 975) {
+      ASSERT_TRUE(Commit()) << QWErrorMessage();
+      committed = model;
+      committedFree = freeNodes;
+      ++commits;
+    } else if (r < 985) {
+      Reopen();  // uncommitted changes are dropped
+      model = committed;
+      freeNodes = committedFree;
+      ++reopens;
+    } else if (r < 988) {
+      draining = true;
+    }
+    if (HasFatalFailure()) return;
+    if (step % 500 == 499) {
+      SCOPED_TRACE("step " + std::to_string(step));
+      ExpectSame(model, NEWGEN);
+      ExpectSame(committed, OLDGEN);
+      if (HasFatalFailure()) return;
+    }
+  }
+  ExpectSame(model, NEWGEN);
+  ASSERT_TRUE(Commit());
+  Reopen();
+  ExpectSame(model, OLDGEN);
+  ExpectSame(model, NEWGEN);
+  // Every kind of step ran.
+  EXPECT_GT(inserts, 0u);
+  EXPECT_GT(replaces, 0u);
+  EXPECT_GT(removes, 0u);
+  EXPECT_GT(reused, 0u);
+  EXPECT_GT(commits, 0u);
+  EXPECT_GT(reopens, 0u);
+  EXPECT_GT(clears, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, AVLModel,
+                         ::testing::Values(ModelCase{"wide_keys", 7, 30000, 1u << 30, false},
+                                           ModelCase{"narrow_keys", 19, 20000, 3000, false},
+                                           ModelCase{"mapped", 31, 20000, 100000, true}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace
