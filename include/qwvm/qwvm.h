@@ -14,11 +14,15 @@
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
-#include "qwvm/dbavlldict.h"
 #include "qwvm/ldbarray.h"
 #include "qwvm/gbarray.h"
 #include "qwvm/offsetmap.h"
 #include "qwvm/btree.h"
+#include "qwvm/dbavlldict.h"
 #include "qwvm/pitree.h"
+#include "qwvm/idtree.h"
+#include "qwvm/fpbdict.h"
+#include "qwvm/pathdict.h"
+#include "qwvm/sfs.h"
 
 #endif /* QWVM_QWVM_H */

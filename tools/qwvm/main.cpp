@@ -15,6 +15,8 @@ void Usage(FILE *out) {
                "                                    (default: ./qwvm-tour)\n"
                "  check DIR [--serial OLD NEW]      check an arena for shared blocks (exit 1 if any)\n"
                "  stat DIR [--serial OLD NEW]       print an arena's statistics\n"
+               "  sfs DIR put PATH FILE | get PATH | ls [PREFIX]\n"
+               "                                    use a small file store by hand\n"
                "  help                              this text\n");
 }
 
@@ -29,6 +31,7 @@ int main(int argc, char **argv) {
   if (command == "tour") return qwtool::RunTour(argc > 2 ? argv[2] : "qwvm-tour");
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
+  if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;

@@ -12,10 +12,7 @@
 namespace qwtool {
 namespace {
 
-int Fail(const char *what) {
-  std::fprintf(stderr, "qwvm tour: %s failed:\n%s\n", what, QWErrorMessage());
-  return 1;
-}
+int Fail(const char *what) { return TourFail(what); }
 
 struct TourBlock {
   uint64_t id;
@@ -193,6 +190,11 @@ bool PrepareTourDirectory(const std::string &directory) {
 
 }  // namespace
 
+int TourFail(const char *what) {
+  std::fprintf(stderr, "qwvm tour: %s failed:\n%s\n", what, QWErrorMessage());
+  return 1;
+}
+
 int RunTour(const char *directory) {
   std::printf("qwvm tour in \"%s\"\n", directory);
   if (!PrepareTourDirectory(directory)) return 1;
@@ -201,6 +203,8 @@ int RunTour(const char *directory) {
   int status = TourPlatform(directory);
   if (status == 0) status = TourArena(directory, cache);
   if (status == 0) status = TourArrays(directory, cache);
+  if (status == 0) status = TourStructures(directory, cache);
+  if (status == 0) status = TourFiles(directory);
   PageCacheFree(cache);
   if (status == 0) std::printf("\ntour complete: everything read back as written\n");
   return status;

@@ -1,0 +1,184 @@
+// Small file store: files of every size across commits and reopenings, the
+// handle's generation bit, record gaps and reuse, and readers of the
+// committed generation beside a writer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qwvm/qwvm.h"
+#include "support/test_support.h"
+
+namespace {
+
+std::string Bytes(uint32_t length, uint32_t seed) {
+  std::string bytes(length, '\0');
+  for (uint32_t i = 0; i < length; ++i) bytes[i] = char((i * 131 + seed * 7 + (i >> 9)) & 0xFF);
+  return bytes;
+}
+
+class SFSTest : public qwtest::TempDirTest {
+ protected:
+  void TearDown() override {
+    if (store) SFSClose(store);
+    ArrayFree(buffer);
+    qwtest::TempDirTest::TearDown();
+  }
+  void Open(int writable = 1) {
+    if (store) SFSClose(store);
+    store = SFSOpen(path("store").c_str(), writable, 0, 2, nullptr);
+    ASSERT_NE(store, nullptr) << QWErrorMessage();
+  }
+  uint32_t Put(const std::string &name, const std::string &bytes) {
+    EXPECT_TRUE(SFSAcquire(store, 0));
+    const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 1, NEWGEN);
+    EXPECT_NE(handle, SFS_NO_HANDLE) << QWErrorMessage();
+    EXPECT_EQ(handle & 1, 1u);
+    EXPECT_EQ(SFSSet(store, handle, bytes.data(), uint32_t(bytes.size())), 1) << QWErrorMessage();
+    EXPECT_TRUE(SFSRelease(store, 0));
+    return handle;
+  }
+  // The file's bytes in genID; nullopt-like "<absent>" when the path is not there.
+  std::string Get(const std::string &name, uint32_t genID) {
+    const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, genID);
+    if (handle == SFS_NO_HANDLE) return "<absent>";
+    EXPECT_EQ(handle & 1, genID == NEWGEN ? 1u : 0u);
+    EXPECT_TRUE(SFSGetArray(store, handle, &buffer, 0)) << QWErrorMessage();
+    return std::string(reinterpret_cast<const char *>(buffer), ArrayLength(buffer));
+  }
+  SFS *store = nullptr;
+  uint8_t *buffer = nullptr;
+};
+
+TEST_F(SFSTest, FilesOfEverySizeSurviveCommitAndReopen) {
+  Open();
+  const uint32_t sizes[] = {0, 1, 4089, 4090, 4091, 8192, 20000, 100000, 3u << 20};
+  std::map<std::string, std::string> model;
+  for (uint32_t i = 0; i < std::size(sizes); ++i) {
+    model["dir/f" + std::to_string(i)] = Bytes(sizes[i], i);
+    Put("dir/f" + std::to_string(i), model["dir/f" + std::to_string(i)]);
+  }
+  for (const auto &[name, bytes] : model) EXPECT_EQ(Get(name, NEWGEN), bytes) << name;
+  EXPECT_EQ(Get("dir/f1", OLDGEN), "<absent>");
+  ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
+  // Overwrite after the commit: OLDGEN keeps the committed bytes.
+  Put("dir/f2", "changed");
+  EXPECT_EQ(Get("dir/f2", OLDGEN), model["dir/f2"]);
+  EXPECT_EQ(Get("dir/f2", NEWGEN), "changed");
+  Open(0);  // read-only: the uncommitted change is gone
+  for (const auto &[name, bytes] : model) EXPECT_EQ(Get(name, OLDGEN), bytes) << name;
+  std::vector<std::string> listed;
+  ASSERT_TRUE(SFSList(store, "dir", 3, OLDGEN,
+                      [](void *context, const char *path, uint32_t length, uint32_t) {
+                        static_cast<std::vector<std::string> *>(context)->emplace_back(path, length);
+                        return 1;
+                      },
+                      &listed));
+  EXPECT_EQ(listed.size(), model.size());
+}
+
+TEST_F(SFSTest, HandlesAndRecords) {
+  Open();
+  const uint32_t handle = Put("a", "x");
+  uint32_t end = 7, length = 7;
+  // A file ID beyond the records of its generation.
+  EXPECT_EQ(SFSGet(store, (99u << 1) | 1, 0, &end, &length), nullptr);
+  EXPECT_EQ(end, 0u);
+  EXPECT_EQ(length, 0u);
+  // At the end of a file: NULL with end = offset.
+  EXPECT_EQ(SFSGet(store, handle, 1, &end, &length), nullptr);
+  EXPECT_EQ(end, 1u);
+  EXPECT_EQ(length, 1u);
+  EXPECT_EQ(SFSSet(store, SFS_NO_HANDLE, "y", 1), 0);
+  EXPECT_EQ(SFSHandleGet(store, "missing", 7, 0, NEWGEN), SFS_NO_HANDLE);
+  EXPECT_FALSE(QWErrorIsSet());
+  ASSERT_TRUE(SFSCommit(store));
+  const uint32_t old = SFSHandleGet(store, "a", 1, 0, OLDGEN);
+  EXPECT_EQ(old, handle & ~1u);
+  EXPECT_DEATH(SFSSet(store, old, "y", 1), "genID == NEWGEN");
+  EXPECT_DEATH(SFSHandleGet(store, "b", 1, 1, OLDGEN), "!create");
+}
+
+TEST_F(SFSTest, GapsAreFilledAndFreeIDsKeepTheirRecord) {
+  Open();
+  VMArena *arena = SFSArenaGet(store);
+  Put("first", "one");
+  // Move the counter far ahead: the next file fills the gap with empty records.
+  VMAArrayHandle params, free;
+  ASSERT_TRUE(VMAArrayInitFromPath(&params, arena, "params", nullptr));
+  ASSERT_TRUE(VMAArrayInitFromPath(&free, arena, "free", nullptr));
+  uint32_t end = 0;
+  auto *counter = static_cast<uint32_t *>(VMAArrayRange_(arena, params.id[0], 0, 8192, 0, &end, NEWGEN, 0, 4, 0));
+  ASSERT_NE(counter, nullptr);
+  *counter = 50;
+  VMAArrayRelease_(arena, params.id[0], counter, 0);
+  const uint32_t far = Put("far", "fifty");
+  EXPECT_EQ(far >> 1, 50u);
+  uint32_t length = 0;
+  EXPECT_EQ(SFSGet(store, (49u << 1) | 1, 0, &end, &length), nullptr);
+  EXPECT_EQ(length, 0u);  // an empty record, not a missing one
+  // A freed ID comes back first and keeps its old bytes until overwritten.
+  const uint32_t zero = 0;
+  ASSERT_TRUE(VMAArrayAppend_(arena, free.id[0], 0, 8192, &zero, 1, NEWGEN, 4));
+  ASSERT_TRUE(SFSAcquire(store, 0));
+  const uint32_t reused = SFSHandleGet(store, "again", 5, 1, NEWGEN);
+  ASSERT_TRUE(SFSRelease(store, 0));
+  EXPECT_EQ(reused >> 1, 0u);
+  EXPECT_EQ(Get("again", NEWGEN), "one");
+}
+
+TEST_F(SFSTest, MissingStoreIsRefused) {
+  EXPECT_EQ(SFSOpen(path("nothing").c_str(), 0, 0, 2, nullptr), nullptr);
+  EXPECT_NE(std::string(QWErrorMessage()).find("SFSOpen:cannot open arena in directory"), std::string::npos)
+      << QWErrorMessage();
+}
+
+// Readers of the committed generation never see a file half written or a
+// version that was not committed, while one writer sets and commits.
+TEST_F(SFSTest, ConcurrencyReadersOfTheCommittedGenerationBesideAWriter) {
+  Open();
+  constexpr int kFiles = 8;
+  for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(0)));
+  ASSERT_TRUE(SFSCommit(store));
+  std::atomic<int> committedVersion{0}, committingVersion{0};
+  std::atomic<bool> stop{false};
+  std::atomic<long> reads{0};
+  auto reader = [&] {
+    uint8_t *local = nullptr;
+    std::mt19937 random(std::hash<std::thread::id>()(std::this_thread::get_id()));
+    while (!stop) {
+      const int before = committedVersion;
+      ASSERT_TRUE(SFSAcquire(store, 1));
+      const std::string name = "f" + std::to_string(random() % kFiles);
+      const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, OLDGEN);
+      ASSERT_NE(handle, SFS_NO_HANDLE) << QWErrorMessage();
+      ASSERT_TRUE(SFSGetArray(store, handle, &local, 0)) << QWErrorMessage();
+      ASSERT_TRUE(SFSRelease(store, 1));
+      const size_t length = ArrayLength(local);
+      ASSERT_GT(length, 0u);
+      const int version = local[0];
+      for (size_t i = 0; i < length; ++i) ASSERT_EQ(local[i], version) << "torn file " << name;
+      ASSERT_GE(version, before);
+      ASSERT_LE(version, committingVersion.load());
+      ++reads;
+    }
+    ArrayFree(local);
+  };
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 3; ++r) readers.emplace_back(reader);
+  for (int version = 1; version <= 20; ++version) {
+    for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(version)));
+    committingVersion = version;
+    ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
+    committedVersion = version;
+  }
+  stop = true;
+  for (auto &thread : readers) thread.join();
+  EXPECT_GT(reads.load(), 0);
+}
+
+}  // namespace
