@@ -5,10 +5,8 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <type_traits>
 
-#include "qwvm/qwlib.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/vmarena.h"
 #include "util/endian.h"
@@ -64,19 +62,6 @@ template <class T>
   uint32_t count = CellCount(array, NEWGEN);
   if (count == 0 || !CellGet(array, count - 1, NEWGEN, value)) return false;
   return VMAArrayLengthSet_(array.arena, array.id[NEWGEN], count - 1, NEWGEN, sizeof(T)) != 0;
-}
-
-// Finds or makes the array base + "/" + name (base alone when name is NULL) with both lock flags set to
-// `locked`; *made becomes true when the name was new.
-[[nodiscard]] inline bool OpenNamedArray(VMArena *arena, const std::string &base, const char *name, int locked,
-                                         VMAArrayHandle *handle, bool *made) {
-  const uint32_t namesBefore = VMAArrayLength_(arena, 0, NEWGEN);
-  if (!VMAArrayInitFromPath(handle, arena, base.c_str(), name)) {
-    return QWErrorRethrow("cannot open array \"%s%s%s\"", base.c_str(), name ? "/" : "", name ? name : "");
-  }
-  handle->locked[NEWGEN] = handle->locked[OLDGEN] = uint32_t(locked != 0);
-  *made = *made || VMAArrayLength_(arena, 0, NEWGEN) != namesBefore;
-  return true;
 }
 
 }  // namespace qw::olib

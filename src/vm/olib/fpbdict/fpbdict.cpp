@@ -6,6 +6,8 @@
 #include "qwvm/btree.h"
 #include "qwvm/fpbdict.h"
 #include "vm/olib/common/checks.h"
+#include "vm/olib/common/named_array.h"
+#include "vm/olib/common/owner.h"
 #include "vm/olib/common/id_allocator.h"
 #include "vm/olib/common/path_buffer.h"
 
@@ -33,14 +35,6 @@ qw::olib::IdAllocator<uint32_t> Allocator(const FPBDict *dict) {
   return qw::olib::IdAllocator<uint32_t>(dict->params, dict->freeWID);
 }
 
-struct DictDeleter {
-  void operator()(FPBDict *dict) const {
-    QWErrorSave();  // the failure that made us free it is the one to report
-    FPBDictFree(dict);
-    QWErrorRestore();
-  }
-};
-
 
 // Takes the WID that Peek named, refusing to hand out the "absent" value.
 bool TakeWID(FPBDict *dict, bool useFreeList, uint32_t peeked) {
@@ -61,14 +55,14 @@ QW_API FPBDict *FPBDictNew(VMArena *arena, uint8_t **pathBuffer, const char *nam
   qw::olib::PathScope path(pathBuffer);
   if (!path.ok()) return nullptr;
   const std::string base = path.Text() + name;
-  std::unique_ptr<FPBDict, DictDeleter> dict(static_cast<FPBDict *>(Allocate(sizeof(FPBDict))));
+  qw::olib::Owner<FPBDict, FPBDictFree> dict(static_cast<FPBDict *>(Allocate(sizeof(FPBDict))));
   if (!dict) return nullptr;
   *dict = FPBDict{nullptr, {}, {}};
   const uint32_t namesBefore = VMAArrayLength_(arena, 0, NEWGEN);
   bool made = false;
   if ((dict->lookup = BTreeNew(arena, base.c_str(), "lookup", 0, kKeySize, kValueSize)) == nullptr ||
-      !qw::olib::OpenNamedArray(arena, base, "params", locked, &dict->params, &made) ||
-      !qw::olib::OpenNamedArray(arena, base, "freeWID", locked, &dict->freeWID, &made) ||
+      !qw::olib::OpenNamedArray(arena, base, "params", 0, locked, &dict->params, &made) ||
+      !qw::olib::OpenNamedArray(arena, base, "freeWID", 0, locked, &dict->freeWID, &made) ||
       !qw::olib::EnsureCounter<uint32_t>(dict->params)) {
     QWErrorRethrow("FPBDictNew: cannot open dictionary \"%s\"", base.c_str());
     return nullptr;

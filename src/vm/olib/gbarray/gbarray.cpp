@@ -11,7 +11,8 @@
 
 #include "qwvm/gbarray.h"
 #include "util/endian.h"
-#include "vm/olib/array_cursor.h"
+#include "vm/olib/common/array_cursor.h"
+#include "vm/olib/common/named_array.h"
 
 #ifndef FALSE
 #define FALSE 0

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "vm/olib/common/cells.h"
+#include "vm/olib/common/named_array.h"
+#include "vm/olib/common/owner.h"
 #include "vm/olib/common/checks.h"
 #include "vm/olib/common/path_buffer.h"
 #include "vm/olib/idtree/idtree_internal.h"
@@ -20,17 +22,6 @@ uint32_t *SymbolScratch(IDTreeThreadData *threadData, uint32_t length) {
   return threadData->symbols;
 }
 
-namespace {
-
-struct TreeDeleter {
-  void operator()(IDTree *tree) const {
-    QWErrorSave();  // the failure that made us free it is the one to report
-    IDTreeFree(tree);
-    QWErrorRestore();
-  }
-};
-
-}  // namespace
 }  // namespace qw::idtree
 
 using namespace qw::idtree;
@@ -44,15 +35,15 @@ QW_API IDTree *IDTreeNew(VMArena *arena, uint8_t **pathBuffer, const char *name,
   qw::olib::PathScope path(pathBuffer);
   if (!path.ok()) return nullptr;
   const std::string base = path.Text() + name;
-  std::unique_ptr<IDTree, TreeDeleter> tree(static_cast<IDTree *>(Allocate(sizeof(IDTree))));
+  qw::olib::Owner<IDTree, IDTreeFree> tree(static_cast<IDTree *>(Allocate(sizeof(IDTree))));
   if (!tree) return nullptr;
   *tree = IDTree{nullptr, {}, {}};
   int lookupMade = 0;
   bool made = false;
   if (!path.Append(std::string(name) + "/") ||
       (tree->lookup = PITreeNew(arena, pathBuffer, "lookup", &lookupMade, locked)) == nullptr ||
-      !qw::olib::OpenNamedArray(arena, base, "params", locked, &tree->params, &made) ||
-      !qw::olib::OpenNamedArray(arena, base, "freeWID", locked, &tree->freeWID, &made) ||
+      !qw::olib::OpenNamedArray(arena, base, "params", 0, locked, &tree->params, &made) ||
+      !qw::olib::OpenNamedArray(arena, base, "freeWID", 0, locked, &tree->freeWID, &made) ||
       !qw::olib::EnsureCounter<uint64_t>(tree->params)) {
     QWErrorRethrow("IDTreeNew: cannot open dictionary \"%s\"", base.c_str());
     return nullptr;

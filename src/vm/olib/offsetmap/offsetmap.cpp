@@ -12,7 +12,8 @@
 #include "qwvm/offsetmap.h"
 #include "util/endian.h"
 #include "util/varint.h"
-#include "vm/olib/array_cursor.h"
+#include "vm/olib/common/array_cursor.h"
+#include "vm/olib/common/named_array.h"
 
 #ifndef FALSE
 #define FALSE 0

@@ -3,6 +3,8 @@
 #include <string>
 
 #include "vm/olib/common/cells.h"
+#include "vm/olib/common/named_array.h"
+#include "vm/olib/common/owner.h"
 #include "vm/olib/common/checks.h"
 #include "vm/olib/common/path_buffer.h"
 #include "vm/olib/pathdict/pathdict_internal.h"
@@ -10,14 +12,6 @@
 using qw::olib::CheckGeneration;
 
 namespace {
-
-struct DictDeleter {
-  void operator()(PathDict *dict) const {
-    QWErrorSave();  // the failure that made us free it is the one to report
-    PathDictFree(dict);
-    QWErrorRestore();
-  }
-};
 
 // Opens the two trees and the text array under the buffer's "N/pathdict/".
 bool OpenParts(PathDict *dict, uint8_t **pathBuffer, const std::string &base, int locked, int *made) {
@@ -45,14 +39,14 @@ QW_API PathDict *PathDictNew(VMArena *arena, uint8_t **pathBuffer, const char *n
   qw::olib::PathScope path(pathBuffer);
   if (!path.ok() || !path.Append(std::string(name) + "/pathdict/")) return nullptr;
   const std::string base = path.Text().substr(0, path.Text().size() - 1);  // without the last "/"
-  std::unique_ptr<PathDict, DictDeleter> dict(static_cast<PathDict *>(Allocate(sizeof(PathDict))));
+  qw::olib::Owner<PathDict, PathDictFree> dict(static_cast<PathDict *>(Allocate(sizeof(PathDict))));
   if (!dict) return nullptr;
   *dict = PathDict{arena, {}, nullptr, nullptr, nullptr, {}};
   bool arraysMade = false;
   int partsMade = 0;
-  if (!qw::olib::OpenNamedArray(arena, base, "params", locked, &dict->params, &arraysMade) ||
+  if (!qw::olib::OpenNamedArray(arena, base, "params", 0, locked, &dict->params, &arraysMade) ||
       !OpenParts(dict.get(), pathBuffer, base, locked, &partsMade) ||
-      !qw::olib::OpenNamedArray(arena, base, "freeAtom", locked, &dict->freeAtom, &arraysMade) ||
+      !qw::olib::OpenNamedArray(arena, base, "freeAtom", 0, locked, &dict->freeAtom, &arraysMade) ||
       !qw::olib::EnsureCounter<uint32_t>(dict->params)) {
     QWErrorRethrow("PathDictNew: cannot open path dictionary \"%s\"", base.c_str());
     return nullptr;

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "vm/olib/common/named_array.h"
+#include "vm/olib/common/path_buffer.h"
 #include "vm/olib/pitree/head_tree.h"
 
 namespace qw::pit {
@@ -18,35 +20,6 @@ struct TreeDeleter {
   }
 };
 using TreePtr = std::unique_ptr<PITree, TreeDeleter>;
-
-// Gives the caller's path buffer its length back when done.
-class PathRestore {
- public:
-  explicit PathRestore(uint8_t **buffer) : buffer_(buffer), saved_(*buffer ? ArrayLength(*buffer) : 0) {}
-  ~PathRestore() {
-    if (*buffer_) (void)ArrayLengthSet(*buffer_, saved_);  // shrinking never fails
-  }
-  PathRestore(const PathRestore &) = delete;
-  PathRestore &operator=(const PathRestore &) = delete;
-
- private:
-  uint8_t **buffer_;
-  size_t saved_;
-};
-
-// Finds (or, on a writable arena, makes) one arena array of the tree.
-bool OpenArray(PITree *tree, const std::string &path, const char *name, int scan, bool *created,
-               VMAArrayHandle *handle) {
-  VMArena *arena = tree->arena;
-  const std::string full = path + "/" + name;
-  const uint32_t before = VMAArrayLength_(arena, 0, NEWGEN);
-  if (!VMAArrayInitFromPath_(handle, arena, path.c_str(), name, scan))
-    return QWErrorRethrow("cannot open array \"%s\" of a symbol-sequence tree", full.c_str());
-  if (VMAArrayLength_(arena, 0, NEWGEN) != before) *created = true;  // a name was added
-  handle->locked[0] = tree->locked[0];
-  handle->locked[1] = tree->locked[1];
-  return true;
-}
 
 }  // namespace
 
@@ -101,17 +74,20 @@ QW_API PITree *PITreeNew_(VMArena *arena, uint8_t **pathBuffer, const char *name
     QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "PITreeNew_: a tree needs a name");
     return nullptr;
   }
-  if (!*pathBuffer && !ArrayInit(*pathBuffer, 1, 64)) return nullptr;
-  PathRestore restore(pathBuffer);
-  const std::string root = std::string(reinterpret_cast<const char *>(*pathBuffer), ArrayLength(*pathBuffer)) +
-                           name + "/pitree";
+  qw::olib::PathScope path(pathBuffer);
+  if (!path.ok()) return nullptr;
+  const std::string root = path.Text() + name + "/pitree";
   const uint32_t flag = lock ? 1 : 0;
   TreePtr tree(new PITree{arena, {}, {}, nullptr, {}, scan ? 0u : 1u, {}, {flag, flag}});
   bool madeAny = false;
+  auto OpenArray = [&](const std::string &base, const char *array, VMAArrayHandle *handle) {
+    return qw::olib::OpenNamedArray(arena, base, array, scan, lock, handle, &madeAny) ||
+           QWErrorRethrow("cannot open array \"%s/%s\" of a symbol-sequence tree", base.c_str(), array);
+  };
   static const char *const kNodeNames[kClassCount] = {"node0", "node1", "node2", "node3"};
-  bool ok = OpenArray(tree.get(), root + "/head", "headIndex", scan, &madeAny, &tree->headIndex);
+  bool ok = OpenArray(root + "/head", "headIndex", &tree->headIndex);
   for (uint32_t c = 0; ok && c < kClassCount; ++c)
-    ok = OpenArray(tree.get(), root + "/head", kNodeNames[c], scan, &madeAny, &tree->node[c]);
+    ok = OpenArray(root + "/head", kNodeNames[c], &tree->node[c]);
   if (ok) {
     int leafCreated = VMArenaIsReadOnly(arena) ? 0 : 1;
     // The array builds its names from `path` alone (the buffer is scratch).
@@ -123,9 +99,9 @@ QW_API PITree *PITreeNew_(VMArena *arena, uint8_t **pathBuffer, const char *name
       madeAny = madeAny || leafCreated;
     }
   }
-  ok = ok && OpenArray(tree.get(), root, "free", scan, &madeAny, &tree->free);
+  ok = ok && OpenArray(root, "free", &tree->free);
   if (ok && !scan) {
-    ok = OpenArray(tree.get(), root, "params", scan, &madeAny, &tree->params);
+    ok = OpenArray(root, "params", &tree->params);
     if (ok && VMAArrayLength_(arena, tree->params.id[NEWGEN], NEWGEN) == 0 && !VMArenaIsReadOnly(arena)) {
       const uint32_t zero = 0;
       ok = VMAArrayAppend_(arena, tree->params.id[NEWGEN], lock, kArrayBlock, &zero, 1, NEWGEN, 4) != 0;

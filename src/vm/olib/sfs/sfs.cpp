@@ -3,17 +3,11 @@
 #include <string>
 
 #include "vm/olib/common/cells.h"
+#include "vm/olib/common/named_array.h"
+#include "vm/olib/common/owner.h"
 #include "vm/olib/sfs/sfs_internal.h"
 
 namespace {
-
-struct StoreDeleter {
-  void operator()(SFS *store) const {
-    QWErrorSave();  // the failure that made us close it is the one to report
-    SFSClose(store);
-    QWErrorRestore();
-  }
-};
 
 uint32_t OpenFlags(int writable, int recover) {
   uint32_t flags = VM_FLAG_MAPPED | (writable ? VM_FLAG_CREATE : VM_FLAG_READ_ONLY);
@@ -35,8 +29,8 @@ bool OpenParts(SFS *store) {
   ArrayFree(buffer);
   if (store->file == nullptr) return Fail("SFSOpen:cannot create ldbArray");
   bool made = false;
-  if (!qw::olib::OpenNamedArray(store->arena, "params", nullptr, 0, &store->params, &made) ||
-      !qw::olib::OpenNamedArray(store->arena, "free", nullptr, 0, &store->free, &made)) {
+  if (!qw::olib::OpenNamedArray(store->arena, "params", nullptr, 0, 0, &store->params, &made) ||
+      !qw::olib::OpenNamedArray(store->arena, "free", nullptr, 0, 0, &store->free, &made)) {
     return Fail("SFSOpen:cannot create params");
   }
   return true;
@@ -54,7 +48,7 @@ void CommitParts(SFS *store) {
 
 QW_API SFS *SFSOpen(const char *directory, int writable, int recover, uint32_t bucketCount,
                     ReplicationLog *replicationLog) {
-  std::unique_ptr<SFS, StoreDeleter> store(static_cast<SFS *>(Allocate(sizeof(SFS))));
+  qw::olib::Owner<SFS, SFSClose> store(static_cast<SFS *>(Allocate(sizeof(SFS))));
   if (!store) return nullptr;
   *store = SFS{nullptr, nullptr, nullptr, MutexInit(), {}, {}};
   store->arena = VMArenaOpen(directory, OpenFlags(writable, recover), bucketCount, STATUS_NO_SERIAL,

@@ -61,13 +61,4 @@ class ArrayCursor {
   uint32_t first_ = 0, end_ = 0;
 };
 
-// Fills a handle for the array `path` + `suffix` (NUL-terminated name built
-// in the caller's buffer, whose length is restored): found or created in
-// NEWGEN (when *created allows, on a writable arena), found in OLDGEN
-// (VMA_NO_ARRAY when new since the last commit). *created (may be NULL) is
-// set to 1 when the array was made. False with an error; code 2 when it is
-// missing and may not be made.
-[[nodiscard]] bool OpenNamedArray(VMArena *arena, uint8_t **pathBuffer, const char *path, const char *suffix,
-                                  int scan, bool mayCreate, int locked, VMAArrayHandle *handle, bool *created);
-
 }  // namespace qw::olib

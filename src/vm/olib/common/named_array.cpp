@@ -1,7 +1,7 @@
 // Opening a named arena array for the small structures of vm/olib.
 #include <cstring>
 
-#include "vm/olib/array_cursor.h"
+#include "vm/olib/common/named_array.h"
 
 namespace qw::olib {
 
@@ -30,6 +30,16 @@ bool OpenNamedArray(VMArena *arena, uint8_t **pathBuffer, const char *path, cons
     handle->id[OLDGEN] = VMAArrayFind(arena, OLDGEN, name, length, scan, &noCreate, 0, ARENA_MAX_BLOCK_SIZE);
   }
   (void)ArrayLengthSet(*pathBuffer, saved);  // shrinking cannot fail
+  return ok;
+}
+
+bool OpenNamedArray(VMArena *arena, const std::string &base, const char *name, int scan, int locked,
+                    VMAArrayHandle *handle, bool *made) {
+  uint8_t *scratch = nullptr;
+  const std::string suffix = name ? std::string("/") + name : std::string();
+  const bool ok = OpenNamedArray(arena, &scratch, base.c_str(), suffix.c_str(), scan, !VMArenaIsReadOnly(arena), locked,
+                                 handle, made);
+  ArrayFree(scratch);
   return ok;
 }
 
