@@ -33,6 +33,28 @@ struct CapturedMessage {
   std::string text;
 };
 
+// A temporary directory and a page cache for tests of arena structures.
+// TearDown calls CloseAll() (structures first, then their arena) before it
+// frees the cache and the path buffer.
+class CachedTempDirTest : public TempDirTest {
+ protected:
+  void SetUp() override {
+    TempDirTest::SetUp();
+    cache = PageCacheNew(32 << 20, 8192);
+    ASSERT_NE(cache, nullptr) << QWErrorMessage();
+  }
+  void TearDown() override {
+    CloseAll();
+    ArrayFree(pathBuffer);
+    PageCacheFree(cache);
+    TempDirTest::TearDown();
+  }
+  virtual void CloseAll() {}
+
+  PageCache *cache = nullptr;
+  uint8_t *pathBuffer = nullptr;  // the structures' path buffer (qwlib growable array)
+};
+
 // Installs a capturing message handler for its lifetime (restores the
 // previous one afterwards). Messages of every level are kept.
 class MessageCapture {

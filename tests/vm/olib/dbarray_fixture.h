@@ -15,19 +15,8 @@ namespace dbatest {
 
 inline constexpr const char *kPath = "words";
 
-class DBArrayTest : public qwtest::TempDirTest {
+class DBArrayTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
-  }
-  void TearDown() override {
-    CloseAll();
-    ArrayFree(pathBuffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
 
  public:  // the helpers are also used by table entries outside the fixture
   std::string arenaDir() const { return path("arena"); }
@@ -46,7 +35,7 @@ class DBArrayTest : public qwtest::TempDirTest {
     array = OpenArray(arena, buckets);
     ASSERT_NE(array, nullptr) << QWErrorMessage();
   }
-  void CloseAll() {
+  void CloseAll() override {
     DBArrayFree(array);
     array = nullptr;
     if (arena) VMArenaClose(arena);
@@ -155,10 +144,8 @@ class DBArrayTest : public qwtest::TempDirTest {
     return others;
   }
 
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   DBArray *array = nullptr;
-  uint8_t *pathBuffer = nullptr;
 };
 
 // A deterministic string of `length` bytes for (seed, length).

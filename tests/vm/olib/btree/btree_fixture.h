@@ -27,18 +27,8 @@ inline uint64_t Mask(uint64_t value, uint32_t bytes) {
   return bytes == 8 ? value : value & ((uint64_t(1) << (8 * bytes)) - 1);
 }
 
-class BTreeTest : public qwtest::TempDirTest {
+class BTreeTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(16 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
-  }
-  void TearDown() override {
-    CloseAll();
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
 
   std::string arenaDir() const { return path("arena"); }
 
@@ -50,7 +40,7 @@ class BTreeTest : public qwtest::TempDirTest {
     tree = BTreeNew(arena, kPath, kName, 0, keySize, valueSize);
     ASSERT_NE(tree, nullptr) << QWErrorMessage();
   }
-  void CloseAll() {
+  void CloseAll() override {
     if (tree) BTreeFree(tree, keySize);
     tree = nullptr;
     if (arena) VMArenaClose(arena);
@@ -145,7 +135,6 @@ class BTreeTest : public qwtest::TempDirTest {
   bool Tagged() const { return Exists("corrupted"); }
   bool Exists(const std::string &name) const { return FileExists((arenaDir() + "/" + name).c_str()) != 0; }
 
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   BTree *tree = nullptr;
   uint32_t keySize = 8;

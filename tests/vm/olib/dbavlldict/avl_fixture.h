@@ -25,18 +25,8 @@ struct Record {
   uint64_t key, value;
 };
 
-class AVLTest : public qwtest::TempDirTest {
+class AVLTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
-  }
-  void TearDown() override {
-    CloseAll();
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
 
  public:
   std::string arenaDir() const { return path("arena"); }
@@ -51,7 +41,7 @@ class AVLTest : public qwtest::TempDirTest {
     dict = QWDBAVLLDictNew(arena, kPath, kName, 0);
     ASSERT_NE(dict, nullptr) << QWErrorMessage();
   }
-  void CloseAll() {
+  void CloseAll() override {
     QWDBAVLLDictDelete(dict);
     dict = nullptr;
     if (arena) VMArenaClose(arena);
@@ -114,7 +104,6 @@ class AVLTest : public qwtest::TempDirTest {
   }
 
   uint32_t mapped = 0;  // VM_FLAG_MAPPED for the mapped-mode runs
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   QWDBAVLLDict *dict = nullptr;
 };

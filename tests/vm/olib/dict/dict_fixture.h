@@ -10,20 +10,13 @@
 
 namespace dicttest {
 
-class DictTest : public qwtest::TempDirTest {
+class DictTest : public qwtest::CachedTempDirTest {
  protected:
   void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(16 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
+    CachedTempDirTest::SetUp();
     OpenArena(VM_FLAG_CREATE);
   }
-  void TearDown() override {
-    CloseArena();
-    ArrayFree(pathBuffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
+  void CloseAll() override { CloseArena(); }
 
   void OpenArena(uint32_t flags) {
     arena = VMArenaOpen(path("arena").c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
@@ -40,9 +33,7 @@ class DictTest : public qwtest::TempDirTest {
   }
   bool CommitArena() { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; }
 
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
-  uint8_t *pathBuffer = nullptr;
 };
 
 }  // namespace dicttest

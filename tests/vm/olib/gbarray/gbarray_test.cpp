@@ -10,19 +10,9 @@ namespace {
 
 constexpr const char *kPath = "bits";
 
-class GBitArrayTest : public qwtest::TempDirTest {
+class GBitArrayTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
-  }
-  void TearDown() override {
-    Close();
-    ArrayFree(pathBuffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
+  void CloseAll() override { Close(); }
   void Open(uint32_t flags = VM_FLAG_CREATE) {
     arena = VMArenaOpen(path("arena").c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
     ASSERT_NE(arena, nullptr) << QWErrorMessage();
@@ -69,10 +59,8 @@ class GBitArrayTest : public qwtest::TempDirTest {
       ASSERT_EQ((e[2 + bit / 64] >> (bit % 64)) & 1, expected) << "bit " << bit;
     }
   }
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   GBitArray *array = nullptr;
-  uint8_t *pathBuffer = nullptr;
 };
 
 TEST_F(GBitArrayTest, EdgeCasesOfTheFormat) {

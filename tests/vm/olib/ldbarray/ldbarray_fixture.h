@@ -58,22 +58,17 @@ struct Descriptor {
   size_t bytes = 0;
 };
 
-class LDBArrayTest : public qwtest::TempDirTest {
+class LDBArrayTest : public qwtest::CachedTempDirTest {
  protected:
   void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(32 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
+    CachedTempDirTest::SetUp();
     threadData = LDBArrayThreadDataNew();
     ASSERT_NE(threadData, nullptr) << QWErrorMessage();
   }
   void TearDown() override {
-    CloseAll();
+    CachedTempDirTest::TearDown();
     LDBArrayThreadDataFree(threadData);
-    ArrayFree(pathBuffer);
     ArrayFree(buffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
   }
 
  public:
@@ -86,7 +81,7 @@ class LDBArrayTest : public qwtest::TempDirTest {
     array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets);
     ASSERT_NE(array, nullptr) << QWErrorMessage();
   }
-  void CloseAll() {
+  void CloseAll() override {
     LDBArrayFree(array);
     array = nullptr;
     if (arena) VMArenaClose(arena);
@@ -194,11 +189,9 @@ class LDBArrayTest : public qwtest::TempDirTest {
     return bit;
   }
 
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   LDBArray *array = nullptr;
   LDBArrayThreadData *threadData = nullptr;
-  uint8_t *pathBuffer = nullptr;
   uint8_t *buffer = nullptr;
 };
 

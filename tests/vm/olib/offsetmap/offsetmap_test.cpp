@@ -11,19 +11,9 @@ namespace {
 
 constexpr const char *kPath = "runs/run0";
 
-class OffsetMapTest : public qwtest::TempDirTest {
+class OffsetMapTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
-  }
-  void TearDown() override {
-    Close();
-    ArrayFree(pathBuffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
-  }
+  void CloseAll() override { Close(); }
   void Open(uint32_t flags = VM_FLAG_CREATE, int expectCreated = -1) {
     arena = VMArenaOpen(path("arena").c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
     ASSERT_NE(arena, nullptr) << QWErrorMessage();
@@ -55,10 +45,8 @@ class OffsetMapTest : public qwtest::TempDirTest {
     }
     return values;
   }
-  PageCache *cache = nullptr;
   VMArena *arena = nullptr;
   OffsetMap *map = nullptr;
-  uint8_t *pathBuffer = nullptr;
 };
 
 TEST_F(OffsetMapTest, GroupsAndDifferencesAreStoredAsSpecified) {

@@ -32,21 +32,16 @@ inline uint32_t Scaled(uint32_t count) {
   return count / (divisor ? divisor : 1);
 }
 
-class PITreeTest : public qwtest::TempDirTest {
+class PITreeTest : public qwtest::CachedTempDirTest {
  protected:
   void SetUp() override {
-    qwtest::TempDirTest::SetUp();
-    cache = PageCacheNew(32 << 20, 8192);
-    ASSERT_NE(cache, nullptr) << QWErrorMessage();
+    CachedTempDirTest::SetUp();
     td = PITreeThreadDataNew();
     ASSERT_NE(td, nullptr);
   }
   void TearDown() override {
-    CloseAll();
+    CachedTempDirTest::TearDown();
     PITreeThreadDataFree(td);
-    ArrayFree(pathBuffer);
-    PageCacheFree(cache);
-    qwtest::TempDirTest::TearDown();
   }
 
  public:
@@ -75,7 +70,7 @@ class PITreeTest : public qwtest::TempDirTest {
     tree = OpenTree(arena);
     ASSERT_NE(tree, nullptr) << QWErrorMessage();
   }
-  void CloseAll() {
+  void CloseAll() override {
     PITreeFree(tree);
     tree = nullptr;
     if (arena) VMArenaClose(arena);
@@ -121,8 +116,6 @@ class PITreeTest : public qwtest::TempDirTest {
     return out;
   }
 
-  PageCache *cache = nullptr;
-  uint8_t *pathBuffer = nullptr;
   VMArena *arena = nullptr;
   PITree *tree = nullptr;
   PITreeThreadData *td = nullptr;
