@@ -101,4 +101,25 @@ void WriteFileBytes(const std::string &path, const std::string &bytes) {
   out.write(bytes.data(), std::streamsize(bytes.size()));
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QWTEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QWTEST_SANITIZED 1
+#endif
+#endif
+#ifndef QWTEST_SANITIZED
+#define QWTEST_SANITIZED 0
+#endif
+
+uint64_t SweepStride(uint64_t sanitizedStride) {
+  const char *full = std::getenv("QWVM_FAULT_FULL");
+  if (!QWTEST_SANITIZED || (full && std::string(full) == "1") || sanitizedStride == 0) return 1;
+  return sanitizedStride;
+}
+
+bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride) {
+  return i == first || i == last || (i - first) % stride == 0;
+}
+
 }  // namespace qwtest

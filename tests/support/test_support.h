@@ -91,4 +91,12 @@ std::string ReadFileBytes(const std::string &path);
 // Writes bytes to a file, replacing it.
 void WriteFileBytes(const std::string &path, const std::string &bytes);
 
+// Exhaustive sweeps (every cut of a file, every sync of a commit) visit each
+// point in a normal build. Under the sanitizers each point costs about ten
+// times as much, so there a sweep takes every `sanitizedStride`-th point,
+// always with the first and the last; QWVM_FAULT_FULL=1 restores every point.
+uint64_t SweepStride(uint64_t sanitizedStride);
+// Whether point `i` of a sweep over [first, last] runs at `stride`.
+bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride);
+
 }  // namespace qwtest
