@@ -112,10 +112,12 @@ QW_API uint16_t PageCacheRegisterFile(PageCache *cache, QWFILE file);
  * drops all its pages and frees its id for reuse. Pages still pinned are
  * detached (see above) and reported by a level 3 message
  * "PageCacheUnregisterFile: %u pages of file \"%s\" were still pinned".
- * Returns 1; 0 with an error when the id is not registered (code 22) or the
- * write-back failed, in which case the file stays registered with its dirty
- * pages, and the caller may retry or PageCacheInvalidateFile first to give
- * them up. No other thread may use the file id meanwhile: a page it dirties
+ * Returns 1; 0 with an error when the id is not registered (code 22), when
+ * a dirty page could not be written, in which case the file stays registered
+ * with its dirty pages, and the caller may retry or PageCacheInvalidateFile
+ * first to give them up, or when only the closing sync failed: every page
+ * was written, so the file is unregistered all the same (the caller is about
+ * to close it) and the error says its data may not be durable. No other thread may use the file id meanwhile: a page it dirties
  * after the write-back is dropped with the rest.
  */
 QW_API int PageCacheUnregisterFile(PageCache *cache, uint16_t fileId);

@@ -49,20 +49,32 @@ uint16_t PageCache::RegisterFile(QWFILE file) noexcept {
 int PageCache::UnregisterFile(uint16_t fileId) noexcept {
   QWFILE file = RegisteredFile("PageCacheUnregisterFile", fileId);
   if (file == QWFILE_INVALID) return 0;
-  if (!FlushFile(fileId)) {
+  // Dirty pages that could not be written stay with the file: the caller may
+  // retry, or invalidate them first.
+  if (!WriteBackFile(fileId, file)) {
     QWErrorRethrow("PageCacheUnregisterFile: could not write back file \"%s\"", QWFileGetPath(file));
     return 0;
   }
+  // Every page is clean now, so a failed sync leaves the cache nothing to
+  // retry: the file is unregistered either way, since its owner is about to
+  // close it, and the failure is reported.
+  const bool synced = SyncFile(file);
   uint32_t pinned = 0;
   for (uint32_t s = 0; s < shardCount_; ++s) pinned += DropShardPages(shards_[s], fileId);
   if (pinned > 0)
     QWMessage(QW_LEVEL_WARNING, "PageCacheUnregisterFile: %u pages of file \"%s\" were still pinned", pinned,
               QWFileGetPath(file));
-  std::lock_guard<std::mutex> lock(filesMutex_);
-  // A racing unregister of the same id may have been first.
-  if (files_[fileId].load(std::memory_order_relaxed) == file) {
-    files_[fileId].store(QWFILE_INVALID, std::memory_order_release);
-    --registeredFiles_;
+  {
+    std::lock_guard<std::mutex> lock(filesMutex_);
+    // A racing unregister of the same id may have been first.
+    if (files_[fileId].load(std::memory_order_relaxed) == file) {
+      files_[fileId].store(QWFILE_INVALID, std::memory_order_release);
+      --registeredFiles_;
+    }
+  }
+  if (!synced) {
+    QWErrorRethrow("PageCacheUnregisterFile: could not write back file \"%s\"", QWFileGetPath(file));
+    return 0;
   }
   return 1;
 }
@@ -70,13 +82,19 @@ int PageCache::UnregisterFile(uint16_t fileId) noexcept {
 int PageCache::FlushFile(uint16_t fileId) noexcept {
   QWFILE file = RegisteredFile("PageCacheFlushFile", fileId);
   if (file == QWFILE_INVALID) return 0;
+  return WriteBackFile(fileId, file) && SyncFile(file);
+}
+
+bool PageCache::WriteBackFile(uint16_t fileId, QWFILE file) noexcept {
   for (uint32_t s = 0; s < shardCount_; ++s)
-    if (!FlushShard(shards_[s], fileId, file)) return 0;
-  if (!QWFileSync(file)) {
-    QWErrorRethrow("PageCacheFlushFile: could not sync file \"%s\"", QWFileGetPath(file));
-    return 0;
-  }
-  return 1;
+    if (!FlushShard(shards_[s], fileId, file)) return false;
+  return true;
+}
+
+bool PageCache::SyncFile(QWFILE file) noexcept {
+  if (QWFileSync(file)) return true;
+  QWErrorRethrow("PageCacheFlushFile: could not sync file \"%s\"", QWFileGetPath(file));
+  return false;
 }
 
 int PageCache::InvalidateFile(uint16_t fileId) noexcept {

@@ -56,8 +56,17 @@ void *ServerBlockAcquire(VMArena *arena, uint32_t global, uint32_t generation, i
   CheckGeneration(generation);
   uint32_t raw = RawIdFor(arena, global, generation, read);
   if (raw == INVALID_RAW_BLOCK_ID) {
-    QWErrorThrow(2, QW_ERROR_CLASS_GENERAL, "no block %u in generation %u of \"%s\"", global, generation,
-                 arena->directory.c_str());
+    // A block that exists but has no raw block for writing failed its
+    // copy-on-write copy: keep the cause (the disk's or the allocator's).
+    const bool copyFailed = generation == NEWGEN && !read &&
+                            LocalBlockServer0RawIdRead(ServerOf(arena, global), ServerBlockOf(arena, global),
+                                                       NEWGEN) != INVALID_RAW_BLOCK_ID;
+    if (copyFailed) {
+      QWErrorRethrow("could not copy block %u of \"%s\" for writing", global, arena->directory.c_str());
+    } else {
+      QWErrorThrow(2, QW_ERROR_CLASS_GENERAL, "no block %u in generation %u of \"%s\"", global, generation,
+                   arena->directory.c_str());
+    }
     return nullptr;
   }
   return LocalBlockServer0RawBlockGet(ServerOf(arena, global), raw);

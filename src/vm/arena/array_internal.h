@@ -63,6 +63,11 @@ inline void CheckWrite(const VMArena *arena, uint32_t genID) {
 [[gnu::cold]] void NoNewArray(VMArena *arena);
 [[gnu::cold]] void NoOldArray(VMArena *arena);
 
+// How many array ids generation `genID` has (ids 0 .. count-1).
+inline uint32_t ArrayCountOf(const VMArena *arena, uint32_t genID) {
+  return genID == NEWGEN ? uint32_t(arena->arrayState.directory.Count()) : uint32_t(ArrayLength(arena->view.lengths));
+}
+
 // Record of a new-generation array id (checked as above).
 inline ArrayRecord *NewRecord(VMArena *arena, uint32_t arrayID) {
   ArrayRecord *array = arena->arrayState.directory.Find(arrayID);

@@ -247,7 +247,17 @@ QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, u
       return id;
     }
   }
-  if (genID == OLDGEN) return ScanNames(arena, OLDGEN, bytes, nameLength, &id) ? id : VMA_NO_ARRAY;
+  if (genID == OLDGEN) {
+    if (!ScanNames(arena, OLDGEN, bytes, nameLength, &id)) return VMA_NO_ARRAY;
+    // The committed names are checked against the committed table here, not
+    // at open: a damaged file may name an array the generation lacks.
+    if (id != VMA_NO_ARRAY && id >= ArrayCountOf(arena, OLDGEN)) {
+      TagCorruptedIfWritable(arena);
+      NameError(arena, "the committed name array names array " + std::to_string(id) + ", which does not exist");
+      return VMA_NO_ARRAY;
+    }
+    return id;
+  }
   ScopedMutex lock(arena->arrayState.nameMutex);
   if (!ScanNames(arena, NEWGEN, bytes, nameLength, &id) || id != VMA_NO_ARRAY || !wantCreate) return id;
   qwassert_(!arena->readOnly);

@@ -85,8 +85,11 @@ QW_API int VMArenaFlushExec(VMArena *arena) {
   ok = ArenaFileFlushOld(arena);
   MutexRelease(arena->mutexes.newGen);
   if (!ok) return 0;
-  // Serialised generation files carry their final names: make them durable.
-  if (!Unserialised(arena) && !DirectorySync(arena->directory.c_str())) return 0;
+  // The new generation files' names are durable before the `committing`
+  // marker can be: with the marker on disk, an open finishes the commit and
+  // must find every file it renames (the bucket servers synced the block
+  // directory the same way). Serialised files carry their final names.
+  if (!DirectorySync(arena->directory.c_str())) return 0;
   ArenaCrashPoint(arena, "arenaflushexec3");
   return 1;
 }
@@ -156,19 +159,12 @@ QW_API void VMArenaFlushCommitMemoryRelease(VMArena *arena) { RWLockRelease_(are
 QW_API int VMArenaCommit(VMArena *arena, uint64_t *oldSerialOut, uint64_t *newSerialOut, int memoryLock) {
   if (QWForcedError("VMArenaCommit", 2, QW_ERROR_CLASS_GENERAL)) return 0;
   bool ok = VMArenaFlushStart(arena, oldSerialOut, newSerialOut) && VMArenaFlushExec(arena);
-  if (ok) {
-    QWErrorSave();  // the marker fails silently
-    ok = CreateCommittingMarker(arena);
-    QWErrorRestore();
-    if (!ok) QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "could not create the commit marker in \"%s\"", arena->directory.c_str());
-  }
+  // A marker failure keeps the disk's message under the commit's own.
+  if (ok && !CreateCommittingMarker(arena))
+    ok = QWErrorRethrow("could not create the commit marker in \"%s\"", arena->directory.c_str()) != 0;
   ok = ok && VMArenaFlushCommitDisk(arena);
-  if (ok) {
-    QWErrorSave();
-    ok = RemoveCommittingMarker(arena);
-    QWErrorRestore();
-    if (!ok) QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "could not remove the commit marker in \"%s\"", arena->directory.c_str());
-  }
+  if (ok && !RemoveCommittingMarker(arena))
+    ok = QWErrorRethrow("could not remove the commit marker in \"%s\"", arena->directory.c_str()) != 0;
   if (!ok) {
     QWErrorSave();
     VMArenaFlushStop(arena);

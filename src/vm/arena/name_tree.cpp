@@ -192,7 +192,7 @@ uint32_t NameTreeFind(VMArena *arena, uint32_t genID, const uint8_t *name, uint3
     return VMA_NO_ARRAY;
   }
   if (value != EMPTY_NODE_DATA) {
-    if (value < 2 || value - 1 >= state.directory.Count()) {
+    if (value < 2 || value - 1 >= ArrayCountOf(arena, genID)) {
       TagCorruptedIfWritable(arena);
       QWErrorThrow(74, QW_ERROR_CLASS_DATA, "the name index of \"%s\" names array %llu, which does not exist",
                    arena->directory.c_str(), static_cast<unsigned long long>(value - 1));

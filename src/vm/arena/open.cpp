@@ -9,6 +9,16 @@
 // crash between the index commits and the arena-file commits), so that
 // arrays would point at blocks of the wrong generation. Each step tolerates a
 // target that an earlier attempt already committed.
+//
+// Creation is made restartable by a `creating` marker. Creating an arena
+// first makes its directory (and any missing parent) durable and creates
+// `D/creating` durably; then it writes the generation files and opens the
+// bucket servers, which create their data and index files; only then is the
+// marker removed, durably. A crash or power loss at any point in between
+// leaves the marker: an open with VM_FLAG_CREATE removes whatever the
+// interrupted creation left (every `D/arena.*` file and every entry of
+// `D/block`) and creates the arena again; an open without it fails with
+// "incomplete creation of VM in \"%s\"", since there is nothing to read.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -117,6 +127,70 @@ bool AnyArenaFileExists(const VMArena *arena, uint64_t oldSerial, uint64_t newSe
   return false;
 }
 
+std::string CreatingMarkerPath(const std::string &directory) { return directory + "/creating"; }
+
+// Creates `directory` and any missing parent, each made durable by a sync of
+// the directory that holds it.
+bool CreateDirectoryDurably(const std::string &directory) {
+  std::vector<std::string> missing;  // deepest first
+  for (std::string path = directory; !path.empty() && !FileExists(path.c_str());) {
+    missing.push_back(path);
+    const size_t slash = path.find_last_of('/');
+    path = slash == std::string::npos ? std::string() : path.substr(0, slash);
+  }
+  if (missing.empty()) return true;
+  if (!DirectoryCreate(directory.c_str())) return false;
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    const size_t slash = it->find_last_of('/');
+    const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : it->substr(0, slash);
+    if (!DirectorySync(parent.c_str())) return false;
+  }
+  return true;
+}
+
+bool CreateCreatingMarker(const std::string &directory) {
+  QWFILE file = QWFILE_INVALID;
+  if (!CreateDirectoryDurably(directory) ||
+      !QWFileOpen(&file, CreatingMarkerPath(directory).c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE) ||
+      !QWFileClose(file) || !DirectorySync(directory.c_str()))
+    return QWErrorRethrow("could not mark the creation of VM in \"%s\"", directory.c_str());
+  return true;
+}
+
+bool RemoveCreatingMarker(const std::string &directory) {
+  if (!FileRemove(CreatingMarkerPath(directory).c_str()) || !DirectorySync(directory.c_str()))
+    return QWErrorRethrow("could not complete the creation of VM in \"%s\"", directory.c_str());
+  return true;
+}
+
+// Removes the entries of `directory` that `select` picks, then syncs it.
+bool RemoveEntries(const std::string &directory, bool (*select)(const std::string &name)) {
+  struct Listing {
+    bool (*select)(const std::string &);
+    std::vector<std::string> names;
+  } listing{select, {}};
+  auto visit = [](void *context, const char *name) -> int {
+    auto *l = static_cast<Listing *>(context);
+    if (l->select(name)) l->names.push_back(name);
+    return 0;
+  };
+  if (!DirectoryList(directory.c_str(), visit, &listing)) return false;
+  for (const std::string &name : listing.names)
+    if (!FileRemove((directory + "/" + name).c_str())) return false;
+  return listing.names.empty() || DirectorySync(directory.c_str());
+}
+
+// What an interrupted creation may have left: the generation files and the
+// bucket servers' files.
+bool ClearInterruptedCreation(const std::string &directory) {
+  const std::string blockDirectory = directory + "/block";
+  const bool cleared =
+      (!FileExists(blockDirectory.c_str()) || RemoveEntries(blockDirectory, [](const std::string &) { return true; })) &&
+      RemoveEntries(directory, [](const std::string &name) { return name.rfind("arena.", 0) == 0; });
+  if (!cleared) return QWErrorRethrow("could not clear the incomplete creation of VM in \"%s\"", directory.c_str());
+  return true;
+}
+
 bool CreateInitialArena(const char *directory, uint32_t flags, uint32_t bucketCount, uint64_t oldSerial,
                         uint64_t newSerial, ReplicationLog *log) {
   ArenaPtr arena = ArenaRecordNew(directory, flags, bucketCount, log, nullptr);
@@ -139,36 +213,62 @@ bool CreateInitialArena(const char *directory, uint32_t flags, uint32_t bucketCo
   return true;
 }
 
+// Creates the arena in `directory` (again, after an interrupted creation,
+// when `restart`) and reads it; the `creating` marker brackets the whole.
+ArenaPtr CreateArena(const char *directory, uint32_t flags, uint32_t bucketCount, uint64_t oldSerial,
+                     uint64_t newSerial, ReplicationLog *log, PageCache *cache, bool restart) {
+  qwassert_(!(flags & VM_FLAG_READ_ONLY));
+  ArenaPtr none(nullptr, ArenaRecordFree);
+  if (!CreateCreatingMarker(directory) || (restart && !ClearInterruptedCreation(directory)) ||
+      !CreateInitialArena(directory, flags, bucketCount, oldSerial, newSerial, log)) {
+    QWErrorRethrow("could not create initial vmarena in \"%s\"", directory);
+    return none;
+  }
+  ArenaPtr arena = ArenaRecordNew(directory, flags, bucketCount, log, cache);
+  if (!arena || !ReadArena(arena.get(), oldSerial, newSerial)) {
+    QWErrorRethrow("could not read vmarena in \"%s\"", directory);
+    return none;
+  }
+  if (!RemoveCreatingMarker(directory)) return none;
+  return arena;
+}
+
+// The arena in `directory` read as it is, or created when there is none and
+// the flags allow it.
+ArenaPtr ReadOrCreateArena(const char *directory, uint32_t flags, uint32_t bucketCount, uint64_t oldSerial,
+                           uint64_t newSerial, ReplicationLog *log, PageCache *cache) {
+  ArenaPtr none(nullptr, ArenaRecordFree);
+  if (FileExists(CreatingMarkerPath(directory).c_str())) {
+    if (!(flags & VM_FLAG_CREATE)) {
+      QWErrorThrow(2, QW_ERROR_CLASS_GENERAL, "incomplete creation of VM in \"%s\"", directory);
+      return none;
+    }
+    return CreateArena(directory, flags, bucketCount, oldSerial, newSerial, log, cache, true);
+  }
+  ArenaPtr arena = ArenaRecordNew(directory, flags, bucketCount, log, cache);
+  if (!arena) return none;
+  if (ReadArena(arena.get(), oldSerial, newSerial)) return arena;
+  QWErrorSave();
+  bool exists = AnyArenaFileExists(arena.get(), oldSerial, newSerial);
+  QWErrorRestore();
+  if (exists) {
+    QWErrorRethrow("existing but not openable VM in \"%s\"", directory);
+    return none;
+  }
+  if (!(flags & VM_FLAG_CREATE)) {
+    QWErrorRethrow("could not read VMArena in \"%s\"", directory);
+    return none;
+  }
+  arena.reset();
+  QWErrorClear();
+  return CreateArena(directory, flags, bucketCount, oldSerial, newSerial, log, cache, false);
+}
+
 // Everything of VMArenaOpen after the recovery of an interrupted commit.
 VMArena *OpenArena(const char *directory, uint32_t flags, uint32_t bucketCount, uint64_t oldSerial,
                    uint64_t newSerial, ReplicationLog *log, PageCache *cache, bool committing) {
-  ArenaPtr arena = ArenaRecordNew(directory, flags, bucketCount, log, cache);
+  ArenaPtr arena = ReadOrCreateArena(directory, flags, bucketCount, oldSerial, newSerial, log, cache);
   if (!arena) return nullptr;
-  if (!ReadArena(arena.get(), oldSerial, newSerial)) {
-    QWErrorSave();
-    bool exists = AnyArenaFileExists(arena.get(), oldSerial, newSerial);
-    QWErrorRestore();
-    if (exists) {
-      QWErrorRethrow("existing but not openable VM in \"%s\"", directory);
-      return nullptr;
-    }
-    if (!(flags & VM_FLAG_CREATE)) {
-      QWErrorRethrow("could not read VMArena in \"%s\"", directory);
-      return nullptr;
-    }
-    qwassert_(!(flags & VM_FLAG_READ_ONLY));
-    arena.reset();
-    QWErrorClear();
-    if (!CreateInitialArena(directory, flags, bucketCount, oldSerial, newSerial, log)) {
-      QWErrorRethrow("could not create initial vmarena in \"%s\"", directory);
-      return nullptr;
-    }
-    arena = ArenaRecordNew(directory, flags, bucketCount, log, cache);
-    if (!arena || !ReadArena(arena.get(), oldSerial, newSerial)) {
-      QWErrorRethrow("could not read vmarena in \"%s\"", directory);
-      return nullptr;
-    }
-  }
   if (!ArraysOpened(arena.get())) {
     QWErrorRethrow("cannot create name service");
     return nullptr;

@@ -574,6 +574,30 @@ TEST_F(PageCacheTest, FailedWriteBackKeepsThePageDirty) {
   EXPECT_EQ(Disk(f, 0), std::string(kPage, 'u'));
 }
 
+// The owner unregisters a file just before closing it: when every page was
+// written and only the closing sync fails, the file must not stay registered
+// with a handle about to be closed.
+TEST_F(PageCacheTest, FailedClosingSyncStillUnregistersTheFile) {
+  MakeCache(8);
+  size_t f = AddFile("data", 4 * kPage, 1);
+  WritePage(f, kPage, std::string(kPage, 's'));
+  qw::fault::FailNth(1, false, qw::fault::Bit(qw::fault::Op::Sync), "data");
+  EXPECT_EQ(PageCacheUnregisterFile(cache_, Id(f)), 0);
+  const std::string message = QWErrorMessage();
+  EXPECT_EQ(message.rfind("injected I/O error in sync \"" + files_[f].path + "\"", 0), 0u) << message;
+  EXPECT_NE(message.find("PageCacheUnregisterFile: could not write back file"), std::string::npos) << message;
+  EXPECT_EQ(Disk(f, kPage), std::string(kPage, 's'));
+  EXPECT_EQ(Stats().resident, 0u);
+  EXPECT_EQ(PageCacheFlushFile(cache_, Id(f)), 0);
+  EXPECT_EQ(QWErrorCode(), 22);
+  // The same handle can be registered again: nothing of it was left behind.
+  files_[f].id = PageCacheRegisterFile(cache_, files_[f].handle);
+  ASSERT_NE(files_[f].id, PAGECACHE_INVALID_FILE) << QWErrorMessage();
+  void *page = ReadPage(f, kPage);
+  EXPECT_EQ(Bytes(page), std::string(kPage, 's'));
+  PageCacheRelease(cache_, page, 0, 0, 0);
+}
+
 // Random reads, writes, flushes and invalidations of flushed files over three
 // files and a cache much smaller than them, checked against an in-memory copy
 // of every file.
