@@ -127,7 +127,11 @@ namespace detail {
 
 bool CheckSlow(Op op, const char *path, const char *path2) noexcept {
   const uint32_t mode = gMode.load(std::memory_order_relaxed);
-  gOperations.fetch_add(1, std::memory_order_relaxed);
+  const uint64_t number = gOperations.fetch_add(1, std::memory_order_relaxed) + 1;
+  static const bool trace = std::getenv("QWVM_FAULT_TRACE") != nullptr;
+  if (trace)
+    std::fprintf(stderr, "fault seam: %d: operation %llu: %s \"%s\"\n", int(getpid()), (unsigned long long)number,
+                 OpName(op), path ? path : "");
   if (IsSync(op)) {
     const uint64_t syncNumber = gSyncs.fetch_add(1, std::memory_order_relaxed) + 1;
     if (mode & kCrash) CrashIfTargeted(syncNumber);

@@ -1,0 +1,28 @@
+#include "fault/workloads.h"
+
+namespace faulttest {
+
+std::unique_ptr<Workload> MakeArenaBlocksCached();
+std::unique_ptr<Workload> MakeArenaBlocksMapped();
+std::unique_ptr<Workload> MakeDBArray();
+std::unique_ptr<Workload> MakeLDBArray();
+std::unique_ptr<Workload> MakePITree();
+std::unique_ptr<Workload> MakeBTree();
+std::unique_ptr<Workload> MakeAVL();
+std::unique_ptr<Workload> MakeSFS();
+
+const std::vector<WorkloadKind> &AllWorkloads() {
+  static const std::vector<WorkloadKind> kinds = {
+      {"arena_blocks_cached", MakeArenaBlocksCached},
+      {"arena_blocks_mapped", MakeArenaBlocksMapped},
+      {"dbarray", MakeDBArray},
+      {"ldbarray", MakeLDBArray},
+      {"pitree_names", MakePITree},
+      {"btree", MakeBTree},
+      {"avl", MakeAVL},
+      {"sfs", MakeSFS},
+  };
+  return kinds;
+}
+
+}  // namespace faulttest

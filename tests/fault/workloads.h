@@ -1,0 +1,61 @@
+// Workloads of the fault campaign: each keeps one kind of store (arena
+// blocks and arrays, DBArray, LDBArray, PITree with the name service, B-tree,
+// AVL dictionary, small file store) together with a model of what it should
+// hold.
+//
+// A workload moves from round to round: Apply(r) makes the changes of round
+// r (deterministic: the same changes from the same state), Commit() makes
+// them the committed generation. Dump(gen) renders what the store holds in
+// a canonical text; ModelDump() renders the model the same way, so that a
+// run without faults can prove the store and the model agree. The campaign
+// compares dumps only: after a fault the committed generation must render
+// exactly as one of the rounds did.
+//
+// Copying a closed workload copies its model, which is how a forked child
+// and the checking parent start from the same round.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qwvm/qwvm.h"
+
+namespace faulttest {
+
+class Workload {
+ public:
+  virtual ~Workload() = default;
+  // A closed copy of this (closed) workload's model.
+  virtual std::unique_ptr<Workload> Clone() const = 0;
+  // Opens the store in `directory` (created when `create`); false with the
+  // error chain set.
+  virtual bool Open(const std::string &directory, PageCache *cache, bool create) = 0;
+  // Makes the changes of `round`; false (error chain set) at the first one
+  // that fails.
+  virtual bool Apply(uint32_t round) = 0;
+  virtual bool Commit() = 0;
+  // What generation `gen` holds; "error: ..." when it cannot be read.
+  virtual std::string Dump(uint32_t gen) = 0;
+  virtual std::string ModelDump() const = 0;
+  // Frees everything; uncommitted changes are dropped.
+  virtual void Close() = 0;
+};
+
+struct WorkloadKind {
+  const char *name;
+  std::unique_ptr<Workload> (*make)();
+};
+
+// Every workload of the campaign.
+const std::vector<WorkloadKind> &AllWorkloads();
+
+// 64-bit FNV-1a of `size` bytes (dumps show long contents as length:hash).
+uint64_t Fnv(const void *data, size_t size);
+// "length:hash" of a byte string.
+std::string Digest(const void *data, size_t size);
+// Deterministic content of `length` bytes for (round, index).
+std::string Content(uint32_t round, uint32_t index, uint32_t length);
+
+}  // namespace faulttest
