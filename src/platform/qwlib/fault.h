@@ -61,6 +61,11 @@
 // are not snapshotted. Tracking is a test facility: it allocates freely and
 // terminates the process if memory runs out.
 //
+// Tracing: with the environment variable QWVM_FAULT_TRACE set, every
+// operation that reaches the armed seam is printed to stderr as
+// "fault seam: <pid>: operation <n>: <op> \"<path>\"", so that the n of a
+// failing FailNth or CrashAtSync point can be matched to what it hit.
+//
 // Thread safety: every function here may be called from any thread. Counters
 // are atomics; rules and the journal are guarded by mutexes that are never
 // taken on the disabled path.
