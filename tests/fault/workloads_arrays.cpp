@@ -17,6 +17,24 @@ std::string DumpBuckets(const Buckets &buckets) {
   return out;
 }
 
+// What a two-bucket array holds, rendered as DumpBuckets renders a model:
+// size(b) elements in bucket b, element(b, h) the digest of one ("" when it
+// cannot be read), then the check's problem count when not 0.
+template <typename Size, typename Element>
+std::string DumpStored(Size &&size, Element &&element, uint32_t problems) {
+  std::string out;
+  for (uint32_t b = 0; b < 2; ++b) {
+    out += "bucket " + std::to_string(b) + "\n";
+    for (uint32_t h = 0, count = size(b); h < count; ++h) {
+      const std::string digest = element(b, h);
+      if (digest.empty()) return "error: element " + std::to_string(h) + ": " + QWErrorMessage();
+      out += digest + "\n";
+    }
+  }
+  if (problems) out += "problems " + std::to_string(problems) + "\n";
+  return out;
+}
+
 // The handle of bucket `b` that round `round` rewrites `k`-th.
 uint32_t RewrittenHandle(const Buckets &buckets, uint32_t b, uint32_t round, uint32_t k) {
   return uint32_t((round * 7 + k * 3) % buckets[b].size());
@@ -44,20 +62,16 @@ class DBArrayWorkload : public ArenaWorkload {
   }
 
   std::string Dump(uint32_t gen) override {
-    std::string out;
-    for (uint32_t b = 0; b < 2; ++b) {
-      out += "bucket " + std::to_string(b) + "\n";
-      const uint32_t size = DBArraySize(array_, b, gen);
-      for (uint32_t h = 0; h < size; ++h) {
-        uint32_t length = 0;
-        const void *bytes = DBArrayGet(array_, b, h, gen, 1, &length);
-        if (!bytes) return "error: element " + std::to_string(h) + ": " + QWErrorMessage();
-        out += Digest(bytes, length) + "\n";
-        DBArrayRelease(array_, gen, 1, bytes);
-      }
-    }
-    if (const uint32_t problems = DBArrayCheck(array_, NEWGEN)) out += "problems " + std::to_string(problems) + "\n";
-    return out;
+    auto size = [&](uint32_t b) { return DBArraySize(array_, b, gen); };
+    auto element = [&](uint32_t b, uint32_t h) {
+      uint32_t length = 0;
+      const void *bytes = DBArrayGet(array_, b, h, gen, 1, &length);
+      if (!bytes) return std::string();
+      std::string digest = Digest(bytes, length);
+      DBArrayRelease(array_, gen, 1, bytes);
+      return digest;
+    };
+    return DumpStored(size, element, DBArrayCheck(array_, NEWGEN));
   }
   std::string ModelDump() const override { return DumpBuckets(model_); }
 
@@ -102,18 +116,12 @@ class LDBArrayWorkload : public ArenaWorkload {
   }
 
   std::string Dump(uint32_t gen) override {
-    std::string out;
-    for (uint32_t b = 0; b < 2; ++b) {
-      out += "bucket " + std::to_string(b) + "\n";
-      const uint32_t size = LDBArraySize(array_, b, gen);
-      for (uint32_t h = 0; h < size; ++h) {
-        if (LDBArrayGetArray(array_, b, h, &buffer_, 0, gen) != 1)
-          return "error: element " + std::to_string(h) + ": " + QWErrorMessage();
-        out += Digest(buffer_, ArrayLength(buffer_)) + "\n";
-      }
-    }
-    if (const uint32_t problems = LDBArrayCheck(array_, NEWGEN)) out += "problems " + std::to_string(problems) + "\n";
-    return out;
+    auto size = [&](uint32_t b) { return LDBArraySize(array_, b, gen); };
+    auto element = [&](uint32_t b, uint32_t h) {
+      if (LDBArrayGetArray(array_, b, h, &buffer_, 0, gen) != 1) return std::string();
+      return Digest(buffer_, ArrayLength(buffer_));
+    };
+    return DumpStored(size, element, LDBArrayCheck(array_, NEWGEN));
   }
   std::string ModelDump() const override { return DumpBuckets(model_); }
 
