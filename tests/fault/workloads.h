@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,9 @@ struct WorkloadKind {
   const char *name;
   std::unique_ptr<Workload> (*make)();
 };
+
+// Test names and failure messages show a workload by its name.
+inline void PrintTo(const WorkloadKind &kind, std::ostream *out) { *out << kind.name; }
 
 // Every workload of the campaign.
 const std::vector<WorkloadKind> &AllWorkloads();

@@ -1,6 +1,7 @@
 // Arena blocks of every size class, kept in an arena array of block ids: each
 // round rewrites some blocks (copy on write), frees others (the array entry
 // becomes 0) and adds new ones. Runs in page-cache and in mapped mode.
+#include <algorithm>
 #include <cstdio>
 
 #include "fault/arena_workload.h"
