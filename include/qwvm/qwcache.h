@@ -117,8 +117,9 @@ QW_API uint16_t PageCacheRegisterFile(PageCache *cache, QWFILE file);
  * with its dirty pages, and the caller may retry or PageCacheInvalidateFile
  * first to give them up, or when only the closing sync failed: every page
  * was written, so the file is unregistered all the same (the caller is about
- * to close it) and the error says its data may not be durable. No other thread may use the file id meanwhile: a page it dirties
- * after the write-back is dropped with the rest.
+ * to close it) and the error says its data may not be durable. No other
+ * thread may use the file id meanwhile: a page it dirties after the
+ * write-back is dropped with the rest.
  */
 QW_API int PageCacheUnregisterFile(PageCache *cache, uint16_t fileId);
 

@@ -188,8 +188,8 @@ struct PageCache {
   [[nodiscard]] bool FlushShard(qw::cache::Shard &shard, uint16_t fileId, QWFILE file) noexcept;
   // Every shard's dirty pages of the file written (no sync).
   [[nodiscard]] bool WriteBackFile(uint16_t fileId, QWFILE file) noexcept;
-  // QWFileSync with this cache's message on failure.
-  [[nodiscard]] bool SyncFile(QWFILE file) noexcept;
+  // QWFileSync; on failure `who` (the caller's name) heads the message.
+  [[nodiscard]] bool SyncFile(QWFILE file, const char *who) noexcept;
   uint32_t DropShardPages(qw::cache::Shard &shard, uint16_t fileId) noexcept;
 
   uint32_t pageSize_ = 0;

@@ -58,7 +58,7 @@ int PageCache::UnregisterFile(uint16_t fileId) noexcept {
   // Every page is clean now, so a failed sync leaves the cache nothing to
   // retry: the file is unregistered either way, since its owner is about to
   // close it, and the failure is reported.
-  const bool synced = SyncFile(file);
+  const bool synced = SyncFile(file, "PageCacheUnregisterFile");
   uint32_t pinned = 0;
   for (uint32_t s = 0; s < shardCount_; ++s) pinned += DropShardPages(shards_[s], fileId);
   if (pinned > 0)
@@ -82,7 +82,7 @@ int PageCache::UnregisterFile(uint16_t fileId) noexcept {
 int PageCache::FlushFile(uint16_t fileId) noexcept {
   QWFILE file = RegisteredFile("PageCacheFlushFile", fileId);
   if (file == QWFILE_INVALID) return 0;
-  return WriteBackFile(fileId, file) && SyncFile(file);
+  return WriteBackFile(fileId, file) && SyncFile(file, "PageCacheFlushFile");
 }
 
 bool PageCache::WriteBackFile(uint16_t fileId, QWFILE file) noexcept {
@@ -91,9 +91,9 @@ bool PageCache::WriteBackFile(uint16_t fileId, QWFILE file) noexcept {
   return true;
 }
 
-bool PageCache::SyncFile(QWFILE file) noexcept {
+bool PageCache::SyncFile(QWFILE file, const char *who) noexcept {
   if (QWFileSync(file)) return true;
-  QWErrorRethrow("PageCacheFlushFile: could not sync file \"%s\"", QWFileGetPath(file));
+  QWErrorRethrow("%s: could not sync file \"%s\"", who, QWFileGetPath(file));
   return false;
 }
 
