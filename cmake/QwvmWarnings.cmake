@@ -8,3 +8,9 @@ if(QWVM_SANITIZE)
   target_compile_options(qwvm_flags INTERFACE -fsanitize=${QWVM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(qwvm_flags INTERFACE -fsanitize=${QWVM_SANITIZE})
 endif()
+if(QWVM_COVERAGE)
+  # gcov instrumentation for tests/coverage.sh; -O0 keeps lines and branches
+  # as written so the figures mean what they say.
+  target_compile_options(qwvm_flags INTERFACE --coverage -O0)
+  target_link_options(qwvm_flags INTERFACE --coverage)
+endif()
