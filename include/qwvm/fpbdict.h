@@ -76,8 +76,11 @@ QW_API uint32_t FPBDictFind(FPBDict *dict, uint64_t fingerprint, int *create, in
                             uint32_t genID);
 
 /*
- * Stores fingerprint -> wid (NEWGEN), replacing any WID it had; with
- * `check` the fingerprint must be absent (assertion). The counter moves to
+ * Stores fingerprint -> wid (NEWGEN). The fingerprint must be absent: with
+ * `check` that is asserted before the insert, and in every case a
+ * fingerprint that turns out present fails the assertion
+ * "ret == UINT_MAX_VALUE" (a bound fingerprint is never rebound, which would
+ * orphan its old WID). The counter moves to
  * wid + 1 when wid is not below it. Returns 1, or 0 with an error (code 22
  * for FPBDICT_NO_WID).
  */

@@ -109,10 +109,12 @@ QW_API void PathDictEnumerationFree(PathDictEnumeration *enumeration);
  * Starts a walk over the paths in genID that start with the components of
  * `prefix` (prefixLength bytes; empty: every path) and have at most `depth`
  * components beyond them (PATHDICT_DEPTH_UNLIMITED or more: any). The
- * prefix's own entry is included when stored. When a prefix component is
- * unknown the walk is empty. Paths come in ascending order of their handle
- * sequences. The dictionary must not change in genID during the walk.
- * Returns 1, or 0 with an error.
+ * prefix's own entry is included when stored. Paths come in ascending order
+ * of their handle sequences. The dictionary must not change in genID during
+ * the walk. Returns 1 when the walk started. When a prefix component is
+ * unknown the walk is marked finished and 0 is returned with no error set
+ * (QWErrorIsSet() tells this apart from a failure, which returns 0 with an
+ * error).
  */
 QW_API int PathDictEnumerationInit(PathDict *dict, PathDictEnumeration *enumeration, const char *prefix,
                                    uint32_t prefixLength, uint32_t depth, uint32_t genID);

@@ -9,7 +9,9 @@
 //
 // Old-generation file: every array's block ids concatenated (packed 64-bit),
 // the start offsets (packed 32-bit: 0, then running totals), the lengths
-// (packed 32-bit), the types (packed 8-bit).
+// (packed 32-bit), the types (a byte array: 4-byte count and the raw bytes).
+// Files written before the types became a byte array carry a width byte in
+// front of the count; the reader takes both forms (see ReadTypes).
 //
 // Readers validate what later code would trust (ids in range, offsets
 // consistent) so that a damaged file fails the open instead of crashing a
@@ -136,13 +138,34 @@ bool WriteOldGeneration(const VMArena *arena, QWChannel *channel) {
   return packed::WriteArray(channel, flat.blockIds, ArrayLength(flat.blockIds), 8) &&
          packed::WriteArray(channel, flat.starts, ArrayLength(flat.starts), 4) &&
          packed::WriteArray(channel, flat.lengths, ArrayLength(flat.lengths), 4) &&
-         packed::WriteArray(channel, flat.types, ArrayLength(flat.types), 1);
+         packed::WriteBytes(channel, flat.types, uint32_t(ArrayLength(flat.types)));
+}
+
+// The types field ends the file and holds one byte per array, so its count
+// must equal `arrays`. The byte-array form starts with that count; the older
+// form starts with a width byte (1) and then the count. The two read the
+// same first four bytes only when `arrays` is 0x01010101, where the current
+// form wins.
+bool ReadTypes(QWChannel *channel, size_t arrays, uint8_t **types) {
+  uint8_t head[4];
+  if (!ChannelReadBuf(channel, head, sizeof head)) return false;
+  uint64_t count = uint64_t(head[0]) | uint64_t(head[1]) << 8 | uint64_t(head[2]) << 16 | uint64_t(head[3]) << 24;
+  if (count != arrays) {
+    uint8_t fifth;
+    if (!ChannelReadBuf(channel, &fifth, 1)) return false;
+    count = uint64_t(head[1]) | uint64_t(head[2]) << 8 | uint64_t(head[3]) << 16 | uint64_t(fifth) << 24;
+    if (head[0] != 1 || count != arrays) return DataError("inconsistent old generation tables");
+  }
+  if (!*types ? !ArrayInit(*types, 1, arrays) : !ArrayLengthSet(*types, 0)) return false;
+  if (!ArrayGrow(*types, arrays)) return false;
+  return arrays == 0 || ChannelReadBuf(channel, *types, arrays) != 0;
 }
 
 bool ReadOldGeneration(const VMArena *arena, QWChannel *channel, OldView *view) {
   view->Free();
   if (!packed::ReadArray(channel, &view->blockIds, 8) || !packed::ReadArray(channel, &view->starts, 4) ||
-      !packed::ReadArray(channel, &view->lengths, 4) || !packed::ReadArray(channel, &view->types, 1))
+      !packed::ReadArray(channel, &view->lengths, 4) ||
+      !ReadTypes(channel, ArrayLength(view->lengths), &view->types))
     return false;
   size_t arrays = ArrayLength(view->lengths);
   if (ArrayLength(view->starts) != arrays + 1 || ArrayLength(view->types) != arrays || view->starts[0] != 0 ||

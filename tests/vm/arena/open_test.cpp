@@ -58,8 +58,16 @@ TEST_F(ArenaTest, InitialGenerationFilesAreByteExact) {
   expectedOld += std::string("\x01\0\0\0\0", 5);              // block ids
   expectedOld += std::string("\x01\x02\0\0\0\0\0", 7);        // starts 0, 0
   expectedOld += std::string("\x01\x01\0\0\0\0", 6);          // lengths
-  expectedOld += std::string("\x01\x01\0\0\0\0", 6);          // types
+  expectedOld += std::string("\x01\0\0\0\0", 5);              // types: a byte array
   EXPECT_EQ(qwtest::ReadFileBytes(path("arena/arena.old")), expectedOld);
+  // Files written when the types carried a width byte still open.
+  qwtest::WriteFileBytes(path("arena/arena.old"), expectedOld.substr(0, 18) + std::string("\x01\x01\0\0\0\0", 6));
+  arena = Open(Cache(), 0, 2);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  VMArenaClose(arena);
+  // Neither form: a width byte other than 1 before a matching count.
+  qwtest::WriteFileBytes(path("arena/arena.old"), expectedOld.substr(0, 18) + std::string("\x02\x01\0\0\0\0", 6));
+  EXPECT_EQ(Open(Cache(), 0, 2), nullptr);
 }
 
 TEST_F(ArenaTest, SerialisedArenaCreatedWithSerialZeroWritesSerialNames) {

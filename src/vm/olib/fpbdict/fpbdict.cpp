@@ -144,7 +144,7 @@ QW_API int FPBDictSet(FPBDict *dict, uint64_t fingerprint, uint32_t wid, int che
   QWErrorClear();
   const uint64_t ret = BTreeFind(dict->lookup, fingerprint, wid, FPBDICT_NO_WID, 1, 1, 0, NEWGEN);
   if (QWErrorIsSet()) return 0;
-  if (check) OLIB_ASSERT_TEXT(ret == FPBDICT_NO_WID, "ret == UINT_MAX_VALUE");
+  OLIB_ASSERT_TEXT(ret == FPBDICT_NO_WID, "ret == UINT_MAX_VALUE");
   return Allocator(dict).RaiseTo(wid) ? 1 : 0;
 }
 

@@ -71,7 +71,7 @@ QW_API int PathDictEnumerationInit(PathDict *dict, PathDictEnumeration *enumerat
   PathDictThreadData *threadData = enumeration->threadData;
   QWErrorClear();
   if (!ResetScratch(threadData) || !SplitPath(threadData, prefix, prefixLength)) return 0;
-  if (!ResolveComponents(dict, threadData, prefix, genID)) return QWErrorIsSet() ? 0 : 1;  // unknown: empty walk
+  if (!ResolveComponents(dict, threadData, prefix, genID)) return 0;  // unknown (no error set): finished
   const uint32_t symbolCount = EncodeHandles(threadData);
   if (symbolCount == UINT32_MAX) return 0;
   const uint32_t symbolDepth = depth >= PATHDICT_DEPTH_UNLIMITED ? PITREE_DEPTH_UNLIMITED : depth * ATOM_NODE_LENGTH;

@@ -104,7 +104,9 @@ QW_API int SFSList(SFS *store, const char *prefix, uint32_t prefixLength, uint32
                    void *context) {
   PathDictEnumeration *walk = PathDictEnumerationNew();
   if (walk == nullptr) return 0;
-  int ok = PathDictEnumerationInit(store->path, walk, prefix, prefixLength, PATHDICT_DEPTH_UNLIMITED, genID);
+  // 0 without an error: no stored path has the prefix, the walk is already over.
+  int ok = PathDictEnumerationInit(store->path, walk, prefix, prefixLength, PATHDICT_DEPTH_UNLIMITED, genID) ||
+           !QWErrorIsSet();
   const char *path = nullptr;
   uint32_t length = 0;
   uint64_t value = 0;

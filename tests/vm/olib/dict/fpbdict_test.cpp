@@ -54,9 +54,10 @@ TEST_F(FPBDictTest, AllocationRuleAndSizes) {
   EXPECT_EQ(Create(6, 1), 1u);  // with it: the hole
   ASSERT_TRUE(FPBDictSet(dict, 77, 100, 1));
   EXPECT_EQ(Create(78), 101u);
-  ASSERT_TRUE(FPBDictSet(dict, 77, 50, 0));  // replace without check
-  EXPECT_EQ(Lookup(77), 50u);
-  EXPECT_DEATH(FPBDictSet(dict, 77, 51, 1), "== UINT_MAX_VALUE");
+  // A bound fingerprint is never rebound, with or without the check.
+  EXPECT_DEATH(FPBDictSet(dict, 77, 50, 0), "ret == UINT_MAX_VALUE");
+  EXPECT_DEATH(FPBDictSet(dict, 77, 51, 1), "FPBDictFind\\(fpDict, fp, &create, FALSE, FALSE, NEWGEN\\) == UINT_MAX_VALUE");
+  EXPECT_EQ(Lookup(77), 100u);
   int both = 1;
   EXPECT_DEATH(FPBDictFind(dict, 1, &both, 1, 0, NEWGEN), "!\\(create && remove\\)");
 }

@@ -36,8 +36,10 @@ class PathDictTest : public dicttest::DictTest {
                                        uint32_t gen = NEWGEN) {
     std::map<std::string, uint64_t> out;
     PathDictEnumeration *walk = PathDictEnumerationNew();
-    EXPECT_TRUE(PathDictEnumerationInit(dict, walk, prefix.data(), uint32_t(prefix.size()), depth, gen))
-        << QWErrorMessage();
+    // 0 without an error: a prefix component is unknown and the walk is over.
+    int started = PathDictEnumerationInit(dict, walk, prefix.data(), uint32_t(prefix.size()), depth, gen);
+    EXPECT_FALSE(QWErrorIsSet()) << QWErrorMessage();
+    unknownPrefix = !started;
     const char *path;
     uint32_t length;
     uint64_t value;
@@ -50,6 +52,7 @@ class PathDictTest : public dicttest::DictTest {
   }
   PathDict *dict = nullptr;
   PathDictThreadData *threadData = nullptr;
+  bool unknownPrefix = false;  // the last List() found a prefix component unknown
 };
 
 TEST_F(PathDictTest, SlashesAndEscapes) {
@@ -89,6 +92,10 @@ TEST_F(PathDictTest, PrefixDepthAndRemove) {
   EXPECT_EQ(List("/usr/", 1), (std::map<std::string, uint64_t>{{"usr", 1}, {"usr/bin", 2}}));
   EXPECT_EQ(List("usr", 0), (std::map<std::string, uint64_t>{{"usr", 1}}));
   EXPECT_TRUE(List("nothing/here").empty());
+  EXPECT_TRUE(unknownPrefix);
+  EXPECT_TRUE(List("usr/nothing").empty());
+  EXPECT_TRUE(unknownPrefix);
+  EXPECT_TRUE(List("usr/bin/ls").size() == 1 && !unknownPrefix);
   EXPECT_EQ(Find("usr/bin", 0, 0, 1), 2u);
   EXPECT_EQ(Find("usr/bin"), 0u);
   EXPECT_EQ(Find("usr/bin/ls"), 3u);
