@@ -53,9 +53,14 @@
  * Threads: queries are added (and cleared) in NEWGEN by one writer.
  * Evaluations of OLDGEN may run on any number of threads, each with its own
  * runtime, bracketed by VMArenaOldGenAcquire/Release when a commit may run
- * beside them. The in-memory mirror and the node entry cache are read under
- * the evaluator's cache lock (shared) and rebuilt under it (exclusive) by
- * BoolEvalOnCommit. An evaluation of NEWGEN must not run beside the writer.
+ * beside them. Such readers see exactly one committed state when the writer
+ * holds them off from the arena's memory commit until BoolEvalOnCommit has
+ * run: VMArenaFlushStart, VMArenaFlushExec, VMArenaFlushCommitDisk, then
+ * VMArenaFlushCommitMemoryAcquire, VMArenaFlushCommitMemory(arena, 0),
+ * BoolEvalOnCommit, VMArenaFlushCommitMemoryRelease, VMArenaFlushStop. The
+ * in-memory mirror and the node entry cache are read under the evaluator's
+ * cache lock (shared) and rebuilt under it (exclusive) by BoolEvalOnCommit.
+ * An evaluation of NEWGEN must not run beside the writer.
  */
 #ifndef QWVM_BOOLEVAL_H
 #define QWVM_BOOLEVAL_H
