@@ -122,8 +122,13 @@ QW_API int BoolQueryDisjStop(BoolQuery *query);
  *  genID         NEWGEN: missing structures are created (on a writable
  *                arena); OLDGEN: they must exist (code 2 otherwise).
  *  created       [out, may be NULL] 1 when a structure was created.
- *  keepInMemory  non-zero: the committed conjunction totals and all-negative
- *                list are mirrored in memory (4 bytes per conjunction).
+ *  keepInMemory  non-zero: the committed conjunction totals, all-negative
+ *                list and conjunction values are mirrored in memory (about
+ *                12 bytes per conjunction and 4 per value), so that an
+ *                evaluation of OLDGEN reads only atom nodes (through the
+ *                node entry cache). One BoolEval per prefix should do the
+ *                writing: it tracks the conjunctions whose values it
+ *                changed, for its next BoolEvalOnCommit.
  * Then runs BoolEvalOnCommit. Returns the evaluator (BoolEvalFree), or NULL
  * with an error; whatever was opened is freed again.
  */
@@ -151,8 +156,9 @@ QW_API int BoolEvalClear(BoolEval *eval, uint32_t genID);
  * Call after VMArenaCommit succeeded (with readers of OLDGEN held off, as
  * for the structures of qwvm/ldbarray.h): the structures' committed
  * generation becomes the one just committed; the new elements of
- * "andTotalAttr" and "allNegAttr" are mirrored in memory (all of them after
- * BoolEvalClear); the node entry cache is emptied. Returns 1, or 0 with an
+ * "andTotalAttr" and "allNegAttr", and the values of new and changed
+ * conjunctions, are mirrored in memory (all of them after BoolEvalClear);
+ * the node entry cache is emptied. Returns 1, or 0 with an
  * error (the mirror is then empty and evaluations read the arrays).
  */
 QW_API int BoolEvalOnCommit(BoolEval *eval);

@@ -48,6 +48,7 @@ bool AppendConjunctionValue(BoolEval *eval, uint32_t id, uint32_t value) {
   if (length == 0) return Corrupt(eval, "conjunction node", id);
   eval->encoded.assign(eval->bytes, eval->bytes + length);
   AppendVarint(&eval->encoded, value);
+  if (eval->keepInMemory) eval->changedValues.push_back(id);
   return LDBArrayDataSet(eval->andNodes, eval->ldbScratch, 0, id, eval->encoded.data(), uint32_t(eval->encoded.size()),
                          NEWGEN) != 0;
 }

@@ -6,9 +6,13 @@
 //    elements of "andTotalAttr" and of "andNodesAttr" agree after every
 //    completed BoolEvalAdd (checked when a new id is handed out);
 //  - memAndTotal[c] is the committed total of conjunction c for every c below
-//    its size, and memAllNeg lists LinkOf(c, kTagWeak) for the first
-//    memAllNeg.size() elements of the committed "allNegAttr", unless
-//    reloadMirror is set (after a clear, until the next commit);
+//    its size; memValues[memValueStart[c] ...] holds the memValueCount[c]
+//    committed values of conjunction c for every c below memValueStart's
+//    size; memAllNeg lists LinkOf(c, kTagWeak) for the first memAllNeg.size()
+//    elements of the committed "allNegAttr"; all this unless reloadMirror is
+//    set (after a clear, until the next commit). A conjunction whose values
+//    grow is listed in changedValues until the next commit reloads it (its
+//    new copy is appended to memValues; the old one is left unused);
 //  - the node entry cache holds only entries of the committed generation.
 #pragma once
 
@@ -40,6 +44,8 @@ struct BoolEval {
   uint32_t keepInMemory = 0;
   std::vector<uint32_t> memAndTotal;
   std::vector<uint32_t> memAllNeg;
+  std::vector<uint32_t> memValueStart, memValueCount, memValues;
+  std::vector<uint32_t> changedValues;
   bool reloadMirror = false;
   NodeEntryCache *cache = nullptr;
   QWRWLock *cacheLock = nullptr;
@@ -56,7 +62,7 @@ struct BoolEvalRuntime {
   HashDelTable *keys = nullptr;  // (atomID, sub) -> strength 1 or 2
   std::vector<uint32_t> entries;
   std::vector<uint32_t> merged;
-  std::vector<size_t> runEnds;
+  std::vector<size_t> runEnds, mergeEnds, nextEnds;
   std::vector<uint32_t> levels[3];
   bool sorted[3] = {false, false, false};
   uint8_t *bytes = nullptr;  // qwlib growable byte array

@@ -108,7 +108,8 @@ bool CollectRuns(BoolEvalRuntime *runtime) {
 // Merges the sorted runs pairwise into one sorted list, then the sentinel.
 void MergeRuns(BoolEvalRuntime *runtime) {
   std::vector<uint32_t> &from = runtime->entries, &to = runtime->merged;
-  std::vector<size_t> ends = runtime->runEnds, next;
+  std::vector<size_t> &ends = runtime->mergeEnds, &next = runtime->nextEnds;
+  ends = runtime->runEnds;
   while (ends.size() > 1) {
     to.resize(from.size());
     next.clear();
@@ -126,18 +127,27 @@ void MergeRuns(BoolEvalRuntime *runtime) {
   from.push_back(kSentinel);
 }
 
-// The total of conjunction `id`; reads its node into runtime->bytes unless
-// the mirror answers (then *nodeRead stays false).
-bool ConjunctionTotal(BoolEvalRuntime *runtime, uint32_t id, uint32_t *total, size_t *valuesStart, bool *nodeRead) {
+// The total and the values of conjunction `id`: from the mirror when it
+// holds them, else from the node. Values are read (into runtime->values)
+// only when `total` says the entries can match, so that most candidates cost
+// one mirror look-up.
+bool Conjunction(BoolEvalRuntime *runtime, uint32_t id, uint32_t found, bool *matches) {
   BoolEval *eval = runtime->eval;
-  *nodeRead = false;
-  if (UseMirror(runtime) && id < eval->memAndTotal.size()) {
-    *total = eval->memAndTotal[id];
+  runtime->values.clear();
+  if (UseMirror(runtime) && id < eval->memAndTotal.size() && id < eval->memValueStart.size()) {
+    *matches = eval->memAndTotal[id] == found;
+    const uint32_t *values = eval->memValues.data() + eval->memValueStart[id];
+    if (*matches) runtime->values.assign(values, values + eval->memValueCount[id]);
     return true;
   }
+  uint32_t total = 0;
+  size_t valuesStart = 0;
   if (!ReadElement(eval->andNodes, id, &runtime->bytes, runtime->genID)) return false;
-  *nodeRead = true;
-  if (!DecodeConjunctionHeader(runtime->bytes, ArrayLength(runtime->bytes), total, valuesStart)) {
+  const uint8_t *node = runtime->bytes;
+  const size_t size = ArrayLength(runtime->bytes);
+  if (!DecodeConjunctionHeader(node, size, &total, &valuesStart)) return Corrupt(eval, "conjunction node", id);
+  *matches = total == found;
+  if (*matches && !DecodeValues(node, size, valuesStart, &runtime->values)) {
     return Corrupt(eval, "conjunction node", id);
   }
   return true;
@@ -156,23 +166,9 @@ bool WalkGroups(BoolEvalRuntime *runtime) {
       c3 += (list[i] & 3) == kTagWeak;
     }
     if (negatedPresent) continue;
-    uint32_t total = 0;
-    size_t valuesStart = 0;
-    bool nodeRead = false;
-    if (!ConjunctionTotal(runtime, id, &total, &valuesStart, &nodeRead)) return false;
-    if (c2 + c3 != total) continue;
-    if (!nodeRead) {
-      uint32_t stored = 0;
-      if (!ReadElement(runtime->eval->andNodes, id, &runtime->bytes, runtime->genID)) return false;
-      if (!DecodeConjunctionHeader(runtime->bytes, ArrayLength(runtime->bytes), &stored, &valuesStart)) {
-        return Corrupt(runtime->eval, "conjunction node", id);
-      }
-    }
-    runtime->values.clear();
-    if (!DecodeValues(runtime->bytes, ArrayLength(runtime->bytes), valuesStart, &runtime->values)) {
-      return Corrupt(runtime->eval, "conjunction node", id);
-    }
-    AddMatches(runtime, c2 != 0, c3 == 0, runtime->values);
+    bool matches = false;
+    if (!Conjunction(runtime, id, c2 + c3, &matches)) return false;
+    if (matches) AddMatches(runtime, c2 != 0, c3 == 0, runtime->values);
   }
   return true;
 }
@@ -217,6 +213,8 @@ QW_API int BoolEvalRuntimeStart(BoolEvalRuntime *runtime, uint32_t genID) {
   Reset(&runtime->entries);
   Reset(&runtime->merged);
   Reset(&runtime->runEnds);
+  Reset(&runtime->mergeEnds);
+  Reset(&runtime->nextEnds);
   Reset(&runtime->values);
   for (uint32_t level = 0; level < 3; ++level) {
     Reset(&runtime->levels[level]);

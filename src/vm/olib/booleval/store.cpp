@@ -1,4 +1,5 @@
 // The evaluator's record: open, free, clear, commit and statistics.
+#include <algorithm>
 #include <new>
 
 #include "vm/olib/booleval/booleval_internal.h"
@@ -38,26 +39,63 @@ bool LoadVarints(BoolEval *eval, LDBArray *array, const char *what, std::vector<
   return true;
 }
 
+// Mirrors the values of conjunction `id` (OLDGEN).
+bool LoadValues(BoolEval *eval, uint32_t id) {
+  if (!ReadElement(eval->andNodes, id, &eval->bytes, OLDGEN)) return false;
+  uint32_t total = 0;
+  size_t start = 0;
+  const size_t before = eval->memValues.size();
+  if (!DecodeConjunctionHeader(eval->bytes, ArrayLength(eval->bytes), &total, &start) ||
+      !DecodeValues(eval->bytes, ArrayLength(eval->bytes), start, &eval->memValues)) {
+    return Corrupt(eval, "conjunction node", id);
+  }
+  if (id == eval->memValueStart.size()) {
+    eval->memValueStart.push_back(0);
+    eval->memValueCount.push_back(0);
+  }
+  eval->memValueStart[id] = uint32_t(before);
+  eval->memValueCount[id] = uint32_t(eval->memValues.size() - before);
+  return true;
+}
+
+// The values of conjunctions changed since the last load, then of the new
+// ones.
+bool LoadAllValues(BoolEval *eval) {
+  std::sort(eval->changedValues.begin(), eval->changedValues.end());
+  for (uint32_t id : eval->changedValues) {
+    if (id < eval->memValueStart.size() && !LoadValues(eval, id)) return false;
+  }
+  eval->changedValues.clear();
+  const uint32_t size = LDBArraySize(eval->andNodes, 0, OLDGEN);
+  for (uint32_t id = uint32_t(eval->memValueStart.size()); id < size; ++id) {
+    if (!LoadValues(eval, id)) return false;
+  }
+  return true;
+}
+
+void ClearMirror(BoolEval *eval) {
+  for (auto *mirror : {&eval->memAndTotal, &eval->memAllNeg, &eval->memValueStart, &eval->memValueCount,
+                       &eval->memValues, &eval->changedValues}) {
+    mirror->clear();
+  }
+}
+
 }  // namespace
 
 bool LoadMirror(BoolEval *eval) {
   if (!eval->keepInMemory) return true;
   if (eval->reloadMirror) {
-    eval->memAndTotal.clear();
-    eval->memAllNeg.clear();
+    ClearMirror(eval);
     eval->reloadMirror = false;
   }
   const bool ok = Guarded("BoolEvalOnCommit", [&] {
     return LoadVarints(eval, eval->andTotal, "conjunction total", &eval->memAndTotal,
                        [](uint32_t total) { return total; }) &&
            LoadVarints(eval, eval->allNeg, "all-negative entry", &eval->memAllNeg,
-                       [](uint32_t id) { return LinkOf(id, kTagWeak); });
+                       [](uint32_t id) { return LinkOf(id, kTagWeak); }) &&
+           LoadAllValues(eval);
   });
-  if (!ok) {
-    // Evaluations then read the arrays until a later commit reloads.
-    eval->memAndTotal.clear();
-    eval->memAllNeg.clear();
-  }
+  if (!ok) ClearMirror(eval);  // evaluations then read the arrays until a later commit reloads
   return ok;
 }
 
