@@ -21,6 +21,7 @@
 // The summary prints documents per second, the ratios, the time to store the
 // queries, and the query store's bytes per stored query.
 #include <sys/stat.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -210,38 +211,59 @@ void BruteForce(const std::vector<uint32_t> &doc, std::vector<uint8_t> *present,
   for (uint32_t atom : doc) (*present)[atom] = 0;
 }
 
+// Thread CPU time, for a ratio that load from other processes does not
+// distort.
+double ThreadCpuNs() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return double(now.tv_sec) * 1e9 + double(now.tv_nsec);
+}
+
+// Runs `body(i)` per iteration; records the CPU time per iteration.
+template <typename Body>
+void Timed(benchmark::State &state, Body body) {
+  const double start = ThreadCpuNs();
+  uint64_t i = 0;
+  for (auto _ : state) {
+    if (!body(i++)) break;
+  }
+  state.counters["cpu_ns"] = (ThreadCpuNs() - start) / double(std::max<uint64_t>(i, 1));
+}
+
 void BM_BoolEval(benchmark::State &state) {
   BoolEvalRuntime *runtime = BoolEvalRuntimeNew(g.eval);
   std::vector<uint32_t> out;
-  uint64_t matches = 0, i = 0;
-  for (auto _ : state) {
-    if (!Evaluate(runtime, g.docs[i++ % kDocs], &out)) {
+  uint64_t matches = 0, docs = 0;
+  Timed(state, [&](uint64_t i) {
+    if (!Evaluate(runtime, g.docs[i % kDocs], &out)) {
       state.SkipWithError(QWErrorMessage());
-      break;
+      return false;
     }
     matches += out.size();
-  }
-  state.counters["matches/doc"] = double(matches) / double(std::max<uint64_t>(i, 1));
+    ++docs;
+    return true;
+  });
+  state.counters["matches/doc"] = double(matches) / double(std::max<uint64_t>(docs, 1));
   BoolEvalRuntimeFree(runtime);
 }
 
 void BM_CountingIndex(benchmark::State &state) {
   std::vector<uint32_t> out;
-  uint64_t i = 0;
-  for (auto _ : state) {
-    peer.Match(g.docs[i++ % kDocs], &out);
+  Timed(state, [&](uint64_t i) {
+    peer.Match(g.docs[i % kDocs], &out);
     benchmark::DoNotOptimize(out.data());
-  }
+    return true;
+  });
 }
 
 void BM_BruteForce(benchmark::State &state) {
   std::vector<uint8_t> present(kAtomIds, 0);
   std::vector<uint32_t> out;
-  uint64_t i = 0;
-  for (auto _ : state) {
-    BruteForce(g.docs[i++ % kDocs], &present, &out);
+  Timed(state, [&](uint64_t i) {
+    BruteForce(g.docs[i % kDocs], &present, &out);
     benchmark::DoNotOptimize(out.data());
-  }
+    return true;
+  });
 }
 
 BENCHMARK(BM_BoolEval)->Unit(benchmark::kMicrosecond);
@@ -282,6 +304,16 @@ void Summary(const qwbench::SummaryReporter &reporter) {
   if (const auto *ours = reporter.Find("BM_BoolEval")) std::printf("documents per second: %.0f\n", 1e9 / ours->nsPerOp);
   reporter.PrintRatio("evaluator / counting index", "BM_BoolEval", "BM_CountingIndex", 1);
   reporter.PrintRatio("evaluator / brute-force scan", "BM_BoolEval", "BM_BruteForce", 1);
+  // The same in CPU time of the measuring thread.
+  const auto *ours = reporter.Find("BM_BoolEval");
+  for (const char *peerName : {"BM_CountingIndex", "BM_BruteForce"}) {
+    const auto *other = reporter.Find(peerName);
+    if (!ours || !other || !ours->counters.count("cpu_ns") || !other->counters.count("cpu_ns")) continue;
+    const double a = ours->counters.at("cpu_ns"), b = other->counters.at("cpu_ns");
+    std::printf("CPU time, evaluator / %s: %.3f  (%s vs %s; %.0f documents per CPU second)\n", peerName + 3, a / b,
+                qwbench::SummaryReporter::FormatTime(a).c_str(), qwbench::SummaryReporter::FormatTime(b).c_str(),
+                1e9 / a);
+  }
   std::printf("stored in %.1f s (%.0f queries per second)\n", g.storeSeconds, g.queryCount / g.storeSeconds);
   std::printf("bytes per stored query: %.1f on disk (allocated), %.1f in the evaluator's arrays\n",
               double(g.diskBytes) / g.queryCount, double(g.structureBytes) / g.queryCount);

@@ -18,9 +18,12 @@ struct Slot {
   std::shared_ptr<const qw::booleval::NodeEntry> entry;
 };
 
+// Keys are atomID << 32 | sub: every bit must reach the low bits.
 uint64_t SlotOf(uint64_t key, uint64_t mask) {
-  key *= 0x9E3779B97F4A7C15ull;
-  return (key ^ (key >> 29)) & mask;
+  key ^= key >> 31;
+  key *= 0xBF58476D1CE4E5B9ull;
+  key ^= key >> 29;
+  return key & mask;
 }
 
 }  // namespace
