@@ -88,6 +88,14 @@ bool Corrupt(BoolEval *eval, const char *what, uint32_t id);
 // Reads the committed total/all-negative arrays into the mirror.
 [[nodiscard]] bool LoadMirror(BoolEval *eval);
 
+// Empties a scratch buffer, making it afresh when it has grown past 10000
+// elements.
+template <class T>
+void Reset(std::vector<T> *buffer) {
+  if (buffer->capacity() > 10000) std::vector<T>().swap(*buffer);
+  buffer->clear();
+}
+
 // Runs `body`, turning an allocation failure into error 12; returns its
 // result, or 0.
 template <class Body>

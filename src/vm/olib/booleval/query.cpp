@@ -3,18 +3,6 @@
 
 #include "vm/olib/booleval/booleval_internal.h"
 
-namespace {
-
-constexpr size_t kScratchLimit = 10000;
-
-template <class T>
-void Reset(std::vector<T> *buffer) {
-  if (buffer->capacity() > kScratchLimit) std::vector<T>().swap(*buffer);
-  buffer->clear();
-}
-
-}  // namespace
-
 extern "C" {
 
 QW_API BoolQuery *BoolQueryNew(void) {
@@ -27,8 +15,8 @@ QW_API void BoolQueryFree(BoolQuery *query) { delete query; }
 
 QW_API int BoolQueryDisjStart(BoolQuery *query) {
   qwassert_(query->level == 0);
-  Reset(&query->atoms);
-  Reset(&query->ends);
+  qw::booleval::Reset(&query->atoms);
+  qw::booleval::Reset(&query->ends);
   return qw::booleval::Guarded("BoolQueryDisjStart", [&] {
     query->ends.push_back(0);
     query->level = 1;

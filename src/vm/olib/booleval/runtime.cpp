@@ -18,15 +18,8 @@ using namespace qw::booleval;
 
 namespace {
 
-constexpr size_t kScratchLimit = 10000;
 constexpr uint32_t kSentinel = UINT32_MAX;
 constexpr uint32_t kWeak = 1, kStrong = 2;
-
-template <class T>
-void Reset(std::vector<T> *buffer) {
-  if (buffer->capacity() > kScratchLimit) std::vector<T>().swap(*buffer);
-  buffer->clear();
-}
 
 void AddMatch(BoolEvalRuntime *runtime, uint32_t level, const uint32_t *values, size_t count) {
   qwassert_(level < 3);
