@@ -129,8 +129,10 @@ QW_API int BoolQueryDisjStop(BoolQuery *query);
  *                node entry cache). One BoolEval per prefix should do the
  *                writing: it tracks the conjunctions whose values it
  *                changed, for its next BoolEvalOnCommit.
- * Then runs BoolEvalOnCommit. Returns the evaluator (BoolEvalFree), or NULL
- * with an error; whatever was opened is freed again.
+ * Then loads the in-memory mirror and empties the node entry cache as
+ * BoolEvalOnCommit does (the structures' committed generation is the one
+ * they were opened with). Returns the evaluator (BoolEvalFree), or NULL with
+ * an error; whatever was opened is freed again.
  */
 QW_API BoolEval *BoolEvalNew(VMArena *arena, uint8_t **pathBuffer, const char *prefix, uint32_t genID,
                              int *created, int keepInMemory);
@@ -187,7 +189,11 @@ QW_API int BoolEvalStat(BoolEval *eval, uint32_t genID, uint64_t *conjunctions, 
 QW_API BoolEvalRuntime *BoolEvalRuntimeNew(BoolEval *eval);
 QW_API void BoolEvalRuntimeFree(BoolEvalRuntime *runtime);
 /* Resets the runtime for an evaluation of genID (buffers grown past 10000
- * elements are made afresh) and collects the all-negative conjunctions. */
+ * elements are made afresh). The all-negative conjunctions are collected by
+ * Stop, under the same hold of the cache lock as the rest of the
+ * evaluation, from the mirror when keepInMemory is set and genID is OLDGEN,
+ * else from "allNegAttr"; so a commit between Start and Stop cannot mix two
+ * states. */
 QW_API int BoolEvalRuntimeStart(BoolEvalRuntime *runtime, uint32_t genID);
 /* "atomID != UINT_MAX_VALUE". Returns 1, or 0 with code 12. */
 QW_API int BoolEvalRuntimeAtomAdd(BoolEvalRuntime *runtime, uint32_t sub, uint32_t atomID, int strong);
