@@ -98,6 +98,20 @@ bool CollectRuns(BoolEvalRuntime *runtime) {
   return true;
 }
 
+// Merges [a, middle) and [middle, end) into out. The choice of side is a
+// data dependency rather than a branch: the sides interleave unpredictably.
+void MergeTwo(const uint32_t *a, const uint32_t *middle, const uint32_t *end, uint32_t *out) {
+  const uint32_t *b = middle;
+  while (a < middle && b < end) {
+    const bool takeB = *b < *a;
+    *out++ = takeB ? *b : *a;
+    a += !takeB;
+    b += takeB;
+  }
+  out = std::copy(a, middle, out);
+  std::copy(b, end, out);
+}
+
 // Merges the sorted runs pairwise into one sorted list, then the sentinel.
 void MergeRuns(BoolEvalRuntime *runtime) {
   std::vector<uint32_t> &from = runtime->entries, &to = runtime->merged;
@@ -109,8 +123,7 @@ void MergeRuns(BoolEvalRuntime *runtime) {
     size_t begin = 0;
     for (size_t r = 0; r < ends.size(); r += 2) {
       const size_t middle = ends[r], end = r + 1 < ends.size() ? ends[r + 1] : middle;
-      std::merge(from.begin() + begin, from.begin() + middle, from.begin() + middle, from.begin() + end,
-                 to.begin() + begin);
+      MergeTwo(from.data() + begin, from.data() + middle, from.data() + end, to.data() + begin);
       next.push_back(end);
       begin = end;
     }
@@ -128,9 +141,13 @@ bool Conjunction(BoolEvalRuntime *runtime, uint32_t id, uint32_t found, bool *ma
   BoolEval *eval = runtime->eval;
   runtime->values.clear();
   if (UseMirror(runtime) && id < eval->memAndTotal.size() && id < eval->memValueStart.size()) {
+    // Most candidates fail on the total: the value arrays are touched only
+    // for a match.
     *matches = eval->memAndTotal[id] == found;
-    const uint32_t *values = eval->memValues.data() + eval->memValueStart[id];
-    if (*matches) runtime->values.assign(values, values + eval->memValueCount[id]);
+    if (*matches) {
+      const uint32_t *values = eval->memValues.data() + eval->memValueStart[id];
+      runtime->values.assign(values, values + eval->memValueCount[id]);
+    }
     return true;
   }
   uint32_t total = 0;
