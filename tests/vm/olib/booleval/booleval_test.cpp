@@ -4,6 +4,7 @@
 // then a table of edge cases and the refusals.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <random>
 #include <vector>
@@ -147,6 +148,25 @@ TEST_F(BoolEvalTest, RefusalsStoreNothing) {
   uint64_t conjunctions = 1, atomNodes = 1;
   ASSERT_EQ(BoolEvalStat(eval, NEWGEN, &conjunctions, nullptr, &atomNodes, nullptr), 1);
   EXPECT_EQ(conjunctions + atomNodes, 0u);
+}
+
+TEST_F(BoolEvalTest, MalformedNodeTagsTheArenaAndFails) {
+  OpenEval(0);
+  Add({{P(5), P(6)}}, 1);
+  // Overwrite atom 5's node with a truncated varint through the array itself.
+  LDBArray *nodes = LDBArrayNew(arena, &pathBuffer, "alerts/atomNodesAttr", nullptr, 0, 1);
+  LDBArrayThreadData *scratch = LDBArrayThreadDataNew();
+  ASSERT_TRUE(nodes && scratch) << QWErrorMessage();
+  const uint8_t garbage[] = {0x01};
+  ASSERT_EQ(LDBArrayDataSet(nodes, scratch, 0, 5, garbage, 1, NEWGEN), 1) << QWErrorMessage();
+  ASSERT_EQ(BoolEvalRuntimeStart(runtime, NEWGEN), 1);
+  ASSERT_EQ(BoolEvalRuntimeAtomAdd(runtime, 0, 5, 1), 1);
+  EXPECT_EQ(BoolEvalRuntimeStop(runtime), 0);
+  EXPECT_EQ(QWErrorCode(), 74);
+  EXPECT_NE(std::string(QWErrorMessage()).find("malformed atom node 5"), std::string::npos) << QWErrorMessage();
+  EXPECT_TRUE(std::ifstream(path("arena/corrupted")).good());  // the arena is tagged
+  LDBArrayThreadDataFree(scratch);
+  LDBArrayFree(nodes);
 }
 
 TEST_F(BoolEvalTest, AssertionsNameTheirCondition) {
