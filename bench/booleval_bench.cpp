@@ -290,7 +290,9 @@ bool Prepare() {
     peer.Match(g.docs[d], &counted);
     BruteForce(g.docs[d], &present, &brute);
     agree = agree && ours == counted && ours == brute;
-    if (!agree) std::fprintf(stderr, "document %u: %zu matches, %zu counted, %zu scanned\n", d, ours.size(), counted.size(), brute.size());
+    if (!agree)
+      std::fprintf(stderr, "document %u: %zu matches, %zu counted, %zu scanned\n", d, ours.size(), counted.size(),
+                   brute.size());
   }
   BoolEvalRuntimeFree(runtime);
   if (!agree) std::fprintf(stderr, "the evaluator, the counting index and the scan disagree\n");

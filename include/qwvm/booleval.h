@@ -134,8 +134,8 @@ QW_API int BoolQueryDisjStop(BoolQuery *query);
  * they were opened with). Returns the evaluator (BoolEvalFree), or NULL with
  * an error; whatever was opened is freed again.
  */
-QW_API BoolEval *BoolEvalNew(VMArena *arena, uint8_t **pathBuffer, const char *prefix, uint32_t genID,
-                             int *created, int keepInMemory);
+QW_API BoolEval *BoolEvalNew(VMArena *arena, uint8_t **pathBuffer, const char *prefix, uint32_t genID, int *created,
+                             int keepInMemory);
 
 /* Frees the in-memory record (NULL is ignored); the stored queries stay. */
 QW_API void BoolEvalFree(BoolEval *eval);

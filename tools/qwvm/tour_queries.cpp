@@ -14,8 +14,8 @@ int TourQueries(const char *directory) {
   std::printf("\n6. Queries: stored boolean queries, matched against the atoms of a document\n");
   const std::pair<const char *, uint32_t> queries[] = {
       {"1 & 2", 1}, {"1 & !4", 2}, {"3 | 2:5", 3}, {"!(1 | 9)", 4}, {"3 & 1", 5}};
-  VMArena *arena = VMArenaOpen(queryDir.c_str(), VM_FLAG_MAPPED | VM_FLAG_CREATE, 2, STATUS_NO_SERIAL,
-                               STATUS_NO_SERIAL, nullptr, nullptr);
+  VMArena *arena = VMArenaOpen(queryDir.c_str(), VM_FLAG_MAPPED | VM_FLAG_CREATE, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
+                               nullptr, nullptr);
   if (!arena) return TourFail("VMArenaOpen");
   uint8_t *pathBuffer = nullptr;
   BoolEval *eval = BoolEvalNew(arena, &pathBuffer, "eval", NEWGEN, nullptr, 1);
@@ -47,8 +47,9 @@ int TourQueries(const char *directory) {
   }
   if (!ok) TourFail("storing or matching queries");
   if (ok && !asExpected) std::fprintf(stderr, "qwvm tour: the matches are not the expected ones\n");
-  if (ok) std::printf("   use it by hand: qwvm eval %s match 1 2:5 --weak 3; qwvm eval %s stat\n", queryDir.c_str(),
-                      queryDir.c_str());
+  if (ok)
+    std::printf("   use it by hand: qwvm eval %s match 1 2:5 --weak 3; qwvm eval %s stat\n", queryDir.c_str(),
+                queryDir.c_str());
   BoolEvalRuntimeFree(runtime);
   BoolQueryFree(query);
   BoolEvalFree(eval);

@@ -88,13 +88,15 @@ bool AddConjunction(BoolEval *eval, std::vector<Atom> atoms, uint32_t value) {
     key.push_back(atom.sub);
   }
   int create = 1;
-  const uint64_t id = IDTreeFind(eval->andLookup, eval->idScratch, key.data(), uint32_t(key.size()), &create, 0, 0,
-                                 NEWGEN);
+  const uint64_t id =
+      IDTreeFind(eval->andLookup, eval->idScratch, key.data(), uint32_t(key.size()), &create, 0, 0, NEWGEN);
   if (id == IDTREE_NO_ID) return false;
   if (id >= kMaxConjunctions) {
-    return QWErrorThrow(28, QW_ERROR_CLASS_GENERAL, "no conjunction id left (%llu)", static_cast<unsigned long long>(id));
+    return QWErrorThrow(28, QW_ERROR_CLASS_GENERAL, "no conjunction id left (%llu)",
+                        static_cast<unsigned long long>(id));
   }
-  return create ? StoreConjunction(eval, atoms, uint32_t(id), value) : AppendConjunctionValue(eval, uint32_t(id), value);
+  return create ? StoreConjunction(eval, atoms, uint32_t(id), value)
+                : AppendConjunctionValue(eval, uint32_t(id), value);
 }
 
 // Refuses what cannot be stored before anything is written.

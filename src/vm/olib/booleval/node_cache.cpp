@@ -64,10 +64,10 @@ QW_API NodeEntryCache *NodeEntryCacheInit(uint32_t slots) {
   while (count < slots) count <<= 1;
   NodeEntryCache *cache = new (std::nothrow) NodeEntryCache;
   const int ok = cache && qw::booleval::Guarded("NodeEntryCacheInit", [&] {
-    cache->slots.resize(count);
-    cache->mask = count - 1;
-    return 1;
-  });
+                   cache->slots.resize(count);
+                   cache->mask = count - 1;
+                   return 1;
+                 });
   for (uint32_t i = 0; ok && i < kStripes; ++i) cache->stripes[i] = MutexInit();
   if (!ok) {
     if (cache == nullptr) QWErrorThrow(12, QW_ERROR_CLASS_SYSTEM, "NodeEntryCacheInit: out of memory");

@@ -56,8 +56,7 @@ void EncodeAtomNode(const AtomNode &node, std::vector<uint8_t> *out);
 void EncodeConjunctionNode(const std::vector<Atom> &sortedAtoms, uint32_t andTotal, uint32_t value,
                            std::vector<uint8_t> *out);
 // andTotal and where the values start. False when malformed.
-[[nodiscard]] bool DecodeConjunctionHeader(const uint8_t *data, size_t size, uint32_t *andTotal,
-                                           size_t *valuesStart);
+[[nodiscard]] bool DecodeConjunctionHeader(const uint8_t *data, size_t size, uint32_t *andTotal, size_t *valuesStart);
 // Appends the values from `pos` to the end to *values.
 [[nodiscard]] bool DecodeValues(const uint8_t *data, size_t size, size_t pos, std::vector<uint32_t> *values);
 

@@ -10,8 +10,8 @@
 namespace qw::booleval {
 
 bool ReadElement(LDBArray *array, uint32_t handle, uint8_t **bytes, uint32_t genID) {
-  if (handle >= LDBArraySize(array, 0, genID)) return *bytes != nullptr ? ArrayLengthSet(*bytes, 0) != 0
-                                                                        : ArrayInit(*bytes, 1, 256) != 0;
+  if (handle >= LDBArraySize(array, 0, genID))
+    return *bytes != nullptr ? ArrayLengthSet(*bytes, 0) != 0 : ArrayInit(*bytes, 1, 256) != 0;
   return LDBArrayGetArray(array, 0, handle, bytes, 0, genID) != 0;
 }
 
@@ -148,9 +148,10 @@ QW_API BoolEval *BoolEvalNew(VMArena *arena, uint8_t **pathBuffer, const char *p
   const bool mayCreate = genID == NEWGEN && !VMArenaIsReadOnly(arena);
   const bool ok = Guarded("BoolEvalNew", [&] {
     eval->path = scope.Text() + prefix + "/";
-    return OpenParts(eval.get(), pathBuffer, prefix, mayCreate, &made) && (eval->cache = NodeEntryCacheInit(BOOLEVAL_CACHE_SLOTS)) &&
-           (eval->cacheLock = RWLockInit()) && (eval->idScratch = IDTreeThreadDataNew()) &&
-           (eval->ldbScratch = LDBArrayThreadDataNew()) && ArrayInit(eval->bytes, 1, 256) && LoadMirror(eval.get());
+    return OpenParts(eval.get(), pathBuffer, prefix, mayCreate, &made) &&
+           (eval->cache = NodeEntryCacheInit(BOOLEVAL_CACHE_SLOTS)) && (eval->cacheLock = RWLockInit()) &&
+           (eval->idScratch = IDTreeThreadDataNew()) && (eval->ldbScratch = LDBArrayThreadDataNew()) &&
+           ArrayInit(eval->bytes, 1, 256) && LoadMirror(eval.get());
   });
   if (!ok) {
     QWErrorRethrow("BoolEvalNew: cannot open the boolean evaluator \"%s\"", eval->path.c_str());

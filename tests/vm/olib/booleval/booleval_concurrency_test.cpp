@@ -20,7 +20,7 @@ TEST_F(BoolEvalConcurrency, CommittedRuntimesRunBesideAnAddingAndCommittingWrite
   std::vector<Doc> probes;
   for (int i = 0; i < 16; ++i) probes.push_back(RandomDoc(rng));
   std::vector<std::vector<std::pair<Query, uint32_t>>> rounds(kRounds + 1);  // the queries of round r
-  std::vector<std::vector<Levels>> expected(kRounds + 1);  // per committed round, per probe
+  std::vector<std::vector<Levels>> expected(kRounds + 1);                    // per committed round, per probe
   std::vector<std::pair<Query, uint32_t>> all;
   for (int r = 0; r <= kRounds; ++r) {
     for (uint32_t i = 0; r > 0 && i < 25; ++i) rounds[r].emplace_back(RandomQuery(rng), r * 100 + i);
@@ -57,8 +57,7 @@ TEST_F(BoolEvalConcurrency, CommittedRuntimesRunBesideAnAddingAndCommittingWrite
     VMArenaNewGenRelease(arena, 0);
     // The commit step by step, so that readers are held off from the moment
     // the arena's committed generation changes until the evaluator follows.
-    ASSERT_TRUE(VMArenaFlushStart(arena, nullptr, nullptr) && VMArenaFlushExec(arena) &&
-                VMArenaFlushCommitDisk(arena))
+    ASSERT_TRUE(VMArenaFlushStart(arena, nullptr, nullptr) && VMArenaFlushExec(arena) && VMArenaFlushCommitDisk(arena))
         << QWErrorMessage();
     VMArenaFlushCommitMemoryAcquire(arena);
     EXPECT_EQ(VMArenaFlushCommitMemory(arena, 0), 1);

@@ -55,8 +55,8 @@ inline Levels BruteForce(const std::vector<std::pair<Query, uint32_t>> &stored, 
       if (anyPositive && allStrong) levels[2].insert(value);
     }
   }
-  return {{levels[0].begin(), levels[0].end()}, {levels[1].begin(), levels[1].end()},
-          {levels[2].begin(), levels[2].end()}};
+  return {
+      {levels[0].begin(), levels[0].end()}, {levels[1].begin(), levels[1].end()}, {levels[2].begin(), levels[2].end()}};
 }
 
 inline Lit RandomLit(std::mt19937 &rng, uint32_t atoms) {
