@@ -11,6 +11,7 @@
 #include "qwvm/qwutil.h"
 #include "qwvm/qwlog.h"
 #include "qwvm/qwcache.h"
+#include "qwvm/qwdict.h"
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
@@ -24,5 +25,6 @@
 #include "qwvm/fpbdict.h"
 #include "qwvm/pathdict.h"
 #include "qwvm/sfs.h"
+#include "qwvm/booleval.h"
 
 #endif /* QWVM_QWVM_H */

@@ -10,6 +10,7 @@ std::unique_ptr<Workload> MakePITree();
 std::unique_ptr<Workload> MakeBTree();
 std::unique_ptr<Workload> MakeAVL();
 std::unique_ptr<Workload> MakeSFS();
+std::unique_ptr<Workload> MakeBoolEval();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -21,6 +22,7 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"btree", MakeBTree},
       {"avl", MakeAVL},
       {"sfs", MakeSFS},
+      {"booleval", MakeBoolEval},
   };
   return kinds;
 }
