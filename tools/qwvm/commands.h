@@ -10,10 +10,13 @@ int RunTour(const char *directory);
 int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
 int RunSfs(int argc, char **argv);
+int RunLog(int argc, char **argv);
+int RunLvm(int argc, char **argv);
 
 // Parts of the tour, in their own files; each returns the exit status.
 int TourFail(const char *what);
 int TourStructures(const char *directory, PageCache *cache);
 int TourFiles(const char *directory);
+int TourLogged(const char *directory);
 
 }  // namespace qwtool

@@ -17,6 +17,8 @@ void Usage(FILE *out) {
                "  stat DIR [--serial OLD NEW]       print an arena's statistics\n"
                "  sfs DIR put PATH FILE | get PATH | ls [PREFIX]\n"
                "                                    use a small file store by hand\n"
+               "  log DIR                           dump a log (DIR or DIR/log), one line per record\n"
+               "  lvm DIR                           print a logged arena's state and check its log\n"
                "  help                              this text\n");
 }
 
@@ -32,6 +34,8 @@ int main(int argc, char **argv) {
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
+  if (command == "log") return qwtool::RunLog(argc - 2, argv + 2);
+  if (command == "lvm") return qwtool::RunLvm(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;
