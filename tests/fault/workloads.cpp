@@ -10,6 +10,8 @@ std::unique_ptr<Workload> MakePITree();
 std::unique_ptr<Workload> MakeBTree();
 std::unique_ptr<Workload> MakeAVL();
 std::unique_ptr<Workload> MakeSFS();
+std::unique_ptr<Workload> MakeLvmReplayed();
+std::unique_ptr<Workload> MakeLvmCommitted();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -21,6 +23,8 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"btree", MakeBTree},
       {"avl", MakeAVL},
       {"sfs", MakeSFS},
+      {"lvm_replayed", MakeLvmReplayed},
+      {"lvm_committed", MakeLvmCommitted},
   };
   return kinds;
 }
