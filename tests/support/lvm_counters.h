@@ -22,15 +22,14 @@ class LoggedCounters {
   LoggedCounters &operator=(const LoggedCounters &) = delete;
   ~LoggedCounters() { Close(); }
 
-  // LoggedVMOpen with the counters' callbacks; `created` as LoggedVMOpen's.
-  // A store that was just created commits at once, as an owner does, so
-  // that its arena serial is durable. False with the error chain set.
+  // LoggedVMOpen with the counters' callbacks; a new store commits at once
+  // (as an owner does) so that its arena serial is durable.
   bool Open(const std::string &dir, bool create, bool readOnly = false, int *created = nullptr);
   bool Recover() { return LoggedVMRecover(lvm) == 1; }
   // One increment inside a writer section: logged, then applied.
   bool Add(uint32_t index, uint32_t delta);
   bool Checkpoint(bool commit) { return LoggedVMCheckpoint(lvm, commit, LVM_NO_SERIAL) == 1; }
-  // The counters of NEWGEN; empty with the error chain set on failure.
+  // The counters of NEWGEN; empty (error set) on failure.
   std::vector<uint64_t> Values();
   void Close();
 
