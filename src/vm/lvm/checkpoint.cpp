@@ -92,7 +92,7 @@ extern "C" QW_API int LoggedVMCheckpoint(LoggedVM *lvm, int commit, uint64_t ser
   if (commit) RWLockAcquireWrite_(lvm->writerLock);  // keeps every writer out until the end
   bool logHeld = false;
   const int ok = CheckpointSteps(lvm, commit, serial, &logHeld);
-  if (logHeld) MutexRelease(lvm->logMutex);
+  if (logHeld) MutexRelease(MutexInit_(&lvm->logMutex));
   MutexRelease(lvm->checkpointMutex);
   if (commit) {
     RWLockRelease_(lvm->writerLock);

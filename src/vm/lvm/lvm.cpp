@@ -213,7 +213,7 @@ QW_API VMArena *LoggedVMArenaGet(LoggedVM *lvm) { return lvm->arena; }
 QW_API QWLog *LoggedVMLogGet(LoggedVM *lvm) { return lvm->log; }
 
 QW_API void LoggedVMAcquire(LoggedVM *lvm) { MutexAcquire(MutexInit_(&lvm->logMutex)); }
-QW_API void LoggedVMRelease(LoggedVM *lvm) { MutexRelease(lvm->logMutex); }
+QW_API void LoggedVMRelease(LoggedVM *lvm) { MutexRelease(MutexInit_(&lvm->logMutex)); }
 
 QW_API uint64_t LoggedVMSerialGet(LoggedVM *lvm) {
   Held held(MutexInit_(&lvm->logMutex));
