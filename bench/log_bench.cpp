@@ -171,8 +171,10 @@ void BM_SequentialRead(benchmark::State &state) {
 BENCHMARK(BM_LogFlush)->Arg(1)->Arg(100)->UseRealTime();
 BENCHMARK(BM_Floor)->Arg(1)->Arg(100)->UseRealTime();
 BENCHMARK(BM_GroupCommit)->Threads(2)->UseRealTime();
-BENCHMARK(BM_Replay)->Unit(benchmark::kMillisecond)->UseRealTime();
+// The raw read first: it also brings the log into the page cache, so that
+// both read it from memory and the ratio is the reader's own cost.
 BENCHMARK(BM_SequentialRead)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Replay)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 
 void Summary(const qwbench::SummaryReporter &reporter) {
   std::printf("\nratios (time per batch, lower is better):\n");
