@@ -37,6 +37,7 @@ bool LoggedCounters::Open(const std::string &dir, bool create, bool readOnly, in
 }
 
 bool LoggedCounters::Apply(uint32_t index, uint32_t delta) {
+  std::lock_guard<std::mutex> lock(applying_);
   VMArena *arena = LoggedVMArenaGet(lvm);
   uint32_t end = 0;
   auto *value = static_cast<uint64_t *>(

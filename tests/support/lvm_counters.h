@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ class LoggedCounters {
   static int Replay(LogReadContext *context, uint64_t first, uint64_t last, void *self);
   bool Apply(uint32_t index, uint32_t delta);
   uint32_t array_ = VMA_NO_ARRAY;
+  std::mutex applying_;  // the structure's own lock: writers share array blocks
 };
 
 }  // namespace qwtest
