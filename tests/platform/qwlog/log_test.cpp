@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/qwlib/fault.h"
+#include "platform/qwutil/bytes.h"
 #include "support/test_support.h"
 
 namespace {
@@ -132,6 +133,26 @@ TEST_F(LogTest, RecordsRoundTripAcrossRolloverAndReopen) {
   EXPECT_EQ(QWErrorCode(), 2);
   LogReadContextDelete(context);
   LogClose(log);
+}
+
+TEST_F(LogTest, RecordsHaveTheDocumentedLayout) {
+  QWLog *log = Open();
+  ASSERT_TRUE(LogWrite(log, 7, "abc", 3, LOG_WRITE_FLUSH) && LogClose(log)) << QWErrorMessage();
+  const std::string bytes = qwtest::ReadFileBytes(file(1));
+  ASSERT_EQ(bytes.size(), 40u + 24 + 3);
+  const auto *p = reinterpret_cast<const unsigned char *>(bytes.data());
+  EXPECT_EQ(std::string(bytes.data() + 24, 8), std::string("QWVMLOG\0", 8));  // the file header's payload
+  EXPECT_EQ(qw::LoadLE32(p + 32), 1u);                                        // version
+  EXPECT_EQ(qw::LoadLE32(p + 36), 1u);                                        // file number
+  const unsigned char *r = p + 40;  // size, type, previous (the header at serial 1 << 32), synced, payload
+  EXPECT_EQ(qw::LoadLE32(r + 4), 3u);
+  EXPECT_EQ(qw::LoadLE32(r + 8), 7u);
+  EXPECT_EQ(qw::LoadLE64(r + 12), uint64_t(1) << 32);
+  EXPECT_EQ(qw::LoadLE32(r + 20), 40u);
+  EXPECT_EQ(std::string(bytes.data() + 64, 3), "abc");
+  unsigned char serial[8];
+  qw::StoreLE64(serial, (uint64_t(1) << 32) | 40);
+  EXPECT_EQ(qw::LoadLE32(r), qw::Crc32c(qw::Crc32c(qw::Crc32c(0, serial, 8), r + 4, 20), r + 24, 3));
 }
 
 TEST_F(LogTest, ATornLastRecordIsCutAtEveryCutAndGarble) {
