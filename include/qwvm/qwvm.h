@@ -26,5 +26,6 @@
 #include "qwvm/pathdict.h"
 #include "qwvm/sfs.h"
 #include "qwvm/booleval.h"
+#include "qwvm/lvm.h"
 
 #endif /* QWVM_QWVM_H */

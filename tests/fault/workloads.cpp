@@ -11,6 +11,8 @@ std::unique_ptr<Workload> MakeBTree();
 std::unique_ptr<Workload> MakeAVL();
 std::unique_ptr<Workload> MakeSFS();
 std::unique_ptr<Workload> MakeBoolEval();
+std::unique_ptr<Workload> MakeLvmReplayed();
+std::unique_ptr<Workload> MakeLvmCommitted();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -23,6 +25,8 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"avl", MakeAVL},
       {"sfs", MakeSFS},
       {"booleval", MakeBoolEval},
+      {"lvm_replayed", MakeLvmReplayed},
+      {"lvm_committed", MakeLvmCommitted},
   };
   return kinds;
 }

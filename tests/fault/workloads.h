@@ -1,6 +1,6 @@
 // Workloads of the fault campaign: each keeps one kind of store (arena
 // blocks and arrays, DBArray, LDBArray, PITree with the name service, B-tree,
-// AVL dictionary, small file store) together with a model of what it should
+// AVL dictionary, small file store, a logged arena) together with a model of what it should
 // hold.
 //
 // A workload moves from round to round: Apply(r) makes the changes of round

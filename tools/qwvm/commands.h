@@ -11,11 +11,14 @@ int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
 int RunSfs(int argc, char **argv);
 int RunEval(int argc, char **argv);
+int RunLog(int argc, char **argv);
+int RunLvm(int argc, char **argv);
 
 // Parts of the tour, in their own files; each returns the exit status.
 int TourFail(const char *what);
 int TourStructures(const char *directory, PageCache *cache);
 int TourFiles(const char *directory);
 int TourQueries(const char *directory);
+int TourLogged(const char *directory);
 
 }  // namespace qwtool

@@ -19,6 +19,8 @@ void Usage(FILE *out) {
                "                                    use a small file store by hand\n"
                "  eval DIR add 'EXPR' VALUE | match [--weak ATOM]... ATOM... | stat\n"
                "                                    store boolean queries and match atoms against them\n"
+               "  log DIR                           dump a log (DIR or DIR/log), one line per record\n"
+               "  lvm DIR                           print a logged arena's state and check its log\n"
                "  help                              this text\n");
 }
 
@@ -35,6 +37,8 @@ int main(int argc, char **argv) {
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
   if (command == "eval") return qwtool::RunEval(argc - 2, argv + 2);
+  if (command == "log") return qwtool::RunLog(argc - 2, argv + 2);
+  if (command == "lvm") return qwtool::RunLvm(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;
