@@ -122,4 +122,21 @@ bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride) {
   return i == first || i == last || (i - first) % stride == 0;
 }
 
+void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
+              const std::function<void(int step)> &after) {
+  for (int step = 0; step < steps; ++step) {
+    SCOPED_TRACE("model step " + std::to_string(step));
+    unsigned draw = unsigned(rng() % 100);
+    for (const ModelStep &entry : table) {
+      if (draw < entry.percent) {
+        entry.run();
+        break;
+      }
+      draw -= entry.percent;
+    }
+    if (after && !::testing::Test::HasFatalFailure()) after(step);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+}
+
 }  // namespace qwtest

@@ -1,11 +1,13 @@
 // Shared helpers of the test suites: a fresh temporary directory per test,
-// capture of library messages, and running a function in a child process
-// (for crash tests and death-by-exit checks).
+// capture of library messages, running a function in a child process (for
+// crash tests and death-by-exit checks), and the loop of random model tests.
+// Arenas: support/arena_support.h; crashes and disk faults: support/fault_support.h.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -98,5 +100,17 @@ void WriteFileBytes(const std::string &path, const std::string &bytes);
 uint64_t SweepStride(uint64_t sanitizedStride);
 // Whether point `i` of a sweep over [first, last] runs at `stride`.
 bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride);
+
+// One kind of step of a random model test and its share of the draws.
+struct ModelStep {
+  unsigned percent;
+  std::function<void()> run;
+};
+
+// `steps` times: draws rng() % 100, runs the table entry whose share holds the
+// draw (in table order; past the last share nothing runs), then `after(step)`.
+// Stops at the first fatal failure, naming the step.
+void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
+              const std::function<void(int step)> &after = {});
 
 }  // namespace qwtest
