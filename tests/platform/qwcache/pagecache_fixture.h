@@ -130,6 +130,17 @@ class PageCacheTest : public FaultTempDirTest {
     Release(page);
   }
 
+  // Thread-safe (no assertion inside): reads page `p`, compares it with
+  // `expected` and releases it with the `keep` hint. False on a failed read
+  // or other bytes.
+  bool ReadMatches(size_t index, uint64_t p, const std::string &expected, int keep = 0) {
+    void *page = nullptr;
+    if (!PageCacheRead(cache_, files_[index].id, p * kPage, &page)) return false;
+    const bool same = Bytes(page) == expected;
+    PageCacheRelease(cache_, page, 0, keep, 0);
+    return same;
+  }
+
   // Overwrites a whole page through the cache and releases it dirty.
   void WritePage(size_t index, uint64_t offset, const std::string &bytes) {
     void *page = ReadPage(index, offset);
