@@ -2,7 +2,7 @@
 // against std::map, through inserts, replaces, removes down to empty,
 // neighbour queries, both enumerations, commits, reopening and reads of the
 // committed generation after further changes; the structural check after
-// every batch.
+// every batch. A committed reader beside a committing writer.
 #include <algorithm>
 #include <random>
 
@@ -170,6 +170,49 @@ INSTANTIATE_TEST_SUITE_P(Widths, BTreeModel,
                          ::testing::Values(Shape{4, 1}, Shape{4, 4}, Shape{4, 5}, Shape{4, 8}, Shape{8, 1},
                                            Shape{8, 4}, Shape{8, 5}, Shape{8, 8}),
                          ShapeName);
+
+// A reader of the committed generation, with a tree record of its own, next
+// to a writer that commits as it goes: every walk of OLDGEN sees one whole
+// committed state (round r adds kPerRound keys of value r).
+using BTreeConcurrency = BTreeTest;
+
+TEST_F(BTreeConcurrency, CommittedStateReadWhileWriterChangesAndCommits) {
+  constexpr uint64_t kPerRound = 1500, kRounds = 12;
+  Open(8, 4);
+  ASSERT_EQ(Create(0, 0), BTREE_NO_KEY);  // round 0: key 0
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  BTree *reader = BTreeNew(arena, kPath, kName, 0, 8, 4);
+  ASSERT_NE(reader, nullptr) << QWErrorMessage();
+  auto roundOf = [](uint64_t key) { return key == 0 ? 0 : (key - 1) / kPerRound + 1; };
+  const uint32_t torn = olibtest::ReadersBesideWriter(
+      arena, 1, 3,
+      [&](std::mt19937 &) {
+        Entries seen;
+        const int ok = BTreeEnumerate(
+            reader,
+            [](uint64_t key, uint64_t value, void *context) {
+              static_cast<Entries *>(context)->emplace_back(key, value);
+              return 0;
+            },
+            &seen, OLDGEN);
+        bool whole = ok == 1 && !seen.empty() && (seen.size() - 1) % kPerRound == 0 &&
+                     BTreeFind(reader, seen.size() / 2, 0, BTREE_NO_KEY, 0, 0, 0, OLDGEN) == roundOf(seen.size() / 2);
+        for (size_t i = 0; whole && i < seen.size(); ++i) whole = seen[i] == std::make_pair(uint64_t(i), roundOf(i));
+        return whole;
+      },
+      [&] {
+        for (uint64_t round = 1; round <= kRounds; ++round) {
+          VMArenaNewGenAcquire(arena, 0);
+          for (uint64_t key = (round - 1) * kPerRound + 1; key <= round * kPerRound; ++key)
+            ASSERT_EQ(Create(key, round), BTREE_NO_KEY);
+          VMArenaNewGenRelease(arena, 0);
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+        }
+      });
+  BTreeFree(reader, 8);
+  EXPECT_EQ(torn, 0u);
+  EXPECT_EQ(Contents(OLDGEN).size(), 1 + kRounds * kPerRound);
+}
 
 }  // namespace
 }  // namespace bttest
