@@ -83,13 +83,14 @@ class ArenaTest : public qwtest::ArenaDirTest {
     VMAArrayRelease_(arena, id, at, 0);
   }
 
-  // The last call failed on stored damage: a data error, the arena tagged.
-  void ExpectDataError(const char *named = nullptr) {
+  // The last call failed on stored damage: a data error (naming `named`),
+  // the arena tagged. The error is cleared unless `keep`.
+  void ExpectDataError(const char *named = nullptr, bool keep = false) {
     EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA) << QWErrorMessage();
     EXPECT_EQ(QWErrorCode(), 74) << QWErrorMessage();
     EXPECT_NE(std::string(QWErrorMessage()).find(named ? named : ""), std::string::npos) << QWErrorMessage();
     EXPECT_TRUE(Tagged());
-    QWErrorClear();
+    if (!keep) QWErrorClear();
   }
 
 };

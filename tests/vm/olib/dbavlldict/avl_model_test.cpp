@@ -52,7 +52,7 @@ class AVLModel : public avltest::AVLTest, public ::testing::WithParamInterface<M
 TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
   const ModelCase &c = GetParam();
   rng.seed(c.seed);
-  mapped = c.mapped ? VM_FLAG_MAPPED : 0;
+  modeFlags = c.mapped ? VM_FLAG_MAPPED : 0;
   Open();
   Model model, committed;
   uint32_t freeNodes = 0, committedFree = 0;
@@ -160,5 +160,44 @@ INSTANTIATE_TEST_SUITE_P(Seeds, AVLModel,
                                            ModelCase{"narrow_keys", 19, 20000, 3000, false},
                                            ModelCase{"mapped", 31, 20000, 100000, true}),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// One dictionary record shared by a writer of the new generation and
+// readers of the committed one: the readers see exactly the committed
+// entries while the writer inserts, replaces and removes. The record was
+// opened before its arrays were committed, so the readers also race to find
+// the committed arrays by name.
+using AVLConcurrency = avltest::AVLTest;
+
+TEST_F(AVLConcurrency, ReadersOfTheCommittedGenerationRunBesideTheWriter) {
+  Open();
+  constexpr uint64_t kCommitted = 2000;
+  for (uint64_t key = 1; key <= kCommitted; ++key) ASSERT_EQ(QWDBAVLLDictInsert(dict, key * 2, key, 0, NEWGEN), 0u);
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  uint32_t writerFailures = 0;
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      arena, 2, 8,
+      [&](std::mt19937 &rng) {
+        bool ok = QWDBAVLLDictSize(dict, OLDGEN) == kCommitted;
+        for (int n = 0; n < 200; ++n) {
+          const uint64_t key = rng() % (kCommitted * 2 + 10);
+          const uint64_t expected = key % 2 == 0 && key >= 2 && key <= kCommitted * 2 ? key / 2 : 0xEEEE;
+          ok &= QWDBAVLLDictFind(dict, key, 0xEEEE, OLDGEN) == expected;
+        }
+        return ok;
+      },
+      [&] {  // odd keys in, even keys replaced, some removed (each followed by an insert reusing its node)
+        for (uint64_t key = 1; key < 4000; key += 2) {
+          VMArenaNewGenAcquire(arena, 0);
+          writerFailures += QWDBAVLLDictInsert(dict, key, key, 0, NEWGEN) != 0;
+          writerFailures += QWDBAVLLDictInsert(dict, key + 1, 7, 0xFFFF, NEWGEN) != (key + 1) / 2;
+          if (key % 10 == 1) writerFailures += QWDBAVLLDictRemove(dict, key, 0, NEWGEN) != key;
+          VMArenaNewGenRelease(arena, 0);
+        }
+      });
+  EXPECT_EQ(bad, 0u);
+  EXPECT_EQ(writerFailures, 0u);
+  EXPECT_EQ(DBAVLLCheck(dict, NEWGEN), 1) << QWErrorMessage();
+  EXPECT_EQ(QWDBAVLLDictSize(dict, NEWGEN), 4000u - 400u);
+}
 
 }  // namespace
