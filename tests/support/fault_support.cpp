@@ -59,14 +59,6 @@ PowerLossRun PowerLossChild(uint64_t n, Loss loss, const std::function<bool()> &
   return run;
 }
 
-std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride) {
-  std::vector<uint64_t> points;
-  const uint64_t stride = SweepStride(sanitizedStride);
-  for (uint64_t i = first; i <= last; ++i)
-    if (InSweep(i, first, last, stride)) points.push_back(i);
-  return points;
-}
-
 ::testing::AssertionResult FailsWithIOError(const IOFault &injected, const std::function<bool()> &act,
                                             const std::string &message) {
   fault::Reset();

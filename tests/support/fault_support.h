@@ -43,9 +43,6 @@ struct PowerLossRun {
 PowerLossRun PowerLossChild(uint64_t n, Loss loss, const std::function<bool()> &prepare,
                             const std::function<bool()> &act, bool loseAfter = true);
 
-// The points of a sweep over [first, last] that run (see SweepStride).
-std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride);
-
 // Where the seam injects an I/O error: the n-th operation of a kind in `ops`
 // on a path containing `path` (persistent: that one and every later match).
 struct IOFault {

@@ -122,6 +122,14 @@ bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride) {
   return i == first || i == last || (i - first) % stride == 0;
 }
 
+std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride) {
+  std::vector<uint64_t> points;
+  const uint64_t stride = SweepStride(sanitizedStride);
+  for (uint64_t i = first; i <= last; ++i)
+    if (InSweep(i, first, last, stride)) points.push_back(i);
+  return points;
+}
+
 void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
               const std::function<void(int step)> &after) {
   for (int step = 0; step < steps; ++step) {

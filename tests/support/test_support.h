@@ -100,6 +100,8 @@ void WriteFileBytes(const std::string &path, const std::string &bytes);
 uint64_t SweepStride(uint64_t sanitizedStride);
 // Whether point `i` of a sweep over [first, last] runs at `stride`.
 bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride);
+// The points of a sweep over [first, last] that run at SweepStride(sanitizedStride).
+std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride);
 
 // One kind of step of a random model test and its share of the draws.
 struct ModelStep {
