@@ -77,10 +77,11 @@ TEST_F(Packed, MalformedInputFailsCleanly) {
   Write(std::vector<uint64_t>{0x100000000});
   EXPECT_FALSE(Read(&out));
   EXPECT_TRUE(qwtest::HasDataError());
-  // Widths 0 and 9, and a huge count with little data (fails at the end of
-  // the file), then every truncation of a valid file.
-  std::vector<std::string> bad = {std::string("\x00\x01\x00\x00\x00\x00", 6),
-                                  std::string("\x09\x01\x00\x00\x00\x00", 6),
+  // Widths 0 and 9 (with data enough for one element), a huge count with
+  // little data (fails at the end of the file), every truncation of a valid
+  // file.
+  std::vector<std::string> bad = {std::string("\x00\x01\x00\x00\x00", 5) + std::string(16, '\0'),
+                                  std::string("\x09\x01\x00\x00\x00", 5) + std::string(16, '\0'),
                                   std::string("\x04\xFF\xFF\xFF\xFF\x01\x02", 7)};
   const std::string whole = Write(std::vector<uint32_t>{7, 70000, 3});
   for (size_t cut = 0; cut < whole.size(); ++cut) bad.push_back(whole.substr(0, cut));
