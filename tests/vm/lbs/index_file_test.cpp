@@ -23,7 +23,7 @@ class LbsIndexFileTest : public LbsTest {
  protected:
   // A committed server with blocks 0 and 1 (raw blocks 0 and 1), closed.
   void MakeTwoBlockServer() {
-    ServerPtr server = Open(Mode::kPageCache);
+    ServerPtr server = Open(kPageCache);
     ASSERT_TRUE(server) << QWErrorMessage();
     ASSERT_EQ(NewBlock(server.get(), 1), 0u);
     ASSERT_EQ(NewBlock(server.get(), 2), 1u);
@@ -46,7 +46,7 @@ class LbsIndexFileTest : public LbsTest {
   void ExpectRefused(const std::string &what, int code = 0) {
     const std::string newBefore = ReadFileBytes(path("index0.new"));
     QWErrorClear();
-    ServerPtr server = Open(Mode::kPageCache);
+    ServerPtr server = Open(kPageCache);
     EXPECT_FALSE(server) << what;
     EXPECT_TRUE(QWErrorIsSet()) << what;
     if (code) {
@@ -57,7 +57,7 @@ class LbsIndexFileTest : public LbsTest {
 };
 
 TEST_F(LbsIndexFileTest, InitialCreateWritesEmptyIndexes) {
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_EQ(ReadFileBytes(path("index0.new")), NewIndex(0, {}, EmptyList() + EmptyList() + EmptyList()));
   EXPECT_EQ(ReadFileBytes(path("index0.old")), OldIndex({}));
@@ -74,7 +74,7 @@ TEST_F(LbsIndexFileTest, FlushWritesExactBytes) {
 
   // Freeing block 0: its raw block waits on freeRawBlocksNew, the limit
   // drops the padding, which comes back, and the lists merge at the end.
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   LocalBlockServer0BlockFree(server.get(), 0);
   ASSERT_TRUE(Commit(server.get())) << QWErrorMessage();
@@ -107,7 +107,7 @@ TEST_F(LbsIndexFileTest, ShortDataFileIsRefusedLongerAccepted) {
       << QWErrorMessage();
 
   ASSERT_EQ(FileTruncate(path("data0").c_str(), 65536 + 3 * 8192), 1);
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_EQ(FileBytes(path("data0")), 65536u);  // what was never committed is cut off
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 1));
@@ -183,7 +183,7 @@ TEST_F(LbsIndexFileTest, InconsistentFreeListsAreRepaired) {
   WriteFileBytes(path("index0.new"), NewIndex(65536, {0, 5}, list({7, 6, 4, 2}) + list({1}) + EmptyList()));
   WriteFileBytes(path("index0.old"), OldIndex({0, 5}));
   qwtest::MessageCapture capture;
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_TRUE(capture.contains("IndexFileNewGenRead: 1 free raw blocks were put on the list of their generation",
                                QW_LEVEL_WARNING));
@@ -226,19 +226,19 @@ TEST_F(LbsIndexFileTest, CommitToleratesAnAlreadyCommittedIndex) {
 
 TEST_F(LbsIndexFileTest, RecoverOpenCommitsAPendingNewIndex) {
   MakeTwoBlockServer();
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   ASSERT_TRUE(WriteBlock(server.get(), 0, 40));
   ASSERT_EQ(LocalBlockServer0FlushStart(server.get(), STATUS_NO_SERIAL, STATUS_NO_SERIAL), 1);
   ASSERT_EQ(LocalBlockServer0FlushFileExec(server.get()), 1) << QWErrorMessage();
   server.reset();  // as if the process died before the disk commit
   EXPECT_TRUE(FileExists(path("index0.new.new").c_str()));
-  server = Open(Mode::kPageCache);  // the pending files are ignored
+  server = Open(kPageCache);  // the pending files are ignored
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 1));
   server.reset();
   ASSERT_EQ(IndexFileCommitOld(dir().c_str(), "0"), 1);
-  server = Open(Mode::kPageCache, STATUS_NO_SERIAL, VM_FLAG_RECOVER);  // commits index0.new.new
+  server = Open(kPageCache, STATUS_NO_SERIAL, VM_FLAG_RECOVER);  // commits index0.new.new
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 40));
   EXPECT_TRUE(BlockHolds(server.get(), 0, OLDGEN, 40));
@@ -246,7 +246,7 @@ TEST_F(LbsIndexFileTest, RecoverOpenCommitsAPendingNewIndex) {
 
 TEST_F(LbsIndexFileTest, NewGenReadReplacesTheNewGeneration) {
   MakeTwoBlockServer();
-  ServerPtr server = Open(Mode::kPageCache);
+  ServerPtr server = Open(kPageCache);
   ASSERT_TRUE(server) << QWErrorMessage();
   LocalBlockServer0BlockFree(server.get(), 1);
   ASSERT_NE(NewBlock(server.get(), 9), INVALID_BLOCK_ID);
@@ -292,7 +292,7 @@ TEST_F(LbsIndexFileTest, ReplicationLogSeesEveryFileEvent) {
   ReplicationLog *log = ReplicationLogNew(&ops, &recorder);
   ASSERT_NE(log, nullptr);
   {
-    ServerPtr server = Open(Mode::kPageCache, STATUS_NO_SERIAL, 0, log);
+    ServerPtr server = Open(kPageCache, STATUS_NO_SERIAL, 0, log);
     ASSERT_TRUE(server) << QWErrorMessage();
     auto created = [&](const std::string &name) {
       for (const Event &e : recorder.events)
@@ -325,7 +325,7 @@ TEST_F(LbsIndexFileTest, ReplicationLogOfAnotherBlockSizeIsAnAssertion) {
   ops.getBlockSize = [](void *) -> uint32_t { return 4096; };
   ReplicationLog *log = ReplicationLogNew(&ops, nullptr);
   ASSERT_NE(log, nullptr);
-  EXPECT_DEATH((void)Open(Mode::kPageCache, STATUS_NO_SERIAL, 0, log),
+  EXPECT_DEATH((void)Open(kPageCache, STATUS_NO_SERIAL, 0, log),
                "ReplicationLogGetBlockSize\\(log\\) == \\(UInt\\) blockSize");
   ReplicationLogClose(log);
 }

@@ -19,23 +19,16 @@ namespace lbstest {
 
 using namespace qw::vm;
 
-enum class Mode { kPageCache, kMapped, kExtents };
-
-inline const char *ModeName(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return "PageCache";
-    case Mode::kMapped: return "Mapped";
-    default: return "Extents";
-  }
-}
-
-inline uint32_t ModeFlags(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return 0;
-    case Mode::kMapped: return VM_FLAG_MAPPED;
-    default: return VM_FLAG_MAPPED | VM_FLAG_EXTENTS;
-  }
-}
+// How a server keeps its blocks: through the page cache, mapped, or mapped
+// with the read-write part in extent files.
+struct Mode {
+  const char *name;
+  uint32_t flags;
+};
+inline const Mode kPageCache{"PageCache", 0}, kMapped{"Mapped", VM_FLAG_MAPPED},
+    kExtents{"Extents", VM_FLAG_MAPPED | VM_FLAG_EXTENTS};
+inline const Mode kModes[] = {kPageCache, kMapped, kExtents};
+inline std::string ModeName(const ::testing::TestParamInfo<Mode> &info) { return info.param.name; }
 
 struct ServerCloser {
   void operator()(LocalBlockServer0 *server) const { (void)LocalBlockServer0Close(server); }
@@ -62,26 +55,16 @@ inline bool PatternSeed(const void *block, uint32_t *seed) {
   return std::memcmp(expected, block, kServerBlockSize) == 0;
 }
 
-class LbsTest : public qwtest::TempDirTest {
+class LbsTest : public qwtest::CachedTempDirTest {
  protected:
-  void SetUp() override {
-    TempDirTest::SetUp();
-    cache_ = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache_, nullptr);
-  }
-  void TearDown() override {
-    PageCacheFree(cache_);
-    TempDirTest::TearDown();
-  }
-
   ServerPtr Open(Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                  ReplicationLog *log = nullptr) {
     return OpenIn(dir(), mode, serial, extraFlags, log);
   }
   ServerPtr OpenIn(const std::string &directory, Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                    ReplicationLog *log = nullptr) {
-    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", ModeFlags(mode) | extraFlags, kServerBlockSize,
-                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache_));
+    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", mode.flags | extraFlags, kServerBlockSize,
+                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache));
   }
 
  public:
@@ -161,8 +144,6 @@ class LbsTest : public qwtest::TempDirTest {
     return FileSize(path.c_str(), &size) ? size : ~uint64_t{0};
   }
 
- protected:
-  PageCache *cache_ = nullptr;
 };
 
 // Little-endian bytes of an integer, for building expected file contents.
