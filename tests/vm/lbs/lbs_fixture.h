@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "qwvm/vmarena.h"
 #include "support/test_support.h"
@@ -55,8 +56,18 @@ inline bool PatternSeed(const void *block, uint32_t *seed) {
   return std::memcmp(expected, block, kServerBlockSize) == 0;
 }
 
+inline std::vector<uint32_t> List(const QwArray<uint32_t> &list) {
+  return std::vector<uint32_t>(list.p, list.p + list.size());
+}
+
 class LbsTest : public qwtest::CachedTempDirTest {
  protected:
+  void CloseAll() override { server.reset(); }
+  // Closes `server` and opens dir() again into it; false with the error chain set.
+  bool Reopen(const Mode &mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0) {
+    server.reset();
+    return bool(server = Open(mode, serial, extraFlags));
+  }
   ServerPtr Open(Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                  ReplicationLog *log = nullptr) {
     return OpenIn(dir(), mode, serial, extraFlags, log);
@@ -143,6 +154,9 @@ class LbsTest : public qwtest::CachedTempDirTest {
     uint64_t size = 0;
     return FileSize(path.c_str(), &size) ? size : ~uint64_t{0};
   }
+
+ protected:
+  ServerPtr server;  // the server of Reopen
 
 };
 
