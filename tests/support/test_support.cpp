@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <thread>
 #include <sstream>
 
 namespace qwtest {
@@ -128,6 +129,16 @@ std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t saniti
   for (uint64_t i = first; i <= last; ++i)
     if (InSweep(i, first, last, stride)) points.push_back(i);
   return points;
+}
+
+void ReadersBesideWriter(int readers, const std::function<void(const std::atomic<bool> &writing)> &read,
+                         const std::function<void()> &write) {
+  std::atomic<bool> writing{true};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < readers; ++i) threads.emplace_back([&] { read(writing); });
+  write();
+  writing = false;
+  for (std::thread &thread : threads) thread.join();
 }
 
 void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,

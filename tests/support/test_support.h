@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <random>
 #include <string>
@@ -102,6 +103,11 @@ uint64_t SweepStride(uint64_t sanitizedStride);
 bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride);
 // The points of a sweep over [first, last] that run at SweepStride(sanitizedStride).
 std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride);
+
+// Runs `readers` threads of `read` beside `write` in this thread; `writing`
+// turns false once write returns (also on a failed assertion); then joins.
+void ReadersBesideWriter(int readers, const std::function<void(const std::atomic<bool> &writing)> &read,
+                         const std::function<void()> &write);
 
 // One kind of step of a random model test and its share of the draws.
 struct ModelStep {

@@ -91,39 +91,37 @@ TEST_P(ArraysConcurrency, OldGenerationReadersSeeWholeCommits) {
   };
   ASSERT_TRUE(write(0));
   ASSERT_TRUE(Commit()) << QWErrorMessage();
-  std::atomic<bool> done{false};
   std::atomic<int> mixes{0}, reads{0};
-  auto reader = [&] {
-    VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena, id, kBlock, 8, OLDGEN, 1);
-    while (!done.load()) {
-      VMArenaOldGenAcquire(arena);
-      uint32_t length = VMAArrayLength_(arena, id, OLDGEN);
-      uint64_t version = 0;
-      for (uint32_t i = 0; i < length; ++i) {
-        uint32_t end = 0;
-        auto *value = static_cast<const uint64_t *>(VMAArrayRangeAcquire_(cache, i, &end));
-        if (!value) {
-          ++mixes;
-          break;
+  qwtest::ReadersBesideWriter(
+      2,
+      [&](const std::atomic<bool> &writing) {
+        VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena, id, kBlock, 8, OLDGEN, 1);
+        while (writing.load()) {
+          VMArenaOldGenAcquire(arena);
+          const uint32_t length = VMAArrayLength_(arena, id, OLDGEN);
+          uint64_t version = 0;
+          for (uint32_t i = 0, end = 0; i < length; ++i) {
+            auto *value = static_cast<const uint64_t *>(VMAArrayRangeAcquire_(cache, i, &end));
+            if (!value) {
+              ++mixes;
+              break;
+            }
+            if (i == 0) version = *value;
+            mixes += *value != version;
+          }
+          mixes += lengthOf(version) != length;
+          VMAArrayRangeRelease_(cache);
+          VMArenaOldGenRelease(arena);
+          ++reads;
         }
-        if (i == 0) version = *value;
-        if (*value != version) ++mixes;
-      }
-      if (lengthOf(version) != length) ++mixes;
-      VMAArrayRangeRelease_(cache);
-      VMArenaOldGenRelease(arena);
-      ++reads;
-    }
-    VMAArrayRangeCacheFree(cache);
-  };
-  std::thread r1(reader), r2(reader);
-  for (uint64_t version = 1; version <= 30; ++version) {
-    ASSERT_TRUE(write(version)) << QWErrorMessage();
-    ASSERT_TRUE(Commit()) << QWErrorMessage();
-  }
-  done = true;
-  r1.join();
-  r2.join();
+        VMAArrayRangeCacheFree(cache);
+      },
+      [&] {
+        for (uint64_t version = 1; version <= 30; ++version) {
+          ASSERT_TRUE(write(version)) << QWErrorMessage();
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+        }
+      });
   EXPECT_EQ(mixes.load(), 0);
   EXPECT_GT(reads.load(), 0);
 }

@@ -1,9 +1,7 @@
 // Commit: the crash matrix (a child stopped at every stop point, in every
 // access mode, with blocks and named arrays changed), forced errors, and
 // readers of the old generation during commits.
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 #include "arena_fixture.h"
 #include "support/fault_support.h"
@@ -184,28 +182,26 @@ TEST_P(ArenaConcurrency, OldGenerationReadersNeverSeeAMixDuringCommits) {
     Fill(arena, ids.back(), 0);
   }
   ASSERT_TRUE(Commit());
-  std::atomic<bool> done{false};
   std::atomic<int> mixes{0}, reads{0};
-  auto reader = [&] {
-    while (!done.load()) {
-      VMArenaOldGenAcquire(arena);
-      uint32_t tag = 0;
-      while (tag <= 40 && !Holds(arena, ids[0], OLDGEN, tag)) ++tag;
-      if (tag > 40 || CountHolding(arena, ids, OLDGEN, tag) != ids.size()) ++mixes;
-      VMArenaOldGenRelease(arena);
-      ++reads;
-    }
-  };
-  std::thread r1(reader), r2(reader);
-  for (uint32_t tag = 1; tag <= 40; ++tag) {
-    VMArenaNewGenAcquire(arena, 0);
-    for (uint64_t id : ids) Fill(arena, id, tag);
-    VMArenaNewGenRelease(arena, 0);
-    ASSERT_TRUE(Commit()) << QWErrorMessage();
-  }
-  done = true;
-  r1.join();
-  r2.join();
+  qwtest::ReadersBesideWriter(
+      2,
+      [&](const std::atomic<bool> &writing) {
+        for (; writing.load(); ++reads) {
+          VMArenaOldGenAcquire(arena);
+          uint32_t tag = 0;
+          while (tag <= 40 && !Holds(arena, ids[0], OLDGEN, tag)) ++tag;
+          mixes += tag > 40 || CountHolding(arena, ids, OLDGEN, tag) != ids.size();
+          VMArenaOldGenRelease(arena);
+        }
+      },
+      [&] {
+        for (uint32_t tag = 1; tag <= 40; ++tag) {
+          VMArenaNewGenAcquire(arena, 0);
+          for (uint64_t id : ids) Fill(arena, id, tag);
+          VMArenaNewGenRelease(arena, 0);
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+        }
+      });
   EXPECT_EQ(mixes.load(), 0);
   EXPECT_GT(reads.load(), 0);
 }
