@@ -54,7 +54,8 @@ class ReplicationLogTest : public qwtest::FaultTempDirTest {
   std::vector<uint64_t> Append(const Events &events) {
     std::vector<uint64_t> starts;
     ReplicationLog *log = Open();
-    for (const Event &e : events) {
+    for (size_t i = 0; log && i < events.size(); ++i) {
+      const Event &e = events[i];
       starts.push_back(ReadFileBytes(logPath()).size());
       EXPECT_EQ(WriteEvent(log, e), 1) << QWErrorMessage();
     }
@@ -98,6 +99,7 @@ TEST_F(ReplicationLogTest, ExactLayoutOfOneRecord) {
 TEST_F(ReplicationLogTest, RecordsRoundTripAcrossReopen) {
   const Events first = SampleEvents(1), second = SampleEvents(2);
   ReplicationLog *log = Open();
+  ASSERT_NE(log, nullptr);
   EXPECT_EQ(ReplicationLogGetBlockSize(log), 8192u);
   for (const Event &e : first) ASSERT_EQ(WriteEvent(log, e), 1) << QWErrorMessage();
   EXPECT_EQ(ReadAll(), first);  // each record is visible as soon as it is written
@@ -112,6 +114,7 @@ TEST_F(ReplicationLogTest, RecordsRoundTripAcrossReopen) {
   EXPECT_EQ(blockSize, 8192u);
   // A NULL path is recorded as "".
   log = Open();
+  ASSERT_NE(log, nullptr);
   ASSERT_EQ(ReplicationLogWrite(log, 10, 0, 0, nullptr, nullptr, 0), 1);
   ASSERT_EQ(ReplicationLogClose(log), 1);
   EXPECT_EQ(ReadAll().back(), (Event{10, 0, 0, "", {}}));
@@ -119,6 +122,7 @@ TEST_F(ReplicationLogTest, RecordsRoundTripAcrossReopen) {
 
 TEST_F(ReplicationLogTest, LimitsAndBadArguments) {
   ReplicationLog *log = Open(4096);
+  ASSERT_NE(log, nullptr);
   std::vector<uint64_t> ids(REPLICATION_LOG_MAX_LIST + 1, 5);
   const std::string longPath(REPLICATION_LOG_MAX_PATH + 1, 'x');
   EXPECT_EQ(ReplicationLogWrite(log, 9, 0, 0, "f", ids.data(), uint32_t(ids.size())), 0);
@@ -201,6 +205,7 @@ TEST_F(ReplicationLogTest, ReopenCutsTornTail) {
 // behind a partial record); reopening repairs it.
 TEST_F(ReplicationLogTest, FailedWriteBreaksLogUntilReopened) {
   ReplicationLog *log = Open();
+  ASSERT_NE(log, nullptr);
   ASSERT_EQ(WriteEvent(log, {8, 0, 0, "one", {}}), 1);
   qw::fault::Reset();
   qw::fault::FailNth(1, false, qw::fault::Bit(qw::fault::Op::Write), "replication.log");
@@ -279,6 +284,7 @@ using ReplicationLogConcurrency = ReplicationLogTest;
 // records keep their order.
 TEST_F(ReplicationLogConcurrency, ConcurrentWritersToFileLog) {
   ReplicationLog *log = Open();
+  ASSERT_NE(log, nullptr);
   constexpr uint32_t kThreads = 4, kRecords = 300;
   std::vector<std::thread> threads;
   for (uint32_t t = 0; t < kThreads; ++t)
