@@ -132,8 +132,9 @@ TEST_F(DBArrayTest, RandomDamageNeverCrashesAnyOperation) {
       if (void *bytes = DBArrayGet(array, bucket, h, NEWGEN, 1, &length)) DBArrayRelease(array, NEWGEN, 1, bytes);
       if (const void *block = DBArrayHintGet(array, bucket, h, NEWGEN)) DBArrayRelease(array, NEWGEN, 1, block);
     }
+    const uint32_t target = size > 0 ? rng() % size : 0;
     const std::string value = Pattern(round, rng() % 3000);
-    const bool ok = DBArraySet(array, bucket, size > 0 ? rng() % size : 0, NEWGEN, value.data(), uint32_t(value.size())) &&
+    const bool ok = DBArraySet(array, bucket, target, NEWGEN, value.data(), uint32_t(value.size())) &&
                     DBArrayAdd(array, bucket, value.data(), uint32_t(value.size()), NEWGEN) != DBARRAY_INVALID_HANDLE;
     failures += !ok;
     uint64_t used = 0;

@@ -40,29 +40,20 @@ class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape>
     ASSERT_EQ(Contents(gen), Flatten(model));
     const BTreeStat stat = Check(gen);
     ASSERT_EQ(stat.entryCount, model.size());
+    // (key, value) of an entry, or both BTREE_NO_KEY.
+    auto pair = [&](Model::const_iterator it) {
+      using P = std::pair<uint64_t, uint64_t>;
+      return it == model.end() ? P(BTREE_NO_KEY, BTREE_NO_KEY) : P(*it);
+    };
     for (int i = 0; i < 50; ++i) {
       const uint64_t key = RandomKey(rng, range);
-      auto atOrAbove = model.lower_bound(key);
-      auto above = model.upper_bound(key);
+      const auto above = model.upper_bound(key);
       uint64_t value = 0;
       const uint64_t next = BTreeNextKey(tree, key, &value, gen);
-      if (atOrAbove == model.end()) {
-        EXPECT_EQ(next, BTREE_NO_KEY);
-        EXPECT_EQ(value, BTREE_NO_KEY);
-      } else {
-        EXPECT_EQ(next, atOrAbove->first);
-        EXPECT_EQ(value, atOrAbove->second);
-      }
+      EXPECT_EQ(std::make_pair(next, value), pair(model.lower_bound(key)));
       const uint64_t prev = BTreePrevKey(tree, key, &value, gen);
-      if (above == model.begin()) {
-        EXPECT_EQ(prev, BTREE_NO_KEY);
-        EXPECT_EQ(value, BTREE_NO_KEY);
-      } else {
-        EXPECT_EQ(prev, std::prev(above)->first);
-        EXPECT_EQ(value, std::prev(above)->second);
-      }
-      auto at = model.find(key);
-      EXPECT_EQ(Find(key, BTREE_NO_KEY, gen), at == model.end() ? BTREE_NO_KEY : at->second);
+      EXPECT_EQ(std::make_pair(prev, value), pair(above == model.begin() ? model.end() : std::prev(above)));
+      EXPECT_EQ(Find(key, BTREE_NO_KEY, gen), pair(model.find(key)).second);
     }
   }
 

@@ -57,7 +57,6 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
   Model model, committed;
   uint32_t freeNodes = 0, committedFree = 0;
   bool draining = false;
-  uint32_t inserts = 0, replaces = 0, removes = 0, commits = 0, reopens = 0, clears = 0, reused = 0;
 
   for (uint32_t step = 0; step < c.steps; ++step) {
     const uint32_t r = rng() % 1000;
@@ -71,13 +70,11 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
         model.clear();
         freeNodes = 0;
         draining = false;
-        ++clears;
       } else {
         const uint64_t k = PresentKey(model);
         ASSERT_EQ(QWDBAVLLDictRemove(dict, k, 7, NEWGEN), model[k]) << QWErrorMessage();
         model.erase(k);
         ++freeNodes;
-        ++removes;
       }
     } else if (r < 450) {
       const uint64_t k = !model.empty() && rng() % 4 == 0 ? PresentKey(model) : key;
@@ -89,11 +86,7 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
       if (found == model.end()) {
         // A freed node is reused before the array grows.
         ASSERT_EQ(NodeCount(), before + (freeNodes ? 0 : 1));
-        reused += freeNodes;
         freeNodes = 0;
-        ++inserts;
-      } else {
-        ++replaces;
       }
       model[k] = uint32_t(value);
     } else if (r < 650) {
@@ -106,7 +99,6 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
         if (found != model.end()) {
           model.erase(found);
           ++freeNodes;
-          ++removes;
         }
       }
     } else if (r < 800) {
@@ -123,12 +115,10 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
       ASSERT_TRUE(Commit()) << QWErrorMessage();
       committed = model;
       committedFree = freeNodes;
-      ++commits;
     } else if (r < 985) {
       Reopen();  // uncommitted changes are dropped
       model = committed;
       freeNodes = committedFree;
-      ++reopens;
     } else if (r < 988) {
       draining = true;
     }
@@ -145,14 +135,6 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
   Reopen();
   ExpectSame(model, OLDGEN);
   ExpectSame(model, NEWGEN);
-  // Every kind of step ran.
-  EXPECT_GT(inserts, 0u);
-  EXPECT_GT(replaces, 0u);
-  EXPECT_GT(removes, 0u);
-  EXPECT_GT(reused, 0u);
-  EXPECT_GT(commits, 0u);
-  EXPECT_GT(reopens, 0u);
-  EXPECT_GT(clears, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, AVLModel,
