@@ -43,7 +43,7 @@ class CachedTempDirTest : public TempDirTest {
  protected:
   void SetUp() override {
     TempDirTest::SetUp();
-    cache = PageCacheNew(32 << 20, 8192);
+    cache = PageCacheNew(cacheBytes, 8192);
     ASSERT_NE(cache, nullptr) << QWErrorMessage();
   }
   void TearDown() override {
@@ -54,6 +54,7 @@ class CachedTempDirTest : public TempDirTest {
   }
   virtual void CloseAll() {}
 
+  uint64_t cacheBytes = 32 << 20;  // a subclass's constructor may set a smaller cache
   PageCache *cache = nullptr;
   uint8_t *pathBuffer = nullptr;  // the structures' path buffer (qwlib growable array)
 };

@@ -65,6 +65,7 @@ inline size_t CountHolding(VMArena *arena, const std::vector<uint64_t> &ids, uin
 // serials kept across commits.
 class ArenaTest : public qwtest::ArenaDirTest {
  protected:
+  ArenaTest() { cacheBytes = 4 << 20; }  // small enough that pages get evicted
   // Opens dir()/arena (or `directory`) with the mode's flags plus `flags`;
   // serialised modes open the serials in serialOld/serialNew.
   VMArena *Open(const Mode &mode, uint32_t flags = VM_FLAG_CREATE, uint32_t buckets = 2,

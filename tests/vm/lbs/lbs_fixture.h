@@ -62,6 +62,7 @@ inline std::vector<uint32_t> List(const QwArray<uint32_t> &list) {
 
 class LbsTest : public qwtest::CachedTempDirTest {
  protected:
+  LbsTest() { cacheBytes = 8 << 20; }
   void CloseAll() override { server.reset(); }
   // Closes `server` and opens dir() again into it; false with the error chain set.
   bool Reopen(const Mode &mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0) {
