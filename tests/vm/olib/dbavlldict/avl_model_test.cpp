@@ -159,11 +159,11 @@ TEST_F(AVLConcurrency, ReadersOfTheCommittedGenerationRunBesideTheWriter) {
   const uint32_t bad = olibtest::ReadersBesideWriter(
       arena, 2, 8,
       [&](std::mt19937 &rng) {
-        bool ok = QWDBAVLLDictSize(dict, OLDGEN) == kCommitted;
+        bool ok = true;
         for (int n = 0; n < 200; ++n) {
           const uint64_t key = rng() % (kCommitted * 2 + 10);
           const uint64_t expected = key % 2 == 0 && key >= 2 && key <= kCommitted * 2 ? key / 2 : 0xEEEE;
-          ok &= QWDBAVLLDictFind(dict, key, 0xEEEE, OLDGEN) == expected;
+          ok &= QWDBAVLLDictFind(dict, key, 0xEEEE, OLDGEN) == expected && QWDBAVLLDictSize(dict, OLDGEN) == kCommitted;
         }
         return ok;
       },
