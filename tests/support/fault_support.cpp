@@ -62,7 +62,11 @@ PowerLossRun PowerLossChild(uint64_t n, Loss loss, const std::function<bool()> &
 ::testing::AssertionResult FailsWithIOError(const IOFault &injected, const std::function<bool()> &act,
                                             const std::string &message) {
   fault::Reset();
-  fault::FailNth(injected.n, injected.persistent, injected.ops, injected.path);
+  if (injected.n == 0) {
+    fault::FailPath(injected.path, injected.ops);
+  } else {
+    fault::FailNth(injected.n, injected.persistent, injected.ops, injected.path);
+  }
   const bool ok = act();
   fault::Disable();
   const std::string chain = QWErrorMessage();

@@ -44,7 +44,8 @@ PowerLossRun PowerLossChild(uint64_t n, Loss loss, const std::function<bool()> &
                             const std::function<bool()> &act, bool loseAfter = true);
 
 // Where the seam injects an I/O error: the n-th operation of a kind in `ops`
-// on a path containing `path` (persistent: that one and every later match).
+// on a path containing `path` (persistent: that one and every later match;
+// n = 0: every match, as FailPath).
 struct IOFault {
   uint32_t ops;
   const char *path = "";

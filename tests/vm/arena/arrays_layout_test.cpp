@@ -158,13 +158,16 @@ class ArrayAssertions : public ArenaTest {
 // Stored lengths that the blocks cannot hold are reported as corruption,
 // never read past a block.
 TEST_F(ArrayAssertions, LengthBeyondTheBlocksIsCorruptionNotACrash) {
+  id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+  const uint8_t bytes[100] = {};
+  ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 100, NEWGEN, 1));
   auto *record = const_cast<qw::vm::ArrayRecord *>(Record(arena, id));
   record->length = 20000;  // as a damaged generation file would say
   EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 150, &end, NEWGEN, 1, 1, 0), nullptr);
   EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
   EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 9000, &end, NEWGEN, 1, 1, 0), nullptr);
   EXPECT_TRUE(Tagged());
-  record->length = 10;
+  record->length = 100;
 }
 
 TEST_F(ArrayAssertions, GenerationsAndWrites) {

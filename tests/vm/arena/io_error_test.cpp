@@ -59,7 +59,7 @@ TEST_F(ArenaIOErrors, CommitStepsReportTheirStepAndTheDiskError) {
     for (bool retry : {true, false}) {
       ASSERT_NO_FATAL_FAILURE(Prepare());
       for (uint64_t id : ids) Fill(arena, id, 2);
-      EXPECT_TRUE(qwtest::FailsWithIOError({c.ops, "committing", 1, true},
+      EXPECT_TRUE(qwtest::FailsWithIOError({c.ops, "committing", 0},
                                            [&] { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; }, c.message));
       if (retry) {
         EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
@@ -73,7 +73,7 @@ TEST_F(ArenaIOErrors, ACopyOnWriteReadErrorNamesTheBlockAndPassesLater) {
   ASSERT_NO_FATAL_FAILURE(Prepare());
   uint32_t size = 0;
   EXPECT_TRUE(qwtest::FailsWithIOError(
-      {Bit(Op::Read), "/block/data", 1, true},
+      {Bit(Op::Read), "/block/data", 0},
       [&] { return VMArenaDataAcquire(arena, ids[1], 0, NEWGEN, 0, &size, nullptr) != nullptr; },
       "could not copy block"));
   EXPECT_NE(std::string(QWErrorMessage()).find("injected I/O error in read"), std::string::npos);
