@@ -1,8 +1,8 @@
 // Shared fixture of the structure tests: the support library's arena
-// (page-cached, or mapped in modeFlags) with the structures' close hook, raw access to named arena
-// arrays of fixed-size little-endian elements, the data-error check, a
-// deterministic byte pattern and readers of the committed generation run
-// beside a writer.
+// (page-cached, or mapped in modeFlags) with a hook that frees the
+// structures first, raw access to named arena arrays of fixed-size
+// little-endian elements, the data-error check, a deterministic byte
+// pattern, and readers of the committed generation beside a writer.
 #pragma once
 
 #include <atomic>
