@@ -1,11 +1,14 @@
 // Shared helpers of the test suites: a fresh temporary directory per test,
-// capture of library messages, and running a function in a child process
-// (for crash tests and death-by-exit checks).
+// capture of library messages, running a function in a child process (for
+// crash tests and death-by-exit checks), and the loop of random model tests.
+// Arenas: support/arena_support.h; crashes and disk faults: support/fault_support.h.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -40,7 +43,7 @@ class CachedTempDirTest : public TempDirTest {
  protected:
   void SetUp() override {
     TempDirTest::SetUp();
-    cache = PageCacheNew(32 << 20, 8192);
+    cache = PageCacheNew(cacheBytes, 8192);
     ASSERT_NE(cache, nullptr) << QWErrorMessage();
   }
   void TearDown() override {
@@ -51,6 +54,7 @@ class CachedTempDirTest : public TempDirTest {
   }
   virtual void CloseAll() {}
 
+  uint64_t cacheBytes = 32 << 20;  // a subclass's constructor may set a smaller cache
   PageCache *cache = nullptr;
   uint8_t *pathBuffer = nullptr;  // the structures' path buffer (qwlib growable array)
 };
@@ -98,5 +102,24 @@ void WriteFileBytes(const std::string &path, const std::string &bytes);
 uint64_t SweepStride(uint64_t sanitizedStride);
 // Whether point `i` of a sweep over [first, last] runs at `stride`.
 bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride);
+// The points of a sweep over [first, last] that run at SweepStride(sanitizedStride).
+std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride);
+
+// Runs `readers` threads of `read` beside `write` in this thread; `writing`
+// turns false once write returns (also on a failed assertion); then joins.
+void ReadersBesideWriter(int readers, const std::function<void(const std::atomic<bool> &writing)> &read,
+                         const std::function<void()> &write);
+
+// One kind of step of a random model test and its share of the draws.
+struct ModelStep {
+  unsigned percent;
+  std::function<void()> run;
+};
+
+// `steps` times: draws rng() % 100, runs the table entry whose share holds the
+// draw (in table order; past the last share nothing runs), then `after(step)`.
+// Stops at the first fatal failure, naming the step.
+void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
+              const std::function<void(int step)> &after = {});
 
 }  // namespace qwtest

@@ -1,10 +1,8 @@
 // Packed integer arrays and scalars over a file channel.
 #include <cstdint>
 #include <random>
-#include <string>
-#include <vector>
 
-#include "support/test_support.h"
+#include "support/platform_support.h"
 #include "util/packed.h"
 
 namespace {
@@ -18,17 +16,18 @@ class Packed : public qwtest::TempDirTest {
   }
   template <typename T>
   std::string Write(const std::vector<T> &values) {
-    QWChannel *channel = Open("w");
-    EXPECT_TRUE(qw::packed::WriteArray(channel, values.data(), values.size(), sizeof(T)));
-    EXPECT_TRUE(ChannelClose(channel));
+    EXPECT_TRUE(qwtest::WithChannel(path("p"), "w", [&](QWChannel *c) {
+      return qw::packed::WriteArray(c, values.data(), values.size(), sizeof(T));
+    }));
     return qwtest::ReadFileBytes(path("p"));
   }
+  // Reads the array back; false (error chain set, then cleared) on failure.
   template <typename T>
   bool Read(std::vector<T> *out) {
-    QWChannel *channel = Open("r");
     T *array = nullptr;
-    bool ok = qw::packed::ReadArray(channel, &array, sizeof(T));
-    ChannelClose(channel);
+    const bool ok = qwtest::WithChannel(path("p"), "r", [&](QWChannel *c) {
+      return qw::packed::ReadArray(c, &array, sizeof(T));
+    });
     if (ok) out->assign(array, array + ArrayLength(array));
     ArrayFree(array);
     return ok;
@@ -73,31 +72,26 @@ TEST_F(Packed, RoundTripsAllElementSizesAndLargeCounts) {
 }
 
 TEST_F(Packed, MalformedInputFailsCleanly) {
+  std::vector<uint32_t> out;
   // A value too wide for the destination.
   Write(std::vector<uint64_t>{0x100000000});
-  std::vector<uint32_t> narrow;
-  EXPECT_FALSE(Read(&narrow));
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
-  QWErrorClear();
-  // Width 0 and 9 are invalid.
-  for (char width : {'\x00', '\x09'}) {
-    qwtest::WriteFileBytes(path("p"), std::string(1, width) + std::string("\x01\x00\x00\x00\x00", 5));
-    std::vector<uint32_t> out;
-    EXPECT_FALSE(Read(&out));
-    QWErrorClear();
-  }
-  // A huge count with little data fails at the end of the file.
-  qwtest::WriteFileBytes(path("p"), std::string("\x04\xFF\xFF\xFF\xFF\x01\x02", 7));
-  std::vector<uint32_t> out;
   EXPECT_FALSE(Read(&out));
-  QWErrorClear();
-  // Every truncation of a valid file fails.
-  std::string whole = Write(std::vector<uint32_t>{7, 70000, 3});
-  for (size_t cut = 0; cut < whole.size(); ++cut) {
-    qwtest::WriteFileBytes(path("p"), whole.substr(0, cut));
-    EXPECT_FALSE(Read(&out)) << cut;
+  EXPECT_TRUE(qwtest::HasDataError());
+  // Widths 0 and 9 (with data enough for one element), a huge count with
+  // little data (fails at the end of the file), every truncation of a valid
+  // file.
+  std::vector<std::string> bad = {std::string("\x00\x01\x00\x00\x00", 5) + std::string(16, '\0'),
+                                  std::string("\x09\x01\x00\x00\x00", 5) + std::string(16, '\0'),
+                                  std::string("\x04\xFF\xFF\xFF\xFF\x01\x02", 7)};
+  const std::string whole = Write(std::vector<uint32_t>{7, 70000, 3});
+  for (size_t cut = 0; cut < whole.size(); ++cut) bad.push_back(whole.substr(0, cut));
+  for (const std::string &bytes : bad) {
+    qwtest::WriteFileBytes(path("p"), bytes);
     QWErrorClear();
+    EXPECT_FALSE(Read(&out)) << testing::PrintToString(bytes);
+    EXPECT_TRUE(QWErrorIsSet());
   }
+  QWErrorClear();
 }
 
 TEST_F(Packed, ScalarsAndByteArrays) {

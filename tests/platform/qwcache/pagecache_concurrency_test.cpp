@@ -40,7 +40,7 @@ TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
           Bytes(page) != Pattern(3, uint64_t(r) * kPage, kPage))
         ++wrong;
       seen[t * rounds + r] = page;
-      if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+      if (page) Release(page);
     }
   });
   EXPECT_EQ(wrong.load(), 0);
@@ -67,20 +67,15 @@ TEST_F(PageCacheConcurrency, ClaimedPageIsWaitedFor) {
     std::string got;
     std::thread reader([&] {
       void *page = nullptr;
-      if (PageCacheRead(cache_, Id(f), offset, &page)) {
-        got = Bytes(page);
-        PageCacheRelease(cache_, page, 0, 0, 0);
-      }
+      if (PageCacheRead(cache_, Id(f), offset, &page)) got = Bytes(page);
+      if (page) Release(page);
     });
     if (fill) {
       // The reader gets the claimer's bytes, never the file's.
       std::memset(claimed, 'c', kPage);
       PageCacheSetValid(cache_, claimed);
-      PageCacheRelease(cache_, claimed, 1, 0, 0);
-    } else {
-      // Dropped unfilled: the reader loads the page itself.
-      PageCacheRelease(cache_, claimed, 0, 0, 0);
     }
+    Release(claimed, fill);  // dropped unfilled: the reader loads the page itself
     reader.join();
     EXPECT_EQ(got, fill ? std::string(kPage, 'c') : Pattern(1, offset, kPage));
     EXPECT_EQ(Stats().reads - before.reads, fill ? 0u : 1u);
@@ -132,7 +127,7 @@ TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
           bytes[p * kPage + at + i] = byte;
         }
       }
-      PageCacheRelease(cache_, page, write, 0, 0);
+      Release(page, write);
     }
   });
   done = true;
@@ -167,15 +162,9 @@ TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
         std::lock_guard<std::mutex> lock(pageLock);
         static_cast<uint64_t *>(page)[t] += 1;
       }
-      PageCacheRelease(cache_, page, 1, 0, 0);
+      Release(page, 1);
       uint64_t other = 1 + random() % 63;
-      page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), other * kPage, &page)) {
-        ++failures;
-        continue;
-      }
-      if (Bytes(page) != Pattern(2, other * kPage, kPage)) ++failures;
-      PageCacheRelease(cache_, page, 0, 0, 0);
+      if (!ReadMatches(f, other, Pattern(2, other * kPage, kPage))) ++failures;
     }
   });
   EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
@@ -213,13 +202,7 @@ TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
     std::mt19937 random(500 + t);
     for (int i = 0; i < 4000; ++i) {
       uint64_t p = random() % pages;
-      void *page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), p * kPage, &page)) {
-        ++failures;
-        continue;
-      }
-      if (Bytes(page) != Pattern(9, p * kPage, kPage)) ++failures;
-      PageCacheRelease(cache_, page, 0, random() % 2, 0);
+      if (!ReadMatches(f, p, Pattern(9, p * kPage, kPage), random() % 2)) ++failures;
     }
   });
   done = true;
@@ -247,14 +230,12 @@ TEST_F(PageCacheConcurrency, FailingLoadWakesWaiters) {
     start.arrive_and_wait();
     void *page = nullptr;
     if (!PageCacheRead(cache_, Id(f), kPage, &page) && page == nullptr && QWErrorCode() == 5) ++failed;
-    if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+    if (page) Release(page);
   });
   EXPECT_EQ(failed.load(), threads);
   EXPECT_EQ(Stats().resident, 0u);
   qw::fault::Disable();
-  void *page = ReadPage(f, kPage);
-  EXPECT_EQ(Bytes(page), Pattern(5, kPage, kPage));
-  PageCacheRelease(cache_, page, 0, 0, 0);
+  ExpectPage(f, 1, Pattern(5, kPage, kPage));
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace qwtest {
 
@@ -35,7 +34,7 @@ inline std::string Bytes(const void *page, size_t size = kPage) {
   return std::string(static_cast<const char *>(page), size);
 }
 
-class PageCacheTest : public TempDirTest {
+class PageCacheTest : public FaultTempDirTest {
  protected:
   struct File {
     std::string path;
@@ -52,7 +51,7 @@ class PageCacheTest : public TempDirTest {
       QWFileClose(file.handle);
     }
     PageCacheFree(cache_);
-    TempDirTest::TearDown();
+    FaultTempDirTest::TearDown();
   }
 
   void MakeCache(uint64_t pages, uint32_t pageSize = kPage) {
@@ -114,12 +113,40 @@ class PageCacheTest : public TempDirTest {
     return page;
   }
 
+  void Release(void *page, int dirty = 0) { PageCacheRelease(cache_, page, dirty, 0, 0); }
+
+  // Whether page `p` of the file is in the cache (looked up without loading).
+  bool Resident(size_t index, uint64_t p) {
+    void *page = PageCacheLookup(cache_, files_[index].id, p * kPage, 0, nullptr);
+    if (page) Release(page);
+    return page != nullptr;
+  }
+
+  // Reads page `p` through the cache and compares it with `expected`.
+  void ExpectPage(size_t index, uint64_t p, const std::string &expected) {
+    void *page = ReadPage(index, p * kPage);
+    ASSERT_NE(page, nullptr);
+    EXPECT_EQ(Bytes(page), expected) << "page " << p;
+    Release(page);
+  }
+
+  // Thread-safe (no assertion inside): reads page `p`, compares it with
+  // `expected` and releases it with the `keep` hint. False on a failed read
+  // or other bytes.
+  bool ReadMatches(size_t index, uint64_t p, const std::string &expected, int keep = 0) {
+    void *page = nullptr;
+    if (!PageCacheRead(cache_, files_[index].id, p * kPage, &page)) return false;
+    const bool same = Bytes(page) == expected;
+    PageCacheRelease(cache_, page, 0, keep, 0);
+    return same;
+  }
+
   // Overwrites a whole page through the cache and releases it dirty.
   void WritePage(size_t index, uint64_t offset, const std::string &bytes) {
     void *page = ReadPage(index, offset);
     ASSERT_NE(page, nullptr);
     std::memcpy(page, bytes.data(), kPage);
-    PageCacheRelease(cache_, page, 1, 0, 0);
+    Release(page, 1);
   }
 
   PageCache *cache_ = nullptr;

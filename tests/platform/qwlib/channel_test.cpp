@@ -4,22 +4,17 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
-#include <string>
 
-#include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace {
 
+using qwtest::HasExactError;
 using qwtest::ReadFileBytes;
 using qwtest::WriteFileBytes;
 
-class ChannelTest : public qwtest::TempDirTest {
+class ChannelTest : public qwtest::FaultTempDirTest {
  protected:
-  void TearDown() override {
-    qw::fault::Disable();
-    TempDirTest::TearDown();
-  }
   QWChannel *Open(const std::string &name, const char *mode, size_t bufferSize = 0) {
     QWChannel *channel = ChannelNew(bufferSize);
     EXPECT_NE(channel, nullptr);
@@ -84,14 +79,10 @@ TEST_F(ChannelTest, RoundTripAcrossBufferSizes) {
 
 TEST_F(ChannelTest, EndOfFileBehaviour) {
   WriteFileBytes(path("empty"), "");
-  QWChannel *channel = Open("empty", "r", 16);
-  QWErrorClear();
-  EXPECT_EQ(ChannelReadByte_(channel), -1);
+  EXPECT_EQ(qwtest::WithChannel(path("empty"), "r", [](QWChannel *c) { return ChannelReadByte_(c); }, 16), -1);
   EXPECT_FALSE(QWErrorIsSet());
-  ChannelClose(channel);
-
   WriteFileBytes(path("short"), "0123456789");
-  channel = Open("short", "r", 4);
+  QWChannel *channel = Open("short", "r", 4);
   char buffer[32];
   size_t got = 0;
   ASSERT_EQ(ChannelReadSome(channel, buffer, 6, &got), 1);
@@ -104,10 +95,8 @@ TEST_F(ChannelTest, EndOfFileBehaviour) {
 
   channel = Open("short", "r", 4);
   ASSERT_EQ(ChannelReadBuf(channel, buffer, 3), 1);
-  QWErrorClear();
   EXPECT_EQ(ChannelReadBuf(channel, buffer, 8), 0);
-  EXPECT_EQ(QWErrorCode(), 5);
-  EXPECT_EQ(std::string(QWErrorMessage()), "unexpected end of file \"" + path("short") + "\"");
+  EXPECT_TRUE(HasExactError(5, "unexpected end of file \"" + path("short") + "\""));
   EXPECT_EQ(ChannelClose(channel), 1);
 }
 
@@ -148,9 +137,8 @@ TEST_F(ChannelTest, MisuseGivesErrors) {
   EXPECT_EQ(ChannelOpenFile(channel, path("f").c_str(), "rw"), 0);
   EXPECT_EQ(QWErrorCode(), EINVAL);
   EXPECT_EQ(ChannelOpenFile(channel, path("missing").c_str(), "r"), 0);
-  EXPECT_EQ(QWErrorCode(), ENOENT);
-  EXPECT_EQ(std::string(QWErrorMessage()), "could not open file \"" + path("missing") + "\": " + std::strerror(ENOENT) +
-                                               "\ncould not open channel on \"" + path("missing") + "\"");
+  EXPECT_TRUE(HasExactError(ENOENT, "could not open file \"" + path("missing") + "\": " + std::strerror(ENOENT) +
+                                        "\ncould not open channel on \"" + path("missing") + "\""));
 
   ASSERT_EQ(ChannelOpenFile(channel, path("f").c_str(), "w"), 1);
   EXPECT_EQ(ChannelOpenFile(channel, path("g").c_str(), "w"), 0);  // already open
@@ -186,12 +174,9 @@ TEST_F(ChannelTest, FailedFlushKeepsBytesAndCloseReportsIt) {
 
   ASSERT_EQ(ChannelWriteBuf(channel, "more", 4), 1);
   fault::FailPath(path("f").c_str(), fault::Bit(fault::Op::Write));
-  QWErrorClear();
   EXPECT_EQ(ChannelClose(channel), 0);
-  EXPECT_EQ(QWErrorCode(), 5);
-  EXPECT_EQ(std::string(QWErrorMessage()), "injected I/O error in write \"" + path("f") +
-                                               "\"\ncould not write file \"" + path("f") +
-                                               "\" at offset 7\ncould not close channel on \"" + path("f") + "\"");
+  EXPECT_TRUE(HasExactError(5, "injected I/O error in write \"" + path("f") + "\"\ncould not write file \"" + path("f") +
+                                   "\" at offset 7\ncould not close channel on \"" + path("f") + "\""));
   EXPECT_EQ(ReadFileBytes(path("f")), "payload");
 }
 

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace {
 
@@ -29,20 +29,12 @@ struct Step {
   std::function<int()> run;
 };
 
-int CountEntries(void *context, const char *) {
-  ++*static_cast<int *>(context);
-  return 0;
-}
+int IgnoreEntry(void *, const char *) { return 0; }
 
 // A workload of one seam operation per step, covering every kind, whose
 // steps do not depend on each other (so one failure cannot cascade).
-class SeamWorkload : public qwtest::TempDirTest {
+class SeamWorkload : public qwtest::FaultTempDirTest {
  protected:
-  void TearDown() override {
-    fault::Disable();
-    TempDirTest::TearDown();
-  }
-
   // Fresh files, handles and mappings; the seam is armed so that mappings
   // carry their file's name, then reset so that counting starts at zero.
   void Prepare() {
@@ -83,47 +75,24 @@ class SeamWorkload : public qwtest::TempDirTest {
     const std::string work = path("work");
     return {
         {"open", data(), [this] { return Open(); }},
-        {"read", data(),
-         [this] {
-           char b[4];
-           size_t got;
-           return QWFileReadData(handle_, 0, b, 4, &got);
-         }},
+        {"read", data(), [this] { return QWFileReadData(handle_, 0, bytes_, 4, nullptr); }},
         {"write", data(), [this] { return QWFileWriteData(handle_, 1, "w", 1); }},
         {"setsize", data(), [this] { return QWFileSetSize(handle_, PageSize()); }},
-        {"stat", data(),
-         [this] {
-           uint64_t s;
-           return QWFileGetSize(handle_, &s);
-         }},
+        {"stat", data(), [this] { return QWFileGetSize(handle_, &size_); }},
         {"sync", data(), [this] { return QWFileSync(handle_); }},
         {"advise", data(), [this] { return FileSetReadSize(handle_, 0); }},
-        {"stat", path("work/trunc"),
-         [this] {
-           uint64_t s;
-           return FileSize(path("work/trunc").c_str(), &s);
-         }},
-        {"rename", path("work/from"),
-         [this] { return FileRename(path("work/from").c_str(), path("work/to").c_str()); }},
+        {"stat", path("work/trunc"), [this] { return FileSize(path("work/trunc").c_str(), &size_); }},
+        {"rename", path("work/from"), [this] { return FileRename(path("work/from").c_str(), path("work/to").c_str()); }},
         {"truncate", path("work/trunc"), [this] { return FileTruncate(path("work/trunc").c_str(), 2); }},
         {"mkdir", path("work/new/dir"), [this] { return DirectoryCreate(path("work/new/dir").c_str()); }},
-        {"list", work,
-         [work] {
-           int n = 0;
-           return DirectoryList(work.c_str(), CountEntries, &n);
-         }},
+        {"list", work, [work] { return DirectoryList(work.c_str(), IgnoreEntry, nullptr); }},
         {"dirsync", work, [work] { return DirectorySync(work.c_str()); }},
         {"remove", path("work/remove"), [this] { return FileRemove(path("work/remove").c_str()); }},
         {"map", data(), [this] { return Map(); }},
         {"mapsync", data(), [this] { return FileMapSync(mapped_, PageSize()); }},
         {"advise", data(), [this] { return MemoryAdvise(mapped_, PageSize(), QW_ADVICE_NORMAL); }},
         {"rmdir", path("work/emptydir"), [this] { return DirectoryRemove(path("work/emptydir").c_str()); }},
-        {"close", data(),
-         [this] {
-           QWFILE f = closeMe_;
-           closeMe_ = QWFILE_INVALID;
-           return QWFileClose(f);
-         }},
+        {"close", data(), [this] { return QWFileClose(std::exchange(closeMe_, QWFILE_INVALID)); }},
         {"unmap", data(), [this] { return Unmap(); }},
     };
   }
@@ -151,6 +120,8 @@ class SeamWorkload : public qwtest::TempDirTest {
   void *mapped_ = nullptr;
   void *unmapMe_ = nullptr;
   std::vector<QWFILE> opened_;
+  uint64_t size_ = 0;
+  char bytes_[4];
   std::vector<void *> segments_;
 };
 
@@ -161,20 +132,20 @@ std::string Injected(const Step &step) {
   return "injected I/O error in " + std::string(step.op) + " \"" + step.path + "\"";
 }
 
-std::string FirstLine(const char *text) {
-  const std::string all(text);
-  return all.substr(0, all.find('\n'));
-}
-
+// Armed, every step passes the seam exactly once (three of them syncs:
+// file, directory and mapping); disarmed, nothing is counted.
 TEST_F(FaultInjectionTest, EveryOperationPassesTheSeamOnce) {
-  Prepare();
-  const std::vector<Step> steps = Steps();
-  for (size_t i = 0; i < steps.size(); ++i) {
-    ASSERT_EQ(steps[i].run(), 1) << steps[i].op << ": " << QWErrorMessage();
-    ASSERT_EQ(fault::OperationCount(), i + 1) << "step " << i << " (" << steps[i].op << ")";
+  for (const bool armed : {true, false}) {
+    Prepare();
+    if (!armed) fault::Disable();
+    const std::vector<Step> steps = Steps();
+    for (size_t i = 0; i < steps.size(); ++i) {
+      ASSERT_EQ(steps[i].run(), 1) << steps[i].op << ": " << QWErrorMessage();
+      ASSERT_EQ(fault::OperationCount(), armed ? i + 1 : 0) << "step " << i << " (" << steps[i].op << ")";
+    }
+    EXPECT_EQ(fault::SyncCount(), armed ? 3u : 0u);
+    Finish();
   }
-  EXPECT_EQ(fault::SyncCount(), 3u);  // file, directory and mapping syncs
-  Finish();
 }
 
 // For every n, exactly the n-th operation fails (transient rule), or every
@@ -196,9 +167,8 @@ TEST_F(FaultInjectionTest, NthOperationFailsTransientOrPersistent) {
         const bool shouldFail = i + 1 == n || (persistent && i + 1 > n);
         ASSERT_EQ(result, shouldFail ? 0 : 1) << steps[i].op << ": " << QWErrorMessage();
         if (!shouldFail) continue;
-        EXPECT_EQ(QWErrorCode(), EIO);
         EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
-        EXPECT_EQ(FirstLine(QWErrorMessage()), Injected(steps[i]));
+        EXPECT_TRUE(qwtest::HasError(EIO, Injected(steps[i]) + "\n", qwtest::Match::Prefix));
       }
       EXPECT_EQ(fault::OperationCount(), count);
       Finish();
@@ -234,10 +204,9 @@ TEST_F(FaultInjectionTest, KindAndPathRulesSelectOperations) {
   EXPECT_EQ(QWFileWriteData(beta, 0, "b", 1), 1);  // first matching write
   EXPECT_EQ(QWFileSync(beta), 1);                  // not a write
   EXPECT_EQ(QWFileWriteData(alpha, 1, "a", 1), 1);
-  QWErrorClear();
   EXPECT_EQ(QWFileWriteData(beta, 1, "b", 1), 0);  // second matching write
-  EXPECT_EQ(std::string(QWErrorMessage()), "injected I/O error in write \"" + path("beta") +
-                                               "\"\ncould not write file \"" + path("beta") + "\" at offset 1");
+  EXPECT_TRUE(qwtest::HasExactError(EIO, "injected I/O error in write \"" + path("beta") + "\"\ncould not write file \"" +
+                                             path("beta") + "\" at offset 1"));
   EXPECT_EQ(QWFileWriteData(beta, 1, "b", 1), 1);  // transient: once only
 
   fault::Reset();
@@ -274,15 +243,6 @@ TEST_F(FaultInjectionTest, InjectedCloseStillReleasesTheDescriptor) {
   errno = 0;
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
   EXPECT_EQ(errno, EBADF);
-}
-
-TEST_F(FaultInjectionTest, DisabledSeamCountsNothing) {
-  Prepare();
-  fault::Disable();
-  for (const Step &step : Steps()) ASSERT_EQ(step.run(), 1) << step.op;
-  EXPECT_EQ(fault::OperationCount(), 0u);
-  EXPECT_EQ(fault::SyncCount(), 0u);
-  Finish();
 }
 
 // Threads hammer the seam while rules and counters are live: counts stay

@@ -21,39 +21,42 @@ void *Increment(void *argument) {
   return argument;
 }
 
-TEST(ThreadsConcurrency, MutexSerialisesIncrementsAndJoinReturnsTheResult) {
-  Counter counter{MutexInit(), 0};
-  ASSERT_NE(counter.mutex, nullptr);
+// Runs `body(argument)` on `count` threads; each join must succeed and
+// return `argument`.
+void RunThreads(int count, void *(*body)(void *), void *argument) {
   std::vector<QWThread *> threads;
-  for (int i = 0; i < 4; ++i) threads.push_back(ThreadCreate(Increment, &counter));
+  for (int i = 0; i < count; ++i) threads.push_back(ThreadCreate(body, argument));
   for (QWThread *thread : threads) {
     void *result = nullptr;
     ASSERT_TRUE(ThreadJoin(thread, &result));
-    EXPECT_EQ(result, &counter);
+    EXPECT_EQ(result, argument);
   }
+}
+
+TEST(ThreadsConcurrency, MutexSerialisesIncrementsAndJoinReturnsTheResult) {
+  Counter counter{MutexInit(), 0};
+  ASSERT_NE(counter.mutex, nullptr);
+  RunThreads(4, Increment, &counter);
   EXPECT_EQ(counter.value, 80000);
   MutexDestroy(counter.mutex);
 }
 
 struct LazySlot {
   QWMutex *slot = nullptr;
+  std::atomic<int> next{0};
   std::atomic<QWMutex *> seen[4];
 };
 
 TEST(ThreadsConcurrency, LazyMutexInitIsCreatedOnceUnderRaces) {
   LazySlot lazy;
-  std::vector<QWThread *> threads;
-  static std::atomic<int> next{0};
-  next = 0;
-  for (int i = 0; i < 4; ++i)
-    threads.push_back(ThreadCreate(
-        [](void *argument) -> void * {
-          auto *l = static_cast<LazySlot *>(argument);
-          l->seen[next++] = MutexInit_(&l->slot);
-          return nullptr;
-        },
-        &lazy));
-  for (QWThread *thread : threads) ASSERT_TRUE(ThreadJoin(thread, nullptr));
+  RunThreads(
+      4,
+      [](void *argument) -> void * {
+        auto *l = static_cast<LazySlot *>(argument);
+        l->seen[l->next++] = MutexInit_(&l->slot);
+        return argument;
+      },
+      &lazy);
   for (auto &seen : lazy.seen) EXPECT_EQ(seen.load(), lazy.slot);
   MutexDestroy(lazy.slot);
 }
@@ -81,15 +84,13 @@ void *ReadOrWrite(void *argument) {
       RWLockRelease_(shared->lock);
     }
   }
-  return nullptr;
+  return argument;
 }
 
 TEST(ThreadsConcurrency, ReaderWriterLockExcludesWritersFromEveryone) {
   Shared shared;
   shared.lock = RWLockInit();
-  std::vector<QWThread *> threads;
-  for (int i = 0; i < 3; ++i) threads.push_back(ThreadCreate(ReadOrWrite, &shared));
-  for (QWThread *thread : threads) ASSERT_TRUE(ThreadJoin(thread, nullptr));
+  RunThreads(3, ReadOrWrite, &shared);
   EXPECT_FALSE(shared.overlap.load());
   RWLockDestroy(shared.lock);
 }

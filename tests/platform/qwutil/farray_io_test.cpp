@@ -3,34 +3,18 @@
 // byte, huge counts, bad widths) that must fail cleanly.
 #include <cstring>
 #include <random>
-#include <string>
-#include <vector>
 
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace {
 
 class FArrayIoTest : public qwtest::TempDirTest {
  protected:
-  using WriteBody = std::function<int(QWChannel *)>;
-
-  // Runs `body` on a channel writing `name`; returns body's result.
-  int WriteFile(const std::string &name, const WriteBody &body) {
-    QWChannel *channel = ChannelNew(0);
-    EXPECT_NE(channel, nullptr);
-    EXPECT_EQ(ChannelOpenFile(channel, path(name).c_str(), "w"), 1) << QWErrorMessage();
-    const int result = body(channel);
-    EXPECT_EQ(ChannelClose(channel), 1) << QWErrorMessage();
-    return result;
-  }
-
-  int ReadFile(const std::string &name, const WriteBody &body) {
-    QWChannel *channel = ChannelNew(0);
-    EXPECT_NE(channel, nullptr);
-    EXPECT_EQ(ChannelOpenFile(channel, path(name).c_str(), "r"), 1) << QWErrorMessage();
-    const int result = body(channel);
-    EXPECT_EQ(ChannelClose(channel), 1) << QWErrorMessage();
-    return result;
+  using Body = std::function<int(QWChannel *)>;
+  int WriteFile(const std::string &name, const Body &body) { return qwtest::WithChannel(path(name), "w", body); }
+  int ReadFile(const std::string &name, const Body &body) {
+    QWErrorClear();
+    return qwtest::WithChannel(path(name), "r", body);
   }
 };
 
@@ -120,7 +104,6 @@ TEST_F(FArrayIoTest, WriteRejectsBadWidths) {
   };
   for (const Case c : {Case{4, 0}, Case{4, 5}, Case{8, 9}, Case{3, 3}, Case{16, 8}}) {
     Holder array(c.elementSize, 4);
-    QWErrorClear();
     EXPECT_EQ(WriteFile("bad", [&](QWChannel *ch) { return FArrayWriteRaw_(&array.array, ch, c.width); }), 0);
     EXPECT_EQ(QWErrorCode(), 22) << c.elementSize << "/" << c.width;
   }
@@ -156,6 +139,26 @@ int ReadRecord(void *, QWChannel *channel, void *element, uint64_t) {
   return 1;
 }
 
+// A table of `records` records whose record i holds `blocks(i)` block ids
+// (random ones when `random` is given).
+void MakeTable(FArray *table, uint64_t records, const std::function<uint64_t(uint64_t)> &blocks,
+               std::mt19937_64 *random = nullptr) {
+  ASSERT_EQ(FArrayInit_(table, sizeof(TableRecord), 4, nullptr), 1);
+  ASSERT_EQ(FArrayAdd_(table, records, nullptr), 1);
+  for (uint64_t i = 0; i < records; ++i) {
+    auto *r = static_cast<TableRecord *>(FArrayNth(table, i));
+    ASSERT_EQ(FArrayInit_(&r->blocks, 8, 256, nullptr), 1);
+    ASSERT_EQ(FArrayAdd_(&r->blocks, blocks(i), nullptr), 1);
+    for (uint64_t k = 0; random && k < blocks(i); ++k) {
+      const uint64_t id = (*random)();
+      std::memcpy(FArrayNth(&r->blocks, k), &id, 8);
+    }
+    r->length = random ? uint32_t((*random)()) : 0;
+    r->type = uint8_t(i % 5);
+    r->log2size = uint8_t(6 + i % 8);
+  }
+}
+
 void FreeTable(FArray *table) {
   for (uint64_t i = 0; i < FArrayLength(table); ++i)
     EXPECT_EQ(FArrayFree(&static_cast<TableRecord *>(FArrayNth(table, i))->blocks), 1);
@@ -165,22 +168,9 @@ void FreeTable(FArray *table) {
 TEST_F(FArrayIoTest, RecordArraysWithNestedRawArraysRoundTrip) {
   std::mt19937_64 random(11);
   FArray table;
-  ASSERT_EQ(FArrayInit_(&table, sizeof(TableRecord), 4, nullptr), 1);
   const uint64_t records = 23;
-  ASSERT_EQ(FArrayAdd_(&table, records, nullptr), 1);
-  for (uint64_t i = 0; i < records; ++i) {
-    auto *r = static_cast<TableRecord *>(FArrayNth(&table, i));
-    ASSERT_EQ(FArrayInit_(&r->blocks, 8, 256, nullptr), 1);
-    const uint64_t count = (i * 97) % 600;  // some records span several chunks, one is empty
-    ASSERT_EQ(FArrayAdd_(&r->blocks, count, nullptr), 1);
-    for (uint64_t k = 0; k < count; ++k) {
-      const uint64_t id = random();
-      std::memcpy(FArrayNth(&r->blocks, k), &id, 8);
-    }
-    r->length = uint32_t(random());
-    r->type = uint8_t(i % 5);
-    r->log2size = uint8_t(6 + i % 8);
-  }
+  // Some records span several chunks, one is empty.
+  ASSERT_NO_FATAL_FAILURE(MakeTable(&table, records, [](uint64_t i) { return (i * 97) % 600; }, &random));
   ASSERT_EQ(WriteFile("table", [&](QWChannel *c) { return FArrayWrite_(&table, c, WriteRecord, nullptr); }), 1);
   EXPECT_EQ(qwtest::ReadFileBytes(path("table")).substr(0, 9), Bytes({0, 23, 0, 0, 0, 0, 0, 0, 0}));
 
@@ -213,21 +203,14 @@ TEST_F(FArrayIoTest, TruncationAtEveryOffsetFailsCleanly) {
   for (size_t cut = 0; cut < raw.size(); ++cut) {
     qwtest::WriteFileBytes(path("cut"), raw.substr(0, cut));
     Holder in(4, 4);
-    QWErrorClear();
     EXPECT_EQ(ReadFile("cut", [&](QWChannel *c) { return FArrayReadRaw_(&in.array, c, 4); }), 0) << "cut " << cut;
-    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA) << "cut " << cut << ": " << QWErrorMessage();
+    EXPECT_TRUE(qwtest::HasDataError()) << "cut " << cut;
     EXPECT_EQ(QWErrorCode(), 74);
     EXPECT_EQ(FArrayLength(&in.array), 0u);
   }
 
   FArray table;
-  ASSERT_EQ(FArrayInit_(&table, sizeof(TableRecord), 2, nullptr), 1);
-  ASSERT_EQ(FArrayAdd_(&table, 3, nullptr), 1);
-  for (uint64_t i = 0; i < 3; ++i) {
-    auto *r = static_cast<TableRecord *>(FArrayNth(&table, i));
-    ASSERT_EQ(FArrayInit_(&r->blocks, 8, 256, nullptr), 1);
-    ASSERT_EQ(FArrayAdd_(&r->blocks, i + 1, nullptr), 1);
-  }
+  ASSERT_NO_FATAL_FAILURE(MakeTable(&table, 3, [](uint64_t i) { return i + 1; }));
   ASSERT_EQ(WriteFile("table", [&](QWChannel *c) { return FArrayWrite_(&table, c, WriteRecord, nullptr); }), 1);
   FreeTable(&table);
   const std::string records = qwtest::ReadFileBytes(path("table"));
@@ -235,11 +218,9 @@ TEST_F(FArrayIoTest, TruncationAtEveryOffsetFailsCleanly) {
     qwtest::WriteFileBytes(path("cut"), records.substr(0, cut));
     FArray back;
     ASSERT_EQ(FArrayInit_(&back, sizeof(TableRecord), 2, nullptr), 1);
-    QWErrorClear();
     EXPECT_EQ(ReadFile("cut", [&](QWChannel *c) { return FArrayRead_(&back, c, ReadRecord, nullptr); }), 0)
         << "cut " << cut;
-    EXPECT_TRUE(QWErrorIsSet());
-    EXPECT_NE(std::string(QWErrorMessage()).find("\"" + path("cut") + "\""), std::string::npos) << QWErrorMessage();
+    EXPECT_TRUE(qwtest::HasError(-1, "\"" + path("cut") + "\""));
     FreeTable(&back);  // the partly read record is freeable
   }
 }
@@ -270,15 +251,13 @@ TEST_F(FArrayIoTest, HugeCountFailsAtEndOfFileWithoutGiantAllocation) {
     ChunkCounter counter;
     const FArrayAllocator allocator{CountChunk, ReleaseChunk, &counter, FARRAY_ALLOCATOR_ZEROED};
     Holder in(4, 256, &allocator);
-    QWErrorClear();
     EXPECT_EQ(ReadFile("huge", [&](QWChannel *c) { return FArrayReadRaw_(&in.array, c, 4); }), 0);
-    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+    EXPECT_TRUE(qwtest::HasDataError());
     EXPECT_LE(counter.chunks, 1000 / 256 + 1) << "count " << count;
   }
 
   // Records: each record needs a byte, so a huge count fails at the end too.
-  std::string file = Bytes({0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F});
-  qwtest::WriteFileBytes(path("records"), file);
+  qwtest::WriteFileBytes(path("records"), Bytes({0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F}));
   FArray back;
   ASSERT_EQ(FArrayInit_(&back, sizeof(TableRecord), 2, nullptr), 1);
   EXPECT_EQ(ReadFile("records", [&](QWChannel *c) { return FArrayRead_(&back, c, ReadRecord, nullptr); }), 0);
@@ -297,15 +276,10 @@ TEST_F(FArrayIoTest, BadTagsAreRejected) {
   // width asked for.
   const Case cases[] = {{0, 4, 4}, {9, 8, 0}, {255, 8, 8}, {3, 2, 0}, {8, 4, 0}, {2, 4, 4}, {4, 4, 2}};
   for (const Case c : cases) {
-    std::string file = Bytes({c.tag, 1, 0, 0, 0, 0, 0, 0, 0});
-    file += std::string(16, '\0');
-    qwtest::WriteFileBytes(path("bad"), file);
+    qwtest::WriteFileBytes(path("bad"), Bytes({c.tag, 1, 0, 0, 0, 0, 0, 0, 0}) + std::string(16, '\0'));
     Holder in(c.elementSize, 4);
-    QWErrorClear();
-    const int result = ReadFile("bad", [&](QWChannel *ch) { return FArrayReadRaw_(&in.array, ch, c.expectedWidth); });
-    EXPECT_EQ(result, 0) << "tag " << c.tag;
-    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA) << "tag " << c.tag;
-    EXPECT_NE(std::string(QWErrorMessage()).find("width"), std::string::npos) << QWErrorMessage();
+    EXPECT_EQ(ReadFile("bad", [&](QWChannel *ch) { return FArrayReadRaw_(&in.array, ch, c.expectedWidth); }), 0);
+    EXPECT_TRUE(qwtest::HasDataError("width")) << "tag " << c.tag;
   }
   Holder narrow(2, 4);
   EXPECT_EQ(ReadFile("bad", [&](QWChannel *ch) { return FArrayReadRaw_(&narrow.array, ch, 4); }), 0);
@@ -316,12 +290,11 @@ TEST_F(FArrayIoTest, BadTagsAreRejected) {
   FArray records;
   ASSERT_EQ(FArrayInit_(&records, 16, 4, nullptr), 1);
   EXPECT_EQ(ReadFile("raw", [&](QWChannel *c) { return FArrayRead_(&records, c, ReadNothing, nullptr); }), 0);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+  EXPECT_TRUE(qwtest::HasDataError());
   qwtest::WriteFileBytes(path("empty-records"), Bytes({0, 5, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3}));
   EXPECT_EQ(ReadFile("empty-records", [&](QWChannel *c) { return FArrayRead_(&records, c, ReadNothing, nullptr); }),
             0);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
-  EXPECT_NE(std::string(QWErrorMessage()).find("occupies no byte"), std::string::npos) << QWErrorMessage();
+  EXPECT_TRUE(qwtest::HasDataError("occupies no byte"));
   EXPECT_EQ(FArrayFree(&records), 1);
 }
 

@@ -9,8 +9,8 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <chrono>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,89 +19,81 @@
 
 namespace {
 
+using Runs = std::vector<int>;
+
 // A scripted enumerator: records its runs in a shared log.
 struct Script {
   int id = 0;
-  std::vector<int> *runs = nullptr;
+  Runs *runs = nullptr;
   bool fail = false;
-  bool stop = false;             // calls MemoryLockStop during its run
-  bool unregisterSelf = false;   // unregisters itself during its run
-  int periodicResult = -1;       // what MemoryLockPeriodicRelease answered
+  bool stop = false;            // calls MemoryLockStop during its run
+  bool unregisterSelf = false;  // unregisters itself during its run
+  int periodicResult = -1;      // what MemoryLockPeriodicRelease answered
 };
 
 int RunScript(void *context) {
   auto *s = static_cast<Script *>(context);
   s->runs->push_back(s->id);
-  if (s->unregisterSelf) {
-    EXPECT_EQ(MemoryEnumUnLock(RunScript, s), 1);
-  }
+  EXPECT_TRUE(!s->unregisterSelf || MemoryEnumUnLock(RunScript, s) == 1);
   if (s->stop) MemoryLockStop();
   s->periodicResult = MemoryLockPeriodicRelease(0);
-  if (s->fail) return QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "enumerator %d failed", s->id);
-  return 1;
+  return s->fail ? QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "enumerator %d failed", s->id) : 1;
 }
 
 class MemoryLockRegistry : public ::testing::Test {
  protected:
-  std::vector<int> runs;
+  Runs runs;
   std::vector<Script> scripts = std::vector<Script>(4);
   void SetUp() override {
-    for (int i = 0; i < 4; ++i) {
-      scripts[i].id = i;
-      scripts[i].runs = &runs;
-    }
+    for (int i = 0; i < 4; ++i) scripts[i] = Script{i, &runs};
   }
   void TearDown() override {
-    // Leave nothing registered for the next test.
-    for (Script &s : scripts)
+    for (Script &s : scripts)  // leave nothing registered for the next test
       while (MemoryEnumUnLock(RunScript, &s)) {
       }
     QWErrorClear();
   }
+  void RegisterAll() {
+    for (Script &s : scripts) ASSERT_EQ(MemoryEnumLock(RunScript, &s), 1);
+  }
+  // Runs one pass; returns the enumerators it ran.
+  Runs Pass(int expected) {
+    runs.clear();
+    EXPECT_EQ(MemoryLockApplyAll(), expected);
+    return runs;
+  }
 };
 
 TEST_F(MemoryLockRegistry, ApplyAllRunsEachRegistrationInOrder) {
-  for (int i : {2, 0, 3}) ASSERT_EQ(MemoryEnumLock(RunScript, &scripts[i]), 1);
-  ASSERT_EQ(MemoryEnumLock(RunScript, &scripts[0]), 1);  // a second registration runs too
-  EXPECT_EQ(MemoryLockApplyAll(), 1);
-  EXPECT_EQ(runs, (std::vector<int>{2, 0, 3, 0}));
+  for (int i : {2, 0, 3, 0}) ASSERT_EQ(MemoryEnumLock(RunScript, &scripts[i]), 1);  // 0 twice: both run
+  EXPECT_EQ(Pass(1), (Runs{2, 0, 3, 0}));
   EXPECT_EQ(scripts[2].periodicResult, 1);
-
-  runs.clear();
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[0]), 1);  // removes the first of the two
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[3]), 1);
-  EXPECT_EQ(MemoryLockApplyAll(), 1);
-  EXPECT_EQ(runs, (std::vector<int>{2, 0}));
-
+  EXPECT_EQ(Pass(1), (Runs{2, 0}));
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[3]), 0);
   EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_EQ(std::string(QWErrorMessage()), "MemoryEnumUnLock: enumerator not registered");
+  EXPECT_STREQ(QWErrorMessage(), "MemoryEnumUnLock: enumerator not registered");
 }
 
 TEST_F(MemoryLockRegistry, FailureKeepsFirstErrorAndRunsTheRest) {
-  scripts[1].fail = true;
-  scripts[2].fail = true;
-  for (Script &s : scripts) ASSERT_EQ(MemoryEnumLock(RunScript, &s), 1);
-  EXPECT_EQ(MemoryLockApplyAll(), 0);
-  EXPECT_EQ(runs, (std::vector<int>{0, 1, 2, 3}));
+  scripts[1].fail = scripts[2].fail = true;
+  RegisterAll();
+  EXPECT_EQ(Pass(0), (Runs{0, 1, 2, 3}));
   EXPECT_EQ(QWErrorCode(), 5);
-  EXPECT_EQ(std::string(QWErrorMessage()), "enumerator 1 failed\nMemoryLockApplyAll: an enumerator failed");
+  EXPECT_STREQ(QWErrorMessage(), "enumerator 1 failed\nMemoryLockApplyAll: an enumerator failed");
 }
 
 TEST_F(MemoryLockRegistry, StopEndsThePassOnly) {
   scripts[1].stop = true;
-  for (Script &s : scripts) ASSERT_EQ(MemoryEnumLock(RunScript, &s), 1);
-  EXPECT_EQ(MemoryLockApplyAll(), 0);
+  RegisterAll();
+  EXPECT_EQ(Pass(0), (Runs{0, 1}));
   EXPECT_EQ(QWErrorCode(), 125);
-  EXPECT_EQ(runs, (std::vector<int>{0, 1}));
   EXPECT_EQ(scripts[0].periodicResult, 1);
   EXPECT_EQ(scripts[1].periodicResult, 0);
-
   // The next pass starts afresh; outside a pass the answer is always 1.
   scripts[1].stop = false;
-  runs.clear();
-  EXPECT_EQ(MemoryLockApplyAll(), 1);
-  EXPECT_EQ(runs, (std::vector<int>{0, 1, 2, 3}));
+  EXPECT_EQ(Pass(1), (Runs{0, 1, 2, 3}));
   MemoryLockStop();
   EXPECT_EQ(MemoryLockPeriodicRelease(0), 1);
   EXPECT_EQ(MemoryLockPeriodicRelease(1), 1);
@@ -109,12 +101,9 @@ TEST_F(MemoryLockRegistry, StopEndsThePassOnly) {
 
 TEST_F(MemoryLockRegistry, EnumeratorMayUnregisterItself) {
   scripts[1].unregisterSelf = true;
-  for (Script &s : scripts) ASSERT_EQ(MemoryEnumLock(RunScript, &s), 1);
-  EXPECT_EQ(MemoryLockApplyAll(), 1);
-  EXPECT_EQ(runs, (std::vector<int>{0, 1, 2, 3}));
-  runs.clear();
-  EXPECT_EQ(MemoryLockApplyAll(), 1);
-  EXPECT_EQ(runs, (std::vector<int>{0, 2, 3}));
+  RegisterAll();
+  EXPECT_EQ(Pass(1), (Runs{0, 1, 2, 3}));
+  EXPECT_EQ(Pass(1), (Runs{0, 2, 3}));
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[1]), 0);
 }
 
@@ -131,29 +120,39 @@ TEST(MemoryLockDeathTest, MisuseAsserts) {
 
 // ---- concurrency ----
 
+// Spins until `done`, giving up after two minutes (a hang is a failure, not
+// a stuck run).
+template <typename Body>
+bool SpinUntil(const std::atomic<bool> &done, Body body) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (!done && std::chrono::steady_clock::now() < deadline) body();
+  return done;
+}
+
 // A pass that keeps the lock lets a waiting thread in at its periodic
 // release, and never while it works: the two never hold the lock at once.
 struct HandOver {
-  std::atomic<bool> enumeratorRunning{false};
+  std::atomic<bool> enumeratorRunning{false}, waiterStarted{false}, waiterDone{false}, overlap{false};
   std::atomic<int> holders{0};
-  std::atomic<bool> waiterStarted{false};
-  std::atomic<bool> waiterDone{false};
-  std::atomic<bool> overlap{false};
   int yields = 0;
+  void Hold() {
+    if (holders.fetch_add(1) != 0) overlap = true;
+    holders.fetch_sub(1);
+  }
 };
 
 int YieldingEnumerator(void *context) {
   auto *h = static_cast<HandOver *>(context);
   h->enumeratorRunning = true;
   while (!h->waiterStarted) std::this_thread::yield();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  while (!h->waiterDone && std::chrono::steady_clock::now() < deadline) {
-    if (h->holders.fetch_add(1) != 0) h->overlap = true;
-    h->holders.fetch_sub(1);
-    EXPECT_EQ(MemoryLockPeriodicRelease(0), 1);
-    ++h->yields;
-  }
-  return h->waiterDone ? 1 : QWErrorThrow(0, QW_ERROR_CLASS_GENERAL, "waiter never got the lock");
+  return SpinUntil(h->waiterDone,
+                   [h] {
+                     h->Hold();
+                     EXPECT_EQ(MemoryLockPeriodicRelease(0), 1);
+                     ++h->yields;
+                   })
+             ? 1
+             : QWErrorThrow(0, QW_ERROR_CLASS_GENERAL, "waiter never got the lock");
 }
 
 TEST(MemoryLockConcurrency, PeriodicReleaseLetsWaiterIn) {
@@ -164,8 +163,7 @@ TEST(MemoryLockConcurrency, PeriodicReleaseLetsWaiterIn) {
     while (!h.enumeratorRunning) std::this_thread::yield();  // the pass holds the lock now
     h.waiterStarted = true;
     MemoryLockAcquire();
-    if (h.holders.fetch_add(1) != 0) h.overlap = true;
-    h.holders.fetch_sub(1);
+    h.Hold();
     h.waiterDone = true;
     MemoryLockRelease();
   });
@@ -180,19 +178,17 @@ TEST(MemoryLockConcurrency, PeriodicReleaseLetsWaiterIn) {
 // A second pass that starts while the first lets it in runs the other
 // enumerators but not the one that is running in the first pass.
 struct NestedPass {
-  std::atomic<int> outerEntries{0};
-  std::atomic<int> counted{0};
-  std::atomic<bool> secondStarted{false};
-  std::atomic<bool> secondDone{false};
+  std::atomic<int> outerEntries{0}, counted{0};
+  std::atomic<bool> secondStarted{false}, secondDone{false};
 };
 
 int OuterEnumerator(void *context) {
   auto *n = static_cast<NestedPass *>(context);
   if (n->outerEntries.fetch_add(1) != 0) return 1;  // a second entry is the fault under test
   while (!n->secondStarted) std::this_thread::yield();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  while (!n->secondDone && std::chrono::steady_clock::now() < deadline) EXPECT_EQ(MemoryLockPeriodicRelease(0), 1);
-  return n->secondDone ? 1 : QWErrorThrow(0, QW_ERROR_CLASS_GENERAL, "second pass never ran");
+  return SpinUntil(n->secondDone, [] { EXPECT_EQ(MemoryLockPeriodicRelease(0), 1); })
+             ? 1
+             : QWErrorThrow(0, QW_ERROR_CLASS_GENERAL, "second pass never ran");
 }
 
 int CountedEnumerator(void *context) {
@@ -223,9 +219,7 @@ TEST(MemoryLockConcurrency, NestedPassSkipsRunningEnumerator) {
 // Unregistering an enumerator that is running waits until it has returned,
 // so its context can be freed right after.
 struct SlowRun {
-  std::atomic<bool> started{false};
-  std::atomic<bool> release{false};
-  std::atomic<bool> finished{false};
+  std::atomic<bool> started{false}, release{false}, finished{false};
 };
 
 int SlowEnumerator(void *context) {
@@ -244,19 +238,22 @@ TEST(MemoryLockConcurrency, UnregisterWaitsForRunningEnumerator) {
     ASSERT_EQ(MemoryEnumLock(SlowEnumerator, &s), 1);
     std::thread pass([] { EXPECT_EQ(MemoryLockApplyAll(), 1); });
     while (!s.started) std::this_thread::yield();
-    std::thread unregister([&] {
-      s.release = true;
-      EXPECT_EQ(MemoryEnumUnLock(SlowEnumerator, &s), 1);
-      EXPECT_TRUE(s.finished) << "unregister returned while the enumerator ran";
-    });
-    unregister.join();
+    s.release = true;
+    EXPECT_EQ(MemoryEnumUnLock(SlowEnumerator, &s), 1);
+    EXPECT_TRUE(s.finished) << "unregister returned while the enumerator ran";
     pass.join();
   }
 }
 
-// Threads taking the lock in turns: a plain counter under it stays exact
-// (ThreadSanitizer also checks that the lock orders the accesses).
-TEST(MemoryLockConcurrency, MutualExclusion) {
+// Threads taking the lock in turns (a plain counter under it stays exact;
+// ThreadSanitizer checks the ordering), and registrations and passes from
+// many threads at once.
+int CountingEnumerator(void *context) {
+  static_cast<std::atomic<int> *>(context)->fetch_add(1);
+  return MemoryLockPeriodicRelease(0);
+}
+
+TEST(MemoryLockConcurrency, MutualExclusionAndConcurrentRegistration) {
   uint64_t counter = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
@@ -264,27 +261,16 @@ TEST(MemoryLockConcurrency, MutualExclusion) {
       for (int i = 0; i < 2000; ++i) {
         MemoryLockAcquire();
         ++counter;
-        if (i % 100 == 0) {
-          EXPECT_EQ(MemoryLockPeriodicRelease(1), 1);
-        }
+        EXPECT_TRUE(i % 100 != 0 || MemoryLockPeriodicRelease(1) == 1);
         ++counter;
         MemoryLockRelease();
       }
     });
   for (auto &t : threads) t.join();
   EXPECT_EQ(counter, 4u * 2000u * 2u);
-}
 
-// Registrations and passes from many threads at once.
-int CountingEnumerator(void *context) {
-  static_cast<std::atomic<int> *>(context)->fetch_add(1);
-  return MemoryLockPeriodicRelease(0);
-}
-
-TEST(MemoryLockConcurrency, RegisterAndPassConcurrently) {
-  std::atomic<int> calls[8];
-  for (auto &c : calls) c = 0;
-  std::vector<std::thread> threads;
+  std::atomic<int> calls[8] = {};
+  threads.clear();
   for (int t = 0; t < 8; ++t)
     threads.emplace_back([&calls, t] {
       for (int i = 0; i < 50; ++i) {
@@ -301,32 +287,26 @@ TEST(MemoryLockConcurrency, RegisterAndPassConcurrently) {
 
 struct Mapping {
   size_t length;
-  void *address;
+  char *address;
   explicit Mapping(size_t pages) : length(pages * PageSize()) {
-    address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    address = static_cast<char *>(mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   }
   ~Mapping() { munmap(address, length); }
 };
 
-TEST(MemoryPin, PinsAndUnpinsMappedRanges) {
+TEST(MemoryPin, PinsMappedRangesAndRefusesHoles) {
   Mapping m(4);
   ASSERT_NE(m.address, MAP_FAILED);
   // An unaligned sub-range is rounded out to whole pages.
-  EXPECT_EQ(MemoryPin(static_cast<char *>(m.address) + 10, PageSize()), 1) << QWErrorMessage();
-  EXPECT_EQ(MemoryUnpin(static_cast<char *>(m.address) + 10, PageSize()), 1);
+  EXPECT_EQ(MemoryPin(m.address + 10, PageSize()), 1) << QWErrorMessage();
+  EXPECT_EQ(MemoryUnpin(m.address + 10, PageSize()), 1);
   EXPECT_EQ(MemoryPin(m.address, 0), 1);
   EXPECT_EQ(MemoryUnpin(m.address, 0), 1);
-}
-
-TEST(MemoryPin, UnmappedRangeIsAnError) {
-  Mapping m(3);
-  ASSERT_NE(m.address, MAP_FAILED);
-  char *hole = static_cast<char *>(m.address) + PageSize();
-  ASSERT_EQ(munmap(hole, PageSize()), 0);
-  EXPECT_EQ(MemoryPin(m.address, 3 * PageSize()), 0);
-  EXPECT_EQ(QWErrorCode(), ENOMEM);
-  EXPECT_EQ(MemoryUnpin(m.address, 3 * PageSize()), 0);
-  EXPECT_EQ(QWErrorCode(), ENOMEM);
+  ASSERT_EQ(munmap(m.address + PageSize(), PageSize()), 0);
+  for (auto call : {MemoryPin, MemoryUnpin}) {
+    EXPECT_EQ(call(m.address, 3 * PageSize()), 0);
+    EXPECT_EQ(QWErrorCode(), ENOMEM);
+  }
   QWErrorClear();
 }
 
@@ -344,8 +324,7 @@ TEST(MemoryPin, RefusedPinFallsBackToTouching) {
     const int result = MemoryPin(m.address, 2 * PageSize());
     bool debugMessage = false;
     for (const auto &message : capture.messages())
-      debugMessage |= message.level == QW_LEVEL_DEBUG &&
-                      message.text.find("pages touched instead") != std::string::npos;
+      debugMessage |= message.level == QW_LEVEL_DEBUG && message.text.find("pages touched instead") != std::string::npos;
     std::printf("result=%d debug=%d", result, debugMessage ? 1 : 0);
   });
   ASSERT_TRUE(child.exited);

@@ -2,13 +2,12 @@
 // and contents, across commits and reopenings; their errors and assertions.
 #include <filesystem>
 
-#include "arrays_support.h"
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::kBlock;
+using namespace arenatest;
+
 
 struct ModelBlock {
   uint32_t size;
@@ -44,15 +43,14 @@ void ExpectModel(VMArena *arena, uint32_t id, uint32_t gen, const std::vector<Mo
     ASSERT_NO_FATAL_FAILURE(ExpectBlock(arena, id, n, gen, model[n].size, model[n].tag, model[n].size));
 }
 
-class BlockArrays : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {};
+class BlockArrays : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
 
 TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
-  VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE, 2)) << QWErrorMessage();
   VMAArrayHandle handle;
   ASSERT_TRUE(VMABlockArrayInitFromPath(&handle, arena, "blocks", "list")) << QWErrorMessage();
   const uint32_t id = handle.id[NEWGEN];
-  EXPECT_EQ(arraytest::TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
+  EXPECT_EQ(TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
   std::vector<ModelBlock> model, committed;
   std::mt19937 rng(99);
   uint32_t nextTag = 1;
@@ -84,13 +82,11 @@ TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
       model[n].tag = nextTag;
       ASSERT_NO_FATAL_FAILURE(FillBlock(arena, id, n, nextTag++));
     } else if (op < 98) {
-      ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+      ASSERT_TRUE(Commit()) << QWErrorMessage();
       committed = model;
       ASSERT_NO_FATAL_FAILURE(ExpectModel(arena, id, OLDGEN, committed));
     } else {
-      VMArenaClose(arena);
-      arena = Open(GetParam(), 0, 2);
-      ASSERT_NE(arena, nullptr) << QWErrorMessage();
+      ASSERT_TRUE(Reopen(GetParam(), 0, 2)) << QWErrorMessage();
       ASSERT_TRUE(VMABlockArrayInitFromPath(&handle, arena, "blocks", "list")) << QWErrorMessage();
       ASSERT_EQ(handle.id[NEWGEN], id);
       model = committed;
@@ -103,16 +99,13 @@ TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
   // Clear keeps a block array a block array.
   ASSERT_TRUE(VMAArrayClear_(arena, id, 0, NEWGEN));
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, id, NEWGEN), 0u);
-  EXPECT_EQ(arraytest::TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
-  VMArenaClose(arena);
+  EXPECT_EQ(TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, BlockArrays, ::testing::Values(kModes[0], kModes[3]),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Modes, BlockArrays, ::testing::Values(kCache, kMappedSerial), ModeName);
 
 TEST_F(ArenaTest, BlockRoundGivesTheSmallestClass) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   const uint32_t cases[][3] = {{0, 8192, 64},       {1, 8192, 64},       {64, 8192, 64},   {65, 8192, 88},
                                {1025, 8192, 1632},  {2729, 4096, 4096},  {4096, 4096, 4096}, {4097, 8192, 8192},
                                {8192, 8192, 8192}};
@@ -120,13 +113,11 @@ TEST_F(ArenaTest, BlockRoundGivesTheSmallestClass) {
   GTEST_FLAG_SET(death_test_style, "fast");
   EXPECT_DEATH(VMABlockArrayBlockRound_(arena, 4097, 4096), "assertion failed: maxBlockSize >= sizes\\[s\\]");
   EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaTest, BlockArrayErrorsAndAssertions) {
   GTEST_FLAG_SET(death_test_style, "fast");
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 1, kBlock, NEWGEN);
   ASSERT_TRUE(VMABlockArrayInsert_(arena, id, 0, kBlock, 0, 100, NEWGEN));
   EXPECT_FALSE(VMABlockArrayInsert_(arena, id, 0, kBlock, 2, 100, NEWGEN));
@@ -152,7 +143,6 @@ TEST_F(ArenaTest, BlockArrayErrorsAndAssertions) {
   ASSERT_TRUE(VMABlockArrayInsert_(arena, small, 0, 4096, 0, 4096, NEWGEN));
   EXPECT_FALSE(VMABlockArrayInsert_(arena, small, 0, 4096, 0, 5000, NEWGEN));
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, small, NEWGEN), 1u);
-  VMArenaClose(arena);
 }
 
 }  // namespace

@@ -3,20 +3,14 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "arrays_support.h"
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::Bytes;
-using arraytest::kBlock;
-using arraytest::ReadAll;
-using arraytest::TypeOf;
+using namespace arenatest;
 
 TEST_F(ArenaTest, GrowthChoosesTheLayoutFromTheCapacityAsked) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   struct Case {
     uint32_t elementSize, capacity;
     uint8_t type;
@@ -40,47 +34,43 @@ TEST_F(ArenaTest, GrowthChoosesTheLayoutFromTheCapacityAsked) {
     EXPECT_EQ(TypeOf(arena, id), c.type) << c.elementSize << " x " << c.capacity;
     uint32_t blocks = VMABlockArrayBlockCount_(arena, id, NEWGEN);
     EXPECT_EQ(blocks, c.blocks) << c.elementSize << " x " << c.capacity;
-    EXPECT_EQ(arraytest::ClassSizeOf(VMABlockArrayBlockIDGet_(arena, id, blocks - 1, NEWGEN)), c.lastBlockSize)
+    EXPECT_EQ(ClassSizeOf(VMABlockArrayBlockIDGet_(arena, id, blocks - 1, NEWGEN)), c.lastBlockSize)
         << c.elementSize << " x " << c.capacity;
     // Asking again for what fits allocates nothing.
     ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, id, 0, kBlock, c.capacity, NEWGEN, 0, c.elementSize));
     EXPECT_EQ(VMABlockArrayBlockCount_(arena, id, NEWGEN), blocks);
-    arraytest::ExpectLayout(arena, id, c.elementSize);
+    ExpectLayout(arena, id, c.elementSize);
   }
-  VMArenaClose(arena);
 }
 
 // Growing a tail array moves the tail's elements into the new blocks and
 // frees the old tail (its id is the next one of its class handed out).
 TEST_F(ArenaTest, GrowingATailArrayMovesTheTailAndFreesIt) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   std::mt19937 rng(7);
   Bytes model;
   for (uint32_t target : {100u, 1000u, 8192u + 300u, 2 * 8192u + 5000u, 3 * 8192u + 10u}) {
-    const Bytes more = arraytest::RandomBytes(rng, target - model.size());
+    const Bytes more = RandomBytes(rng, target - model.size());
     uint32_t blocks = VMABlockArrayBlockCount_(arena, id, NEWGEN);
     uint64_t oldTail = blocks ? VMABlockArrayBlockIDGet_(arena, id, blocks - 1, NEWGEN) : INVALID_VMARENA_BLOCK_ID;
     ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, more.data(), uint32_t(more.size()), NEWGEN, 1));
     model.insert(model.end(), more.begin(), more.end());
     EXPECT_EQ(ReadAll(arena, id, NEWGEN, 1), model) << target;
-    arraytest::ExpectLayout(arena, id, 1);
-    if (oldTail != INVALID_VMARENA_BLOCK_ID && arraytest::ClassSizeOf(oldTail) < kBlock) {
+    ExpectLayout(arena, id, 1);
+    if (oldTail != INVALID_VMARENA_BLOCK_ID && ClassSizeOf(oldTail) < kBlock) {
       for (uint32_t b = 0; b < VMABlockArrayBlockCount_(arena, id, NEWGEN); ++b)
         EXPECT_NE(VMABlockArrayBlockIDGet_(arena, id, b, NEWGEN), oldTail);
-      uint64_t reused = VMArenaBlockNew(arena, 0, arraytest::ClassSizeOf(oldTail), nullptr, 0);
+      uint64_t reused = VMArenaBlockNew(arena, 0, ClassSizeOf(oldTail), nullptr, 0);
       EXPECT_EQ(reused, oldTail) << "the old tail went back to its class list";
       VMArenaBlockFree(arena, reused, 0);
     }
   }
   EXPECT_EQ(TypeOf(arena, id), FULL_ARRAY_TYPE);
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaTest, LengthsRemovalAndIdReuse) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   const uint32_t values[] = {10, 20, 30};
   ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, values, 3, NEWGEN, 4));
@@ -91,12 +81,12 @@ TEST_F(ArenaTest, LengthsRemovalAndIdReuse) {
   EXPECT_EQ(ReadAll(arena, id, NEWGEN, 4), expected);
   // The length may come back within the capacity, not beyond it.
   ASSERT_TRUE(VMAArrayLengthSet_(arena, id, 3, NEWGEN, 4));
-  uint32_t capacityElements = arraytest::ClassSizeOf(VMABlockArrayBlockIDGet_(arena, id, 0, NEWGEN)) / 4;
+  uint32_t capacityElements = ClassSizeOf(VMABlockArrayBlockIDGet_(arena, id, 0, NEWGEN)) / 4;
   EXPECT_TRUE(VMAArrayLengthSet_(arena, id, capacityElements, NEWGEN, 4));
   EXPECT_FALSE(VMAArrayLengthSet_(arena, id, capacityElements + 1, NEWGEN, 4));
   EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_EQ(VMAArrayLength_(arena, id, NEWGEN), capacityElements);
-  EXPECT_FALSE(std::filesystem::exists(path("arena/corrupted")));
+  EXPECT_FALSE(Tagged());
   // Out-of-range edits are errors, not crashes.
   EXPECT_FALSE(VMAArrayInsert_(arena, id, 0, kBlock, capacityElements + 1, values, NEWGEN, 4));
   EXPECT_FALSE(VMAArrayRemove_(arena, id, 0, kBlock, capacityElements, NEWGEN, 4));
@@ -114,14 +104,12 @@ TEST_F(ArenaTest, LengthsRemovalAndIdReuse) {
   EXPECT_FALSE(VMAArrayFree(arena, 0));
   EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), id);
   EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), other + 1);
-  VMArenaClose(arena);
 }
 
 // The new generation refuses index == length; the old one admits it.
 TEST_F(ArenaTest, RangeBoundsDifferBetweenGenerations) {
   GTEST_FLAG_SET(death_test_style, "fast");  // the child tags this test's directory
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   const uint8_t bytes[5] = {1, 2, 3, 4, 5};
   ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 5, NEWGEN, 1));
@@ -138,62 +126,49 @@ TEST_F(ArenaTest, RangeBoundsDifferBetweenGenerations) {
   const std::string arrayID = "arrayID = " + std::to_string(id);  // the name service's arrays come first
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 5, &end, NEWGEN, 1, 1, 0),
                "index = 5, length = 5, " + arrayID + ", gen = NEW(.|\n)*assertion failed: FALSE");
-  EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
+  EXPECT_TRUE(Tagged());
   std::filesystem::remove(path("arena/corrupted"));
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 6, &end, OLDGEN, 1, 1, 0),
                "index = 6, length = 5, " + arrayID + ", gen = OLD(.|\n)*assertion failed: FALSE");
-  EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
+  EXPECT_TRUE(Tagged());
   std::filesystem::remove(path("arena/corrupted"));
   // An empty committed array has no storage at its end: an error, no tag.
   uint32_t empty = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
   EXPECT_EQ(VMAArrayRange_(arena, empty, 0, kBlock, 0, &end, OLDGEN, 1, 1, 0), nullptr);
   EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_FALSE(std::filesystem::exists(path("arena/corrupted")));
-  VMArenaClose(arena);
-}
-
-// Stored lengths that the blocks cannot hold are reported as corruption,
-// never read past a block.
-TEST_F(ArenaTest, LengthBeyondTheBlocksIsCorruptionNotACrash) {
-  GTEST_FLAG_SET(death_test_style, "fast");
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
-  const uint8_t bytes[100] = {};
-  ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 100, NEWGEN, 1));
-  auto *record = const_cast<qw::vm::ArrayRecord *>(arraytest::Record(arena, id));
-  record->length = 20000;  // as a damaged generation file would say
-  uint32_t end = 0;
-  EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 150, &end, NEWGEN, 1, 1, 0), nullptr);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
-  EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 9000, &end, NEWGEN, 1, 1, 0), nullptr);
-  EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
-  record->length = 100;
-  VMArenaClose(arena);
+  EXPECT_FALSE(Tagged());
 }
 
 class ArrayAssertions : public ArenaTest {
  protected:
   void SetUp() override {
     ArenaTest::SetUp();
-    GTEST_FLAG_SET(death_test_style, "fast");
-    arena = Open(kModes[0]);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    GTEST_FLAG_SET(death_test_style, "fast");  // the child tags this test's directory
+    ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
     id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
     const uint8_t bytes[10] = {};
     ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 10, NEWGEN, 1));
     ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
   }
-  void TearDown() override {
-    VMArenaClose(arena);
-    ArenaTest::TearDown();
-  }
-  bool Tagged() const { return std::filesystem::exists(path("arena/corrupted")); }
-  VMArena *arena = nullptr;
   uint32_t id = 0;
   uint32_t end = 0;
 };
+
+// Stored lengths that the blocks cannot hold are reported as corruption,
+// never read past a block.
+TEST_F(ArrayAssertions, LengthBeyondTheBlocksIsCorruptionNotACrash) {
+  id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+  const uint8_t bytes[100] = {};
+  ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 100, NEWGEN, 1));
+  auto *record = const_cast<qw::vm::ArrayRecord *>(Record(arena, id));
+  record->length = 20000;  // as a damaged generation file would say
+  EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 150, &end, NEWGEN, 1, 1, 0), nullptr);
+  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+  EXPECT_EQ(VMAArrayRange_(arena, id, 0, kBlock, 9000, &end, NEWGEN, 1, 1, 0), nullptr);
+  EXPECT_TRUE(Tagged());
+  record->length = 100;
+}
 
 TEST_F(ArrayAssertions, GenerationsAndWrites) {
   const uint8_t byte = 1;
@@ -224,7 +199,7 @@ TEST_F(ArrayAssertions, ArrayIdsBeyondTheTablesTagTheArena) {
 }
 
 TEST_F(ArrayAssertions, LayoutAndBackgroundLock) {
-  auto *record = const_cast<qw::vm::ArrayRecord *>(arraytest::Record(arena, id));
+  auto *record = const_cast<qw::vm::ArrayRecord *>(Record(arena, id));
   record->type = TWO_PART_ARRAY_TYPE;
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 0, &end, NEWGEN, 1, 1, 0),
                "assertion failed: array->type < TWO_PART_ARRAY_TYPE \\|\\| array->type == FULL_BLOCK_ARRAY_TYPE");
@@ -242,38 +217,41 @@ TEST_F(ArrayAssertions, LayoutAndBackgroundLock) {
                "assertion failed: \\(UInt\\) \\(1 << array->log2size\\) == blockSize");
 }
 
+// A read-only arena reads and finds names, but neither writes nor creates.
 TEST_F(ArenaTest, ReadOnlyArenaRefusesWrites) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
+  VMAArrayHandle handle, found;
+  ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "p", "q"));
+  const uint32_t id = handle.id[NEWGEN];
   const uint8_t bytes[3] = {7, 8, 9};
   ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes, 3, NEWGEN, 1));
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(kModes[0], VM_FLAG_READ_ONLY);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_READ_ONLY)) << QWErrorMessage();
   EXPECT_EQ(ReadAll(arena, id, NEWGEN, 1), Bytes(bytes, bytes + 3));
   EXPECT_EQ(ReadAll(arena, id, OLDGEN, 1), Bytes(bytes, bytes + 3));
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "p", "q")) << QWErrorMessage();
+  EXPECT_EQ(found.id[NEWGEN], id);
+  EXPECT_EQ(found.id[OLDGEN], id);
+  EXPECT_FALSE(VMAArrayInitFromPath(&found, arena, "p", "absent"));
+  EXPECT_EQ(QWErrorCode(), 2);
   uint32_t end = 0;
   EXPECT_DEATH(VMAArrayRange_(arena, id, 0, kBlock, 0, &end, NEWGEN, 0, 1, 0), "assertion failed: !arena->readOnly");
   EXPECT_DEATH(VMAArrayNew(arena, 0, kBlock, NEWGEN), "assertion failed: !arena->readOnly");
   EXPECT_DEATH(VMAArrayFree(arena, id), "assertion failed: !arena->readOnly");
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaTest, CopyTakesEitherGeneration) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   std::mt19937 rng(3);
   uint32_t src = VMAArrayNew(arena, 0, kBlock, NEWGEN), dest = VMAArrayNew(arena, 0, kBlock, NEWGEN);
-  const Bytes first = arraytest::RandomBytes(rng, 24 * 1000);
+  const Bytes first = RandomBytes(rng, 24 * 1000);
   ASSERT_TRUE(VMAArrayAppend_(arena, src, 0, kBlock, first.data(), 1000, NEWGEN, 24));
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  const Bytes second = arraytest::RandomBytes(rng, 24 * 10);
+  const Bytes second = RandomBytes(rng, 24 * 10);
   ASSERT_TRUE(VMAArraySetRange_(arena, src, 0, kBlock, 335, second.data(), 10, NEWGEN, 24));
   Bytes changed = first;
   std::copy(second.begin(), second.end(), changed.begin() + 335 * 24);
-  const Bytes junk = arraytest::RandomBytes(rng, 24 * 50);
+  const Bytes junk = RandomBytes(rng, 24 * 50);
   ASSERT_TRUE(VMAArrayAppend_(arena, dest, 0, kBlock, junk.data(), 50, NEWGEN, 24));
   ASSERT_TRUE(VMAArrayCopy_(arena, dest, 0, src, 0, NEWGEN, kBlock, 24));
   EXPECT_EQ(ReadAll(arena, dest, NEWGEN, 24), changed);
@@ -283,13 +261,11 @@ TEST_F(ArenaTest, CopyTakesEitherGeneration) {
   ASSERT_TRUE(VMAArrayCopy_(arena, src, 0, src, 0, OLDGEN, kBlock, 24));
   EXPECT_EQ(ReadAll(arena, src, NEWGEN, 24), first);
   EXPECT_EQ(ReadAll(arena, src, OLDGEN, 24), first);
-  arraytest::ExpectLayout(arena, dest, 24);
-  VMArenaClose(arena);
+  ExpectLayout(arena, dest, 24);
 }
 
 TEST_F(ArenaTest, LockRegistrationNamesTheArray) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   std::vector<uint8_t> bytes(3 * kBlock, 9);
   ASSERT_TRUE(VMAArrayAppend_(arena, id, 0, kBlock, bytes.data(), uint32_t(bytes.size()), NEWGEN, 1));
@@ -306,12 +282,10 @@ TEST_F(ArenaTest, LockRegistrationNamesTheArray) {
   PageCacheGetStats(cache, &stats);
   EXPECT_EQ(stats.pinned, 0u);  // made resident, not left pinned
   EXPECT_GE(stats.resident, 3u);
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaTest, RangeCacheServesABlockFromOneAcquire) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   std::vector<uint32_t> values(5000);
   for (uint32_t i = 0; i < values.size(); ++i) values[i] = i * 7 + 1;
@@ -342,7 +316,6 @@ TEST_F(ArenaTest, RangeCacheServesABlockFromOneAcquire) {
   PageCacheGetStats(this->cache, &after);
   EXPECT_EQ(after.hits + after.misses - before.hits - before.misses, VMABlockArrayBlockCount_(arena, id, OLDGEN));
   EXPECT_EQ(after.pinned, 0u);
-  VMArenaClose(arena);
 }
 
 }  // namespace

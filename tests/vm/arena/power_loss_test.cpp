@@ -6,125 +6,83 @@
 #include <filesystem>
 
 #include "arena_fixture.h"
-#include "platform/qwlib/fault.h"
+#include "support/fault_support.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::Fill;
-using arenatest::Holds;
-using arenatest::kModes;
+using namespace arenatest;
 using qw::fault::PowerLoss;
 
-class PowerLossDuringCommit : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {
+class PowerLossDuringCommit : public ArenaTest, public ::testing::WithParamInterface<Mode> {
  protected:
-  void TearDown() override {
-    qw::fault::Disable();
-    ArenaTest::TearDown();
-  }
-
-  void Prepare() {
-    VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
-    for (uint32_t i = 0; i < 24; ++i) {
-      ids.push_back(VMArenaBlockNew(arena, 0, i % 3 == 0 ? 8192 : 90 + 333 * i, nullptr, 0));
-      Fill(arena, ids.back(), 1);
-    }
-    ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-    VMArenaClose(arena);
-  }
-
-  // Child: tag 2 everywhere, commit with the seam armed. Exit status 1: the
-  // power loss hit inside the commit; 2: the commit returned 1 and a power
-  // loss followed; 3: the commit failed otherwise.
-  void CommitInChild(uint64_t crashAtSync, PowerLoss mode, uint64_t seed, uint64_t *syncsOut = nullptr) {
-    auto child = qwtest::RunInChild([&] {
-      qw::fault::Reset();
-      qw::fault::EnableDurabilityTracking(true);
-      VMArena *arena = Open(GetParam(), 0, 2);
-      if (!arena) _exit(4);
-      for (uint64_t id : ids) Fill(arena, id, 2);
-      for (int i = 0; i < 6; ++i) Fill(arena, VMArenaBlockNew(arena, 0, 8192, nullptr, 0), 2);
-      uint64_t before = qw::fault::SyncCount();
-      if (crashAtSync) qw::fault::CrashAtSync(crashAtSync, mode, seed);
-      bool ok = VMArenaCommit(arena, nullptr, nullptr, 0);
-      std::printf("%llu\n", static_cast<unsigned long long>(qw::fault::SyncCount() - before));
-      std::fflush(stdout);
-      if (!ok) _exit(3);
-      qw::fault::SimulatePowerLoss(mode, seed);
-      _exit(2);
-    });
-    ASSERT_TRUE(child.exited);
-    lastStatus = child.exitStatus;
-    if (syncsOut) *syncsOut = std::strtoull(child.out.c_str(), nullptr, 10);
+  // Child: tag 2 everywhere and new blocks, then the commit.
+  qwtest::PowerLossRun CommitInChild(uint64_t crashAtSync, qwtest::Loss loss) {
+    return qwtest::PowerLossChild(
+        crashAtSync, loss,
+        [&] {
+          if (!Reopen(GetParam())) return false;
+          for (uint64_t id : ids) Fill(arena, id, 2);
+          for (int i = 0; i < 6; ++i) Fill(arena, VMArenaBlockNew(arena, 0, 8192, nullptr, 0), 2);
+          return true;
+        },
+        [&] { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; });
   }
 
   // The committed generation after the power loss: 1 or 2, never a mix.
+  // The arena commits again afterwards.
   int ReopenedTag() {
-    VMArena *arena = Open(GetParam(), 0, 2);
-    if (!arena) {
+    if (!Reopen(GetParam())) {
       ADD_FAILURE() << "reopen failed: " << QWErrorMessage();
       return -1;
     }
     int tag = -1;
-    for (int t : {1, 2}) {
-      int matching = 0;
-      for (uint64_t id : ids) matching += Holds(arena, id, OLDGEN, uint32_t(t));
-      if (matching == int(ids.size())) tag = t;
-    }
-    // The arena commits again afterwards.
+    for (uint32_t t : {1u, 2u})
+      if (CountHolding(arena, ids, OLDGEN, t) == ids.size()) tag = int(t);
     for (uint64_t id : ids) Fill(arena, id, 7);
-    EXPECT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-    VMArenaClose(arena);
+    EXPECT_TRUE(Commit()) << QWErrorMessage();
+    CloseArena();
     return tag;
   }
 
   std::vector<uint64_t> ids;
-  int lastStatus = -1;
 };
 
 TEST_P(PowerLossDuringCommit, EveryLostSyncLeavesTheOldOrTheNewGeneration) {
-  Prepare();
-  std::string snapshot = path("snapshot");
+  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE)) << QWErrorMessage();
+  for (uint32_t i = 0; i < 24; ++i) {
+    ids.push_back(VMArenaBlockNew(arena, 0, i % 3 == 0 ? 8192 : 90 + 333 * i, nullptr, 0));
+    Fill(arena, ids.back(), 1);
+  }
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  CloseArena();
+  const std::string snapshot = path("snapshot");
   std::filesystem::copy(arenaDir(), snapshot, std::filesystem::copy_options::recursive);
-  uint64_t prepSerialOld = serialOld, prepSerialNew = serialNew;
+  const uint64_t prepSerialOld = serialOld, prepSerialNew = serialNew;
 
-  uint64_t syncs = 0;
-  CommitInChild(0, PowerLoss::Drop, 0, &syncs);  // how many syncs a commit makes
-  ASSERT_EQ(lastStatus, 2);
-  ASSERT_GT(syncs, 2u);
+  const qwtest::PowerLossRun counting = CommitInChild(0, {PowerLoss::Drop});  // how many syncs a commit makes
+  ASSERT_EQ(counting.status, 2) << counting.out;
+  ASSERT_GT(counting.syncs, 2u);
 
-  struct Loss {
-    PowerLoss mode;
-    uint64_t seed;
-  };
-  const Loss losses[] = {{PowerLoss::Drop, 0}, {PowerLoss::Garble, 1}, {PowerLoss::Garble, 2}};
-  const uint64_t stride = qwtest::SweepStride(3);
-  for (const Loss &loss : losses) {
-    for (uint64_t n = 1; n <= syncs + 1; ++n) {
-      if (!qwtest::InSweep(n, 1, syncs + 1, stride)) continue;
+  for (const qwtest::Loss loss : {qwtest::Loss{PowerLoss::Drop}, {PowerLoss::Garble, 1}, {PowerLoss::Garble, 2}}) {
+    for (uint64_t n : qwtest::SweepPoints(1, counting.syncs + 1, 3)) {
       std::filesystem::remove_all(arenaDir());
       std::filesystem::copy(snapshot, arenaDir(), std::filesystem::copy_options::recursive);
-      serialOld = prepSerialOld;
-      serialNew = prepSerialNew;
-      CommitInChild(n, loss.mode, loss.seed);
-      ASSERT_TRUE(lastStatus == 1 || lastStatus == 2) << "status " << lastStatus << " at sync " << n;
+      serialOld = prepSerialOld, serialNew = prepSerialNew;
+      const qwtest::PowerLossRun run = CommitInChild(n, loss);
+      ASSERT_TRUE(run.status == 1 || run.status == 2) << "status " << run.status << " at sync " << n << run.out;
       // A serialised arena is reopened at the serials its owner recorded:
       // the new ones only once the commit returned.
-      if (GetParam().serialised && lastStatus == 2) {
-        serialOld = prepSerialOld + 1;
-        serialNew = prepSerialNew + 1;
-      }
-      int tag = ReopenedTag();
+      if (GetParam().serialised && run.status == 2) serialOld = prepSerialOld + 1, serialNew = prepSerialNew + 1;
+      const int tag = ReopenedTag();
       EXPECT_TRUE(tag == 1 || tag == 2) << "mixed state after losing sync " << n;
-      if (lastStatus == 2) {
+      if (run.status == 2) {
         EXPECT_EQ(tag, 2) << "a returned commit was lost (sync " << n << ")";
       }
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, PowerLossDuringCommit, ::testing::Values(kModes[0], kModes[1], kModes[2], kModes[4]),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Modes, PowerLossDuringCommit, ::testing::Values(kCache, kCacheSerial, kMapped, kExtents),
+                         ModeName);
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "qwvm/vmarena.h"
 #include "support/test_support.h"
@@ -19,23 +20,16 @@ namespace lbstest {
 
 using namespace qw::vm;
 
-enum class Mode { kPageCache, kMapped, kExtents };
-
-inline const char *ModeName(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return "PageCache";
-    case Mode::kMapped: return "Mapped";
-    default: return "Extents";
-  }
-}
-
-inline uint32_t ModeFlags(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return 0;
-    case Mode::kMapped: return VM_FLAG_MAPPED;
-    default: return VM_FLAG_MAPPED | VM_FLAG_EXTENTS;
-  }
-}
+// How a server keeps its blocks: through the page cache, mapped, or mapped
+// with the read-write part in extent files.
+struct Mode {
+  const char *name;
+  uint32_t flags;
+};
+inline const Mode kPageCache{"PageCache", 0}, kMapped{"Mapped", VM_FLAG_MAPPED},
+    kExtents{"Extents", VM_FLAG_MAPPED | VM_FLAG_EXTENTS};
+inline const Mode kModes[] = {kPageCache, kMapped, kExtents};
+inline std::string ModeName(const ::testing::TestParamInfo<Mode> &info) { return info.param.name; }
 
 struct ServerCloser {
   void operator()(LocalBlockServer0 *server) const { (void)LocalBlockServer0Close(server); }
@@ -62,26 +56,27 @@ inline bool PatternSeed(const void *block, uint32_t *seed) {
   return std::memcmp(expected, block, kServerBlockSize) == 0;
 }
 
-class LbsTest : public qwtest::TempDirTest {
- protected:
-  void SetUp() override {
-    TempDirTest::SetUp();
-    cache_ = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache_, nullptr);
-  }
-  void TearDown() override {
-    PageCacheFree(cache_);
-    TempDirTest::TearDown();
-  }
+inline std::vector<uint32_t> List(const QwArray<uint32_t> &list) {
+  return std::vector<uint32_t>(list.p, list.p + list.size());
+}
 
+class LbsTest : public qwtest::CachedTempDirTest {
+ protected:
+  LbsTest() { cacheBytes = 8 << 20; }
+  void CloseAll() override { server.reset(); }
+  // Closes `server` and opens dir() again into it; false with the error chain set.
+  bool Reopen(const Mode &mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0) {
+    server.reset();
+    return bool(server = Open(mode, serial, extraFlags));
+  }
   ServerPtr Open(Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                  ReplicationLog *log = nullptr) {
     return OpenIn(dir(), mode, serial, extraFlags, log);
   }
   ServerPtr OpenIn(const std::string &directory, Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                    ReplicationLog *log = nullptr) {
-    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", ModeFlags(mode) | extraFlags, kServerBlockSize,
-                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache_));
+    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", mode.flags | extraFlags, kServerBlockSize,
+                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache));
   }
 
  public:
@@ -162,7 +157,8 @@ class LbsTest : public qwtest::TempDirTest {
   }
 
  protected:
-  PageCache *cache_ = nullptr;
+  ServerPtr server;  // the server of Reopen
+
 };
 
 // Little-endian bytes of an integer, for building expected file contents.

@@ -106,15 +106,11 @@ TEST_F(BTreeEdge, StoredValueWidthWinsAndArgumentsAreChecked) {
   EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_EQ(BTreeNew(arena, kPath, "other", 0, 8, 9), nullptr);
   CloseAll();
-  VMArena *readOnly = VMArenaOpen(arenaDir().c_str(), VM_FLAG_READ_ONLY, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
-                                  nullptr, cache);
-  ASSERT_NE(readOnly, nullptr) << QWErrorMessage();
-  EXPECT_EQ(BTreeNew(readOnly, kPath, "absent", 0, 8, 4), nullptr);
-  BTree *existing = BTreeNew(readOnly, kPath, kName, 0, 8, 4);
-  ASSERT_NE(existing, nullptr) << QWErrorMessage();
-  EXPECT_EQ(BTreeFind(existing, 1, 0, 0, 0, 0, 0, OLDGEN), 0xABCDEFu);
-  BTreeFree(existing, 8);
-  VMArenaClose(readOnly);
+  ASSERT_NO_FATAL_FAILURE(MustOpenArena(VM_FLAG_READ_ONLY));
+  EXPECT_EQ(BTreeNew(arena, kPath, "absent", 0, 8, 4), nullptr);
+  tree = BTreeNew(arena, kPath, kName, 0, 8, 4);
+  ASSERT_NE(tree, nullptr) << QWErrorMessage();
+  EXPECT_EQ(BTreeFind(tree, 1, 0, 0, 0, 0, 0, OLDGEN), 0xABCDEFu);
 }
 
 TEST_F(BTreeEdge, MisuseFailsTheNamedAssertions) {

@@ -2,15 +2,10 @@
 // a std::map model, and helpers that read the tree back and poke raw nodes.
 #pragma once
 
-#include <cstdint>
-#include <cstring>
 #include <map>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+#include "vm/olib/olib_fixture.h"
 
 namespace bttest {
 
@@ -27,27 +22,19 @@ inline uint64_t Mask(uint64_t value, uint32_t bytes) {
   return bytes == 8 ? value : value & ((uint64_t(1) << (8 * bytes)) - 1);
 }
 
-class BTreeTest : public qwtest::CachedTempDirTest {
+class BTreeTest : public olibtest::ArenaTest {
  protected:
-
-  std::string arenaDir() const { return path("arena"); }
-
-  // Opens the arena (2 buckets) and the tree into `arena` and `tree`.
   void Open(uint32_t keySize, uint32_t valueSize, uint32_t flags = VM_FLAG_CREATE) {
     this->keySize = keySize;
-    arena = VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     tree = BTreeNew(arena, kPath, kName, 0, keySize, valueSize);
     ASSERT_NE(tree, nullptr) << QWErrorMessage();
   }
-  void CloseAll() override {
+  void FreeStructures() override {
     if (tree) BTreeFree(tree, keySize);
     tree = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
-  // Commits the arena and then the tree.
-  bool Commit() { return VMArenaCommit(arena, nullptr, nullptr, 0) && BTreeCommit(tree, keySize) == 1; }
+  bool Commit() { return CommitArena() && BTreeCommit(tree, keySize) == 1; }
   // Commits, closes and opens again (the stored value width wins).
   void Reopen() {
     ASSERT_TRUE(Commit()) << QWErrorMessage();
@@ -116,9 +103,7 @@ class BTreeTest : public qwtest::CachedTempDirTest {
   // The root's block id (INVALID_BLOCK_ID when "root" is empty) and the
   // length of "root".
   uint32_t RootLength(uint32_t gen = NEWGEN) {
-    std::string name = std::string(kPath) + "/" + kName + "/root";
-    int create = 0;
-    uint32_t id = VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 1, &create, 0, 0);
+    const uint32_t id = Named(std::string(kPath) + "/" + kName + "/root", gen);
     return id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(arena, id, gen);
   }
   uint32_t RootBlock(uint32_t gen = NEWGEN) {
@@ -132,10 +117,6 @@ class BTreeTest : public qwtest::CachedTempDirTest {
         &first, gen, 1);
     return first;
   }
-  bool Tagged() const { return Exists("corrupted"); }
-  bool Exists(const std::string &name) const { return FileExists((arenaDir() + "/" + name).c_str()) != 0; }
-
-  VMArena *arena = nullptr;
   BTree *tree = nullptr;
   uint32_t keySize = 8;
 };
@@ -145,10 +126,6 @@ inline uint32_t RawKeyCount(const std::string &node) {
   return uint32_t(uint8_t(node[8190])) | uint32_t(uint8_t(node[8191])) << 8;
 }
 inline bool RawIsLeaf(const std::string &node) { return (uint8_t(node[8189]) & 1) != 0; }
-inline uint64_t RawLE(const std::string &node, size_t at, unsigned bytes) {
-  uint64_t v = 0;
-  for (unsigned i = 0; i < bytes; ++i) v |= uint64_t(uint8_t(node[at + i])) << (8 * i);
-  return v;
-}
+using olibtest::LE;
 
 }  // namespace bttest

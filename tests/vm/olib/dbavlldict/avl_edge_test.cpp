@@ -131,21 +131,6 @@ TEST_F(AVLTest, EnumerationBothWaysStopsWhenTheCallbackSaysSo) {
   }
 }
 
-TEST_F(AVLTest, AbsentKeysGiveTheDefaultAndReplacingKeepsTheCount) {
-  Open();
-  EXPECT_EQ(QWDBAVLLDictFind(dict, 5, 123, NEWGEN), 123u);
-  EXPECT_EQ(QWDBAVLLDictRemove(dict, 5, 456, NEWGEN), 456u);
-  EXPECT_EQ(QWDBAVLLDictFindNearest(dict, 5, 0, NEWGEN), 0u);
-  ASSERT_EQ(QWDBAVLLDictInsert(dict, 5, 50, 1, NEWGEN), 1u);
-  const uint32_t records = NodeCount();
-  EXPECT_EQ(QWDBAVLLDictRemove(dict, 6, 456, NEWGEN), 456u);
-  EXPECT_EQ(QWDBAVLLDictInsert(dict, 5, 0x100000033ull, 1, NEWGEN), 50u);
-  EXPECT_EQ(QWDBAVLLDictFind(dict, 5, 0, NEWGEN), 0x33u);  // low 32 bits of the value
-  EXPECT_EQ(QWDBAVLLDictSize(dict, NEWGEN), 1u);
-  EXPECT_EQ(NodeCount(), records);
-  EXPECT_FALSE(QWErrorIsSet());
-}
-
 TEST_F(AVLTest, ClearAppendsTwoRecordsAndTheCommittedTreeStays) {
   Open();
   for (uint64_t key = 1; key <= 50; ++key) ASSERT_EQ(QWDBAVLLDictInsert(dict, key, key, 0, NEWGEN), 0u);

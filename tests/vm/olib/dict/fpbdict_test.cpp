@@ -87,7 +87,7 @@ TEST_F(FPBDictTest, MatchesAModelAcrossCommits) {
     committed = model;
     FPBDictFree(dict);
     dict = nullptr;
-    ReopenArena();
+    MustReopenArena();
     Open();
   }
   FPBDictEnumeration *walk = FPBDictEnumerationNew(dict, OLDGEN);

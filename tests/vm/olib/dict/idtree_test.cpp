@@ -32,7 +32,7 @@ class IDTreeTest : public dicttest::DictTest {
   void Reopen(uint32_t flags = 0) {
     IDTreeFree(tree);
     tree = nullptr;
-    ReopenArena(flags);
+    MustReopenArena(flags);
     Open();
   }
   void Commit() {

@@ -121,7 +121,7 @@ TEST_F(PathDictTest, SurvivesCommitAndReopenWithOldGenerationReads) {
     committed = model;
     PathDictFree(dict);
     dict = nullptr;
-    ReopenArena(round == 3 ? VM_FLAG_READ_ONLY : 0);
+    MustReopenArena(round == 3 ? VM_FLAG_READ_ONLY : 0);
     Open();
   }
   EXPECT_EQ(List("", PATHDICT_DEPTH_UNLIMITED, OLDGEN), model);

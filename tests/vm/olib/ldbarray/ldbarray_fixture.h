@@ -4,15 +4,10 @@
 // array underneath) and a snapshot of the arena's block allocation.
 #pragma once
 
-#include <cstdint>
-#include <cstring>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
 #include "vm/arena/arena.h"
+#include "vm/olib/olib_fixture.h"
 #include "vm/lbs/server.h"
 
 namespace ldbatest {
@@ -21,12 +16,7 @@ inline constexpr const char *kPath = "bodies";
 // The underlying block-directory array's path.
 inline constexpr const char *kElementsPath = "bodies/ldbarray";
 
-// A deterministic string of `length` bytes for (seed, length).
-inline std::string Pattern(uint32_t seed, uint32_t length) {
-  std::string value(length, '\0');
-  for (uint32_t i = 0; i < length; ++i) value[i] = char((seed * 131u + i * 7u + (i >> 13)) & 0xFF);
-  return value;
-}
+inline std::string Pattern(uint32_t seed, uint32_t length) { return olibtest::Pattern(seed, length, 13); }
 
 // What the arena has handed out: per server the blocks in use, per size
 // class the free list and the partly used server block. Equal snapshots mean
@@ -58,40 +48,35 @@ struct Descriptor {
   size_t bytes = 0;
 };
 
-class LDBArrayTest : public qwtest::CachedTempDirTest {
+class LDBArrayTest : public olibtest::ArenaTest {
  protected:
   void SetUp() override {
-    CachedTempDirTest::SetUp();
+    ArenaTest::SetUp();
     threadData = LDBArrayThreadDataNew();
     ASSERT_NE(threadData, nullptr) << QWErrorMessage();
   }
   void TearDown() override {
-    CachedTempDirTest::TearDown();
+    ArenaTest::TearDown();
     LDBArrayThreadDataFree(threadData);
     ArrayFree(buffer);
   }
 
  public:
-  std::string arenaDir() const { return path("arena"); }
-
   void Open(uint32_t buckets, uint32_t flags = VM_FLAG_CREATE) {
-    arena = VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     int created = 1;
     array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets);
     ASSERT_NE(array, nullptr) << QWErrorMessage();
   }
-  void CloseAll() override {
+  void FreeStructures() override {
     LDBArrayFree(array);
     array = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
   void Reopen(uint32_t buckets) {
     CloseAll();
     Open(buckets, 0);
   }
-  bool Commit() { return VMArenaCommit(arena, nullptr, nullptr, 0) && LDBArrayCommit(array) == 1; }
+  bool Commit() { return CommitArena() && LDBArrayCommit(array) == 1; }
 
   uint32_t Add(uint32_t bucket, const std::string &value) {
     return LDBArrayAdd(array, threadData, bucket, value.data(), uint32_t(value.size()), NEWGEN);
@@ -150,14 +135,9 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
   static Descriptor Decode(const std::string &raw) {
     Descriptor d;
     d.bytes = raw.size();
-    auto load = [&](size_t at) {
-      uint64_t v = 0;
-      for (int i = 7; i >= 0; --i) v = (v << 8) | uint8_t(raw[at + size_t(i)]);
-      return v;
-    };
     if (raw.size() < 8) return d;
-    for (size_t at = 0; at + 8 < raw.size(); at += 8) d.ids.push_back(load(at));
-    const uint64_t trailer = load(raw.size() - 8);
+    for (size_t at = 0; at + 8 < raw.size(); at += 8) d.ids.push_back(olibtest::LE(raw, at, 8));
+    const uint64_t trailer = olibtest::LE(raw, raw.size() - 8, 8);
     d.total = trailer >> 1;
     d.level = uint32_t(trailer & 1);
     return d;
@@ -175,21 +155,13 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
     VMArenaDataRelease(arena, id, 1, data, 0, 0);
     return size;
   }
-  // The flag bit of (bucket, handle) as stored.
+  // The flag bit of (bucket, handle) as stored; -1 past the flag bytes.
   int FlagBit(uint32_t bucket, uint32_t handle) {
-    const std::string name = std::string(kPath) + "/ldbarray/flag";
-    int create = 0;
-    const uint32_t id = VMAArrayFind(arena, NEWGEN, name.data(), uint32_t(name.size()), 1, &create, 0, 0);
+    const std::vector<uint64_t> bytes = Elements(std::string(kPath) + "/ldbarray/flag", 1);
     const uint64_t g = uint64_t(handle) * LDBArrayBucketCount(array) + bucket;
-    if (g / 8 >= VMAArrayLength_(arena, id, NEWGEN)) return -1;
-    uint32_t end = 0;
-    auto *byte = static_cast<uint8_t *>(VMAArrayRange_(arena, id, 0, 8192, uint32_t(g / 8), &end, NEWGEN, 1, 1, 0));
-    const int bit = (*byte >> (g % 8)) & 1;
-    VMAArrayRelease_(arena, id, byte, 1);
-    return bit;
+    return g / 8 >= bytes.size() ? -1 : int(bytes[g / 8] >> (g % 8) & 1);
   }
 
-  VMArena *arena = nullptr;
   LDBArray *array = nullptr;
   LDBArrayThreadData *threadData = nullptr;
   uint8_t *buffer = nullptr;

@@ -3,16 +3,10 @@
 // compare with a std::map model.
 #pragma once
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <map>
-#include <string>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+#include "vm/olib/olib_fixture.h"
 
 namespace pittest {
 
@@ -32,24 +26,19 @@ inline uint32_t Scaled(uint32_t count) {
   return count / (divisor ? divisor : 1);
 }
 
-class PITreeTest : public qwtest::CachedTempDirTest {
+class PITreeTest : public olibtest::ArenaTest {
  protected:
   void SetUp() override {
-    CachedTempDirTest::SetUp();
+    ArenaTest::SetUp();
     td = PITreeThreadDataNew();
     ASSERT_NE(td, nullptr);
   }
   void TearDown() override {
-    CachedTempDirTest::TearDown();
+    ArenaTest::TearDown();
     PITreeThreadDataFree(td);
   }
 
  public:
-  std::string arenaDir() const { return path("arena"); }
-  bool Tagged() const { return std::filesystem::exists(path("arena/corrupted")); }
-  VMArena *OpenArena(uint32_t flags = VM_FLAG_CREATE) {
-    return VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-  }
   PITree *OpenTree(VMArena *on, const char *name = "words", int scan = 0) {
     if (!pathBuffer) {
       EXPECT_TRUE(ArrayInit(pathBuffer, 1, 16));
@@ -65,22 +54,19 @@ class PITreeTest : public qwtest::CachedTempDirTest {
     return t;
   }
   void Open(uint32_t flags = VM_FLAG_CREATE) {
-    arena = OpenArena(flags);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     tree = OpenTree(arena);
     ASSERT_NE(tree, nullptr) << QWErrorMessage();
   }
-  void CloseAll() override {
+  void FreeStructures() override {
     PITreeFree(tree);
     tree = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
   void Reopen(uint32_t flags = VM_FLAG_CREATE) {
     CloseAll();
     Open(flags);
   }
-  bool Commit() { return VMArenaCommit(arena, nullptr, nullptr, 0) && PITreeCommit(tree); }
+  bool Commit() { return CommitArena() && PITreeCommit(tree); }
 
   uint64_t Find(const Atom &atom, uint32_t gen = NEWGEN) {
     return PITreeFind(tree, td, atom.data(), uint32_t(atom.size()), 0, gen, 0, 0, 0);
@@ -116,7 +102,6 @@ class PITreeTest : public qwtest::CachedTempDirTest {
     return out;
   }
 
-  VMArena *arena = nullptr;
   PITree *tree = nullptr;
   PITreeThreadData *td = nullptr;
   int lastCreated = -1;

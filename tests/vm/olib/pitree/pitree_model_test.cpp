@@ -1,6 +1,7 @@
 // Randomized model tests: a tree against std::map over many inserts, finds
 // and removes, with commits, reopenings, old-generation reads after further
-// changes and enumerations by prefix and depth.
+// changes and enumerations by prefix and depth; committed readers beside a
+// writer.
 #include <random>
 
 #include "pitree_fixture.h"
@@ -119,6 +120,44 @@ TEST_F(PITreeTest, EnumerationByPrefixAndDepthMatchesTheModel) {
     const uint32_t depth = depths[probe % 5];
     ASSERT_EQ(Enumerate(prefix, depth), Expected(model, prefix, depth)) << "prefix length " << prefix.size();
   }
+}
+
+// Readers of the committed tree, each with its own thread data, beside one
+// writer changing the new generation (inserts that explode leaves, removes).
+using PITreeConcurrency = PITreeTest;
+
+Atom AtomOf(uint32_t i) { return {i % 31, 0x4000 + i % 7, i, i % 3}; }
+
+TEST_F(PITreeConcurrency, CommittedReadersRunBesideAWriter) {
+  Open();
+  const uint32_t count = pittest::Scaled(8000);
+  for (uint32_t i = 0; i < count; ++i) ASSERT_EQ(Insert(AtomOf(i), i + 1), i + 1);
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      arena, 3, 200,
+      [&](std::mt19937 &rng) {
+        thread_local PITreeThreadData *own = PITreeThreadDataNew();  // one per reader, freed at thread exit
+        thread_local struct Free { ~Free() { PITreeThreadDataFree(own); } } freeAtExit;
+        const uint32_t i = rng() % count;
+        const Atom atom = AtomOf(i);
+        return PITreeFind(tree, own, atom.data(), uint32_t(atom.size()), 0, OLDGEN, 0, 0, 0) == i + 1;
+      },
+      [&] {
+        std::mt19937 rng(9);
+        for (uint32_t k = 0; k < count; ++k) {
+          VMArenaNewGenAcquire(arena, 0);
+          if (k % 2) {
+            const uint32_t i = rng() % count;  // present once, then absent
+            const uint64_t removed = Remove(AtomOf(i));
+            EXPECT_TRUE(removed == 0 || removed == i + 1);
+          } else {
+            EXPECT_EQ(Insert({k % 5, 100000 + k, 1, 2, 3}, k + 1), k + 1);
+          }
+          EXPECT_FALSE(QWErrorIsSet()) << QWErrorMessage();
+          VMArenaNewGenRelease(arena, 0);
+        }
+      });
+  EXPECT_EQ(bad, 0u);
 }
 
 }  // namespace

@@ -27,17 +27,16 @@ std::string NameOf(uint32_t i) { return "store/" + std::to_string(i * 7919u % 10
 uint32_t IndexedNames(VMArena *arena, uint32_t gen) {
   uint32_t id = Lookup(arena, gen, "#name/params", 1);
   if (id == VMA_NO_ARRAY || VMAArrayLength_(arena, id, gen) == 0) return 0;
-  uint32_t end = 0, count = 0;
+  uint32_t end = 0;
   auto *p = static_cast<const uint32_t *>(VMAArrayRange_(arena, id, 0, 8192, 0, &end, gen, 1, 4, 0));
   EXPECT_NE(p, nullptr);
-  count = *p;
+  const uint32_t count = *p;
   VMAArrayRelease_(arena, id, const_cast<uint32_t *>(p), 1);
   return count;
 }
 
 TEST_F(PITreeTest, ManyNamesAreFoundThroughTheTreeInBothGenerations) {
-  arena = OpenArena();
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  MustOpenArena();
   const uint32_t own = IndexedNames(arena, NEWGEN);
   EXPECT_GT(own, 190u);  // the name service's own arrays are named too
   const uint32_t count = 20000;
@@ -57,9 +56,8 @@ TEST_F(PITreeTest, ManyNamesAreFoundThroughTheTreeInBothGenerations) {
   for (uint32_t i = 0; i < count; i += 11) ASSERT_EQ(Lookup(arena, OLDGEN, NameOf(i), 0), ids[i]);
   EXPECT_EQ(Lookup(arena, OLDGEN, later, 0), VMA_NO_ARRAY);
   EXPECT_EQ(Lookup(arena, NEWGEN, later, 0), laterId);
-  VMArenaClose(arena);
-  arena = OpenArena(0);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  CloseArena();
+  MustOpenArena(0);
   for (uint32_t i = 0; i < count; i += 7) {
     ASSERT_EQ(Lookup(arena, NEWGEN, NameOf(i), 0), ids[i]);
     ASSERT_EQ(Lookup(arena, OLDGEN, NameOf(i), 0), ids[i]);
@@ -71,8 +69,7 @@ TEST_F(PITreeTest, ManyNamesAreFoundThroughTheTreeInBothGenerations) {
 // An index whose count was emptied (or whose arrays were freed) is rebuilt
 // from array 0 at the next writable open; a read-only open scans instead.
 TEST_F(PITreeTest, EmptiedIndexIsRebuiltAndReadOnlyArenaScans) {
-  arena = OpenArena();
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  MustOpenArena();
   for (uint32_t i = 0; i < 300; ++i) ASSERT_NE(Make(arena, NameOf(i)), VMA_NO_ARRAY);
   const uint32_t indexed = IndexedNames(arena, NEWGEN);
   // Free every array of the index: named arrays keep their ids, emptied.
@@ -81,17 +78,13 @@ TEST_F(PITreeTest, EmptiedIndexIsRebuiltAndReadOnlyArenaScans) {
                            "#name/lookup/pitree/leaf/dbarray/firstHandle0000"})
     ASSERT_TRUE(VMAArrayFree(arena, Lookup(arena, NEWGEN, name, 1))) << name;
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  VMArenaClose(arena);
-
-  arena = OpenArena(VM_FLAG_READ_ONLY);  // no index to trust: scans
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  CloseArena();
+  MustOpenArena(VM_FLAG_READ_ONLY);  // no index to trust: scans
   EXPECT_EQ(IndexedNames(arena, NEWGEN), 0u);
   EXPECT_EQ(Lookup(arena, NEWGEN, NameOf(17), 0), Lookup(arena, NEWGEN, NameOf(17), 1));
   EXPECT_NE(Lookup(arena, OLDGEN, NameOf(17), 0), VMA_NO_ARRAY);
-  VMArenaClose(arena);
-
-  arena = OpenArena(0);  // writable: rebuilt
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  CloseArena();
+  MustOpenArena(0);  // writable: rebuilt
   EXPECT_EQ(IndexedNames(arena, NEWGEN), indexed);
   for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(Lookup(arena, NEWGEN, NameOf(i), 0), Lookup(arena, NEWGEN, NameOf(i), 1));
   ASSERT_NE(Make(arena, "store/new"), VMA_NO_ARRAY);

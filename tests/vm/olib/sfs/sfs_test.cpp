@@ -3,15 +3,9 @@
 // committed generation beside a writer.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <map>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+#include "vm/olib/olib_fixture.h"
 
 namespace {
 
@@ -145,40 +139,30 @@ TEST_F(SFSTest, ConcurrencyReadersOfTheCommittedGenerationBesideAWriter) {
   for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(0)));
   ASSERT_TRUE(SFSCommit(store));
   std::atomic<int> committedVersion{0}, committingVersion{0};
-  std::atomic<bool> stop{false};
-  std::atomic<long> reads{0};
-  auto reader = [&] {
-    uint8_t *local = nullptr;
-    std::mt19937 random(std::hash<std::thread::id>()(std::this_thread::get_id()));
-    while (!stop) {
-      const int before = committedVersion;
-      ASSERT_TRUE(SFSAcquire(store, 1));
-      const std::string name = "f" + std::to_string(random() % kFiles);
-      const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, OLDGEN);
-      ASSERT_NE(handle, SFS_NO_HANDLE) << QWErrorMessage();
-      ASSERT_TRUE(SFSGetArray(store, handle, &local, 0)) << QWErrorMessage();
-      ASSERT_TRUE(SFSRelease(store, 1));
-      const size_t length = ArrayLength(local);
-      ASSERT_GT(length, 0u);
-      const int version = local[0];
-      for (size_t i = 0; i < length; ++i) ASSERT_EQ(local[i], version) << "torn file " << name;
-      ASSERT_GE(version, before);
-      ASSERT_LE(version, committingVersion.load());
-      ++reads;
-    }
-    ArrayFree(local);
-  };
-  std::vector<std::thread> readers;
-  for (int r = 0; r < 3; ++r) readers.emplace_back(reader);
-  for (int version = 1; version <= 20; ++version) {
-    for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(version)));
-    committingVersion = version;
-    ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
-    committedVersion = version;
-  }
-  stop = true;
-  for (auto &thread : readers) thread.join();
-  EXPECT_GT(reads.load(), 0);
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      nullptr, 3, 20,
+      [&](std::mt19937 &rng) {
+        uint8_t *local = nullptr;
+        const int before = committedVersion;
+        const std::string name = "f" + std::to_string(rng() % kFiles);
+        bool ok = SFSAcquire(store, 1);
+        const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, OLDGEN);
+        ok &= handle != SFS_NO_HANDLE && SFSGetArray(store, handle, &local, 0);
+        ok &= SFSRelease(store, 1) && ArrayLength(local) > 0;
+        const int version = ok ? local[0] : -1;
+        for (size_t i = 0; ok && i < ArrayLength(local); ++i) ok = local[i] == version;  // not torn
+        ArrayFree(local);
+        return ok && version >= before && version <= committingVersion.load();
+      },
+      [&] {
+        for (int version = 1; version <= 20; ++version) {
+          for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(version)));
+          committingVersion = version;
+          ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
+          committedVersion = version;
+        }
+      });
+  EXPECT_EQ(bad, 0u);
 }
 
 }  // namespace
