@@ -82,7 +82,7 @@ TEST_F(BoolEvalTest, MatchesBruteForceAcrossCommitsAndReopens) {
       Commit();
       if (round % 3 == 2) {
         CloseEval();
-        ReopenArena();
+        ASSERT_TRUE(ReopenArena()) << QWErrorMessage();
         ASSERT_NO_FATAL_FAILURE(OpenEval(keepInMemory));
       }
       for (int d = 0; d < 30; ++d) {
