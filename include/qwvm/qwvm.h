@@ -24,5 +24,7 @@
 #include "qwvm/fpbdict.h"
 #include "qwvm/pathdict.h"
 #include "qwvm/sfs.h"
+#include "qwvm/box.h"
+#include "qwvm/boxdata.h"
 
 #endif /* QWVM_QWVM_H */
