@@ -65,7 +65,7 @@ QW_API int BoxLVMDataBlockEncodeWrite(BoxLVMDataFile *file, BoxLVMDataFileThread
   block[kOffClass] = uint8_t(sizeClass);
   block[kOffVersion] = 0;
   qw::StoreLE(block + kOffLength, length, 2);
-  std::memcpy(block + kHeader0, data, length);
+  if (length != 0) std::memcpy(block + kHeader0, data, length);
   qw::StoreLE32(block + kOffChecksum0, DataChecksum(block + kHeader0, length));
   if (!BoxLVMDataBlockWrite(file, handle, blockSize, block))
     return QWErrorRethrow("could not write data for entry %i to file", int(id));

@@ -61,6 +61,7 @@ bool OpenOrCreate(File *file, uint32_t pages, bool create) {
   const uint32_t mode = OpenMode(file->readOnly);
   if (OpenNamed(file->path, mode, &file->handle)) return true;
   if (QWErrorCode() != ENOENT || !create) return QWErrorRethrow("could not open data file \"%s\"", file->path);
+  QWErrorClear();  // a missing file is expected here
   if (!Create(file, pages) || !OpenNamed(file->path, mode, &file->handle))
     return QWErrorRethrow("could not create data file \"%s\"", file->path);
   return true;

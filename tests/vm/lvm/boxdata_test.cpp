@@ -1,10 +1,12 @@
 // Box data files, each test run directly and through the page cache: exact
 // block bytes (version 1 read too), every decoding error with its code and
-// text, growth and its limit, open checks and the forced-error names.
+// text, growth and its limit, open checks, the forced-error names, and power
+// loss at each sync of creating and syncing a file.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -257,6 +259,33 @@ TEST_P(BoxDataTest, ForcedAndInjectedErrorsNameTheFailingStep) {
       EXPECT_EQ(chain.substr(0, chain.find('\n')), std::string("forced error in ") + c.forced);
     }
     EXPECT_EQ(chain.substr(chain.size() - c.text.size()), c.text) << chain;
+  }
+}
+
+TEST_P(BoxDataTest, PowerLossAtEachSyncKeepsWhatWasSynced) {
+  const std::string crash = path("crash");
+  // Syncs: 1 the new file, 2 its directory, 3 BoxLVMDataSync; 4: none hit.
+  const struct {
+    bool opens, synced;
+  } expected[] = {{false, false}, {false, false}, {true, false}, {true, true}};
+  for (uint64_t n = 1; n <= 4; ++n) {
+    ASSERT_EQ(DirectoryCreate(crash.c_str()), 1);
+    const auto child = qwtest::RunInChild([&] {
+      qw::fault::CrashAtSync(n, qw::fault::PowerLoss::Drop);
+      file = BoxLVMDataFileOpen(crash.c_str(), 1, 1, 0, 0, 0, 0, cache);
+      if (!file || !Put(40, "synced", 0, 7) || !BoxLVMDataSync(file) || !Put(48, "lost", 0, 8)) _exit(3);
+      qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
+      _exit(2);
+    });
+    ASSERT_TRUE(child.exited);
+    EXPECT_EQ(child.exitStatus, n < 4 ? 1 : 2);
+    BoxLVMDataFile *reopened = BoxLVMDataFileOpen(crash.c_str(), 1, 0, 0, 0, 0, 0, nullptr);
+    EXPECT_EQ(reopened != nullptr, expected[n - 1].opens) << n << ": " << QWErrorMessage();
+    std::swap(file, reopened);
+    EXPECT_EQ(file ? Decode(40, 7) + "|" + Decode(48, 8) : "-", !file ? "-" : expected[n - 1].synced ? "synced|" : "|");
+    BoxLVMDataClose(file);
+    file = reopened;
+    std::filesystem::remove_all(crash);
   }
 }
 
