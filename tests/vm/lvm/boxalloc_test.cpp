@@ -71,8 +71,8 @@ TEST(BoxRecordTest, ValuesAreCutIntoPartsWithTheirClasses) {
   }
 }
 
-// Free lists, params and a data file of `pages` pages, in memory. Every
-// event (growth record, allocation) is appended to `log`.
+// Free lists and params in memory; growths add `growBy` pages and are logged
+// to `extensions`.
 struct MemorySpace : BlockSpace {
   std::vector<uint32_t> lists[BOXLVM_SIZE_CLASSES];
   uint32_t params[3] = {};
@@ -99,47 +99,35 @@ struct MemorySpace : BlockSpace {
 
 TEST(BoxAllocTest, BlocksComeFromTheSmallestFittingListThenFromFreshPages) {
   MemorySpace space;
-  const struct {
-    uint32_t sizeClass, handle;
-  } steps[] = {
-      {0, 0},      // fresh page 0 (the file grows to 2 pages); units 1..255 -> class 254
-      {0, 1},      // split of class 254: units 2..255 -> class 253
-      {255, 256},  // fresh page 1, whole
-      {2, 2},      // split of class 253: units 5..255 -> class 250
-      {255, 512},  // the file grows again
-  };
-  for (const auto &s : steps) {
-    uint32_t handle = 0;
-    ASSERT_TRUE(AllocateBlock(space, s.sizeClass, false, &handle)) << QWErrorMessage();
-    EXPECT_EQ(handle, s.handle);
+  // (class, handle): fresh page 0 (the file grows to 2 pages), units 1..255
+  // to class 254; a split of it, units 2..255 to class 253; fresh page 1,
+  // whole; a split of class 253, units 5..255 to class 250; growth again.
+  uint32_t handle = 0;
+  for (const auto &[sizeClass, expected] : {std::pair(0u, 0u), {0u, 1u}, {255u, 256u}, {2u, 2u}, {255u, 512u}}) {
+    ASSERT_TRUE(AllocateBlock(space, sizeClass, false, &handle)) << QWErrorMessage();
+    EXPECT_EQ(handle, expected);
   }
   EXPECT_EQ(space.extensions, std::vector<uint32_t>({512, 1024}));
   EXPECT_EQ(space.lists[250], std::vector<uint32_t>({5}));
   EXPECT_EQ(std::vector<uint32_t>(space.params, space.params + 2), std::vector<uint32_t>({768, 1024}));
   // Last in, first out within a class.
   space.lists[3] = {40, 80};
-  uint32_t handle = 0;
   ASSERT_TRUE(AllocateBlock(space, 3, false, &handle));
   EXPECT_EQ(handle, 80u);
   // Out of room: replay expects the growth record first; a file that cannot
   // grow, or grows too little, fails the allocation.
   space.params[0] = 1024;
   qwtest::MessageCapture messages;
-  const struct {
-    bool replaying;
-    int growBy;
-    int code;
-    std::string chain;
-  } failures[] = {
+  const std::tuple<bool, int, int, std::string> failures[] = {  // replaying, growBy, code, chain
       {true, 2, 5, "data file not extended yet. Total 1024, lastUsed 1024"},
       {false, -1, 28, "disk full"},
       {false, 0, 2, "After extension, still do not have enough space"},
   };
-  for (const auto &f : failures) {
-    space.growBy = f.growBy;
-    EXPECT_FALSE(AllocateBlock(space, 255, f.replaying, &handle));
-    EXPECT_EQ(QWErrorCode(), f.code);
-    EXPECT_EQ(std::string(QWErrorMessage()), f.chain + "\nfatal error while allocating new block");
+  for (const auto &[replaying, growBy, code, chain] : failures) {
+    space.growBy = growBy;
+    EXPECT_FALSE(AllocateBlock(space, 255, replaying, &handle));
+    EXPECT_EQ(QWErrorCode(), code);
+    EXPECT_EQ(std::string(QWErrorMessage()), chain + "\nfatal error while allocating new block");
   }
   EXPECT_TRUE(messages.contains("BoxLVMExtendData failed", QW_LEVEL_WARNING));
 }
