@@ -1,6 +1,8 @@
 // Encoding and decoding of the box bucket's log records (see boxrecord.h).
 #include "vm/lvm/boxrecord.h"
 
+#include <cstdio>
+
 #include "qwvm/qwlib.h"
 #include "util/endian.h"
 #include "util/varint.h"
@@ -64,6 +66,30 @@ bool DecodeBoxDataExtend(const uint8_t *payload, size_t size, uint32_t *totalUni
   *totalUnits = LoadLE32(payload);
   if (*totalUnits % BOXLVM_PAGEUNITS != 0) return Malformed("BoxDataExtend", "not whole pages");
   return true;
+}
+
+int FormatBoxRecord(uint32_t type, const uint8_t *payload, size_t size, std::string *text) {
+  char line[96];
+  if (type == kBoxDataExtendRecord) {
+    uint32_t units = 0;
+    if (!DecodeBoxDataExtend(payload, size, &units)) return 0;
+    std::snprintf(line, sizeof line, "BoxDataExtend %d\n", int(units));
+    *text = line;
+    return 1;
+  }
+  BoxUpdate update;
+  if (type != kBoxUpdateRecord) return -1;
+  if (!DecodeBoxUpdate(payload, size, &update)) return 0;
+  std::snprintf(line, sizeof line, "BoxUpdate id %u, sizeNew = %u, gSizeOldLength = %u", update.id, update.sizeNew,
+                unsigned(update.oldClasses.size()));
+  *text = line;
+  if (!update.oldClasses.empty()) {
+    *text += ", gSizeOld = [ ";
+    for (uint8_t sizeClass : update.oldClasses) *text += std::to_string(sizeClass) + " ";
+    *text += "]";
+  }
+  *text += "\n";
+  return 1;
 }
 
 }  // namespace qw::box

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "qwvm/box.h"
@@ -37,6 +38,13 @@ void EncodeBoxUpdate(const BoxUpdate &update, std::vector<uint8_t> *out);
 
 void EncodeBoxDataExtend(uint32_t totalUnits, std::vector<uint8_t> *out);
 [[nodiscard]] bool DecodeBoxDataExtend(const uint8_t *payload, size_t size, uint32_t *totalUnits);
+
+// The debug text of a box record: BOX_UPDATE as "BoxUpdate id %u, sizeNew =
+// %u, gSizeOldLength = %u", then, with old blocks, ", gSizeOld = [ " with
+// each class followed by a space and "]", then a newline; BoxDataExtend as
+// "BoxDataExtend %d\n". Returns 1; 0 with an error when the payload is
+// malformed; -1 for other types (the caller hands them on).
+[[nodiscard]] int FormatBoxRecord(uint32_t type, const uint8_t *payload, size_t size, std::string *text);
 
 // The class of a block for `bytes` bytes (1 .. BOXLVM_MAX_BLOCK_SIZE):
 // classes 0 .. 255 hold 32 .. 8192 bytes.
