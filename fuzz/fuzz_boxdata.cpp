@@ -38,10 +38,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   if (!file || !threadData) std::abort();
   if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
     const char data[] = "a value of some length, more than twenty bytes";
-    std::string seed(2 + 64, '\0');
+    std::string seed(2 + 96, '\0');
     seed[0] = 4;
-    if (!BoxLVMDataBlockEncodeWrite(file, threadData, 256 + 4, sizeof data, data, 1, 9, 0, ~0u, 0, 0) ||
-        !BoxLVMDataBlockRead(file, 256 + 4, 64, &seed[2]))
+    if (!BoxLVMDataBlockEncodeWrite(file, threadData, 256 + 4, sizeof data, data, 2, 9, 0, ~0u, 0, 0) ||
+        !BoxLVMDataBlockRead(file, 256 + 4, 96, &seed[2]))
       std::abort();
     FILE *out = std::fopen((std::string(seeds) + "/seed-v0").c_str(), "wb");
     if (!out || std::fwrite(seed.data(), 1, seed.size(), out) != seed.size()) std::abort();
