@@ -27,5 +27,7 @@
 #include "qwvm/sfs.h"
 #include "qwvm/booleval.h"
 #include "qwvm/lvm.h"
+#include "qwvm/box.h"
+#include "qwvm/boxdata.h"
 
 #endif /* QWVM_QWVM_H */
