@@ -24,5 +24,6 @@
 #include "qwvm/fpbdict.h"
 #include "qwvm/pathdict.h"
 #include "qwvm/sfs.h"
+#include "qwvm/sort.h"
 
 #endif /* QWVM_QWVM_H */
