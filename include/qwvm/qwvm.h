@@ -10,6 +10,7 @@
 #include "qwvm/qwfile.h"
 #include "qwvm/qwutil.h"
 #include "qwvm/qwlog.h"
+#include "qwvm/qwmime.h"
 #include "qwvm/qwcache.h"
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"

@@ -134,6 +134,9 @@ QW_API int DBSEntryReaderReadBytes(DBSEntryReader *reader, void *data, uint32_t 
     out += piece;
     length -= piece;
   }
+  // A block read to its end is let go at once: it may be freed below, and a
+  // freed block can be handed to a writer after the next commit.
+  if (reader->left == 0) DBSEntryReaderClose(reader);
   // Whole blocks can be given back only once a block boundary or the end of
   // the run has been passed.
   const uint32_t blockSize = reader->dbs->blockSize;
