@@ -10,6 +10,7 @@ int RunTour(const char *directory);
 int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
 int RunSfs(int argc, char **argv);
+int RunSort(int argc, char **argv);
 
 // Parts of the tour, in their own files; each returns the exit status.
 int TourFail(const char *what);

@@ -17,6 +17,10 @@ void Usage(FILE *out) {
                "  stat DIR [--serial OLD NEW]       print an arena's statistics\n"
                "  sfs DIR put PATH FILE | get PATH | ls [PREFIX]\n"
                "                                    use a small file store by hand\n"
+               "  sort [-r] [-S SIZE] [-T DIR] [--compress] [--parallel N] [-o OUT] [--progress] [FILE...]\n"
+               "                                    sort lines as LC_ALL=C sort does; with -T the state\n"
+               "                                    stays in DIR/qwvm-sort until the output is written\n"
+               "  sort --resume DIR [-o OUT]        finish a sort that was stopped\n"
                "  help                              this text\n");
 }
 
@@ -32,6 +36,7 @@ int main(int argc, char **argv) {
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
+  if (command == "sort") return qwtool::RunSort(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;
