@@ -164,8 +164,9 @@ bool SortRun::Open() {
       return false;
   }
   // Each thread's writer gets an equal share; a run's records (20 bytes a
-  // line) count against it as well as its bytes.
-  runBudget_ = std::max<uint64_t>(job_.memory / job_.parallel * 3 / 4, 1 << 16);
+  // line) count against it as well as its bytes. Half the share: the record
+  // array grows by doubling, so its capacity may pass its length twofold.
+  runBudget_ = std::max<uint64_t>(job_.memory / job_.parallel / 2, 1 << 16);
   runBudget_ = std::min<uint64_t>(runBudget_, 0xF0000000u);
   for (uint32_t i = 0; i < job_.parallel; ++i) {
     writers_.push_back(GenericDBSorterWriterNew(sorter_, runBudget_ * 2 / 3));

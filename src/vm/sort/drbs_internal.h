@@ -11,6 +11,7 @@
 // never read from its file while a newer copy sits in a buffer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -20,21 +21,13 @@
 
 #include "qwvm/qwlib.h"
 #include "qwvm/sort.h"
+#include "vm/lbs/names.h"
 #include "vm/sort/arena_vector.h"
 
 namespace qw::sort {
 
 // A platform mutex held for a scope.
-class Lock {
- public:
-  explicit Lock(QWMutex *mutex) : mutex_(mutex) { MutexAcquire(mutex_); }
-  ~Lock() { MutexRelease(mutex_); }
-  Lock(const Lock &) = delete;
-  Lock &operator=(const Lock &) = delete;
-
- private:
-  QWMutex *mutex_;
-};
+using Lock = qw::vm::ScopedMutex;
 
 struct BlockEntry {
   uint8_t *address = nullptr;
@@ -84,7 +77,7 @@ struct DRBServer {
   QWCondition *prefetchCondition = nullptr;
   std::deque<uint32_t> prefetchQueue;
   std::vector<QWThread *> syncThread, prefetchThread;
-  volatile bool stop = false;
+  std::atomic<bool> stop{false};
 
   QWMutex *allocMutex = nullptr;
 

@@ -66,6 +66,19 @@ uint8_t *Load(DRBServer *server, uint32_t block, bool read, bool load) {
   return static_cast<uint8_t *>(map);
 }
 
+// Waits, 1000 ms at a time so that a stop is seen within a second, for the
+// next queued block. False once the server stops; with `drain` the queue is
+// emptied first (written blocks are not dropped), without it at once.
+bool NextQueued(DRBServer *server, QWMutex *mutex, QWCondition *condition, std::deque<uint32_t> *queue, bool drain,
+                uint32_t *block) {
+  Lock lock(mutex);
+  while (queue->empty() && !server->stop) ConditionTimedWait(condition, mutex, 1000);
+  if (server->stop && (!drain || queue->empty())) return false;
+  *block = queue->front();
+  queue->pop_front();
+  return true;
+}
+
 }  // namespace
 
 namespace qw::sort {
@@ -74,14 +87,7 @@ void *SyncThreadMain(void *argument) {
   auto *server = static_cast<DRBServer *>(argument);
   for (;;) {
     uint32_t block = 0;
-    {
-      Lock lock(server->syncMutex);
-      while (server->syncQueue.empty() && !server->stop)
-        ConditionTimedWait(server->syncCondition, server->syncMutex, 1000);
-      if (server->syncQueue.empty()) return nullptr;
-      block = server->syncQueue.front();
-      server->syncQueue.pop_front();
-    }
+    if (!NextQueued(server, server->syncMutex, server->syncCondition, &server->syncQueue, true, &block)) return nullptr;
     uint8_t *data = nullptr;
     {
       Lock lock(server->mutex);
@@ -105,14 +111,8 @@ void *PrefetchThreadMain(void *argument) {
   auto *server = static_cast<DRBServer *>(argument);
   for (;;) {
     uint32_t block = 0;
-    {
-      Lock lock(server->prefetchMutex);
-      while (server->prefetchQueue.empty() && !server->stop)
-        ConditionTimedWait(server->prefetchCondition, server->prefetchMutex, 1000);
-      if (server->stop) return nullptr;
-      block = server->prefetchQueue.front();
-      server->prefetchQueue.pop_front();
-    }
+    if (!NextQueued(server, server->prefetchMutex, server->prefetchCondition, &server->prefetchQueue, false, &block))
+      return nullptr;
     const BlockPlace place = server->Place(block);
     if (!DRBServerDataPrefetch(server->fds[place.file], place.offset, server->blockSize)) {
       QWSetMessageContext_(__FILE__, __LINE__, QW_LEVEL_WARNING, 0);
