@@ -27,13 +27,14 @@ bytes=$(stat -c %s "$input")
 # Sequential bandwidth: write and read back a file of the input's size
 # (dropping it from the cache is not possible without root; reads of a
 # file just written may come from memory, as the sorts' reads may too).
-measure() { /usr/bin/time -f "%e %M" "$@" 2>&1 >/dev/null | tail -1; }
+# Prints: wall seconds, peak RSS (KB), CPU seconds (user + system).
+measure() { /usr/bin/time -f "%e %M %U %S" "$@" 2>&1 >/dev/null | tail -1 | awk '{ print $1, $2, $3 + $4 }'; }
 w=$(measure sh -c "dd if='$input' of='$dir/copy' bs=1M conv=fsync status=none")
 r=$(measure sh -c "cat '$dir/copy' > /dev/null")
 rm -f "$dir/copy"
-floor=$(echo "$w $r" | awk '{ print 2 * ($1 + $3) }')
-printf 'input %d MB; two-pass floor %.2f s (write %.2f s, read %.2f s)\n' $((bytes >> 20)) "$floor" \
-  "$(echo "$w" | cut -d' ' -f1)" "$(echo "$r" | cut -d' ' -f1)"
+floor=$(echo "$w $r" | awk '{ print 2 * ($1 + $4) }')
+printf 'input %d MB; two-pass floor %.2f s (write %.2f s, read %.2f s); load %s\n' $((bytes >> 20)) "$floor" \
+  "$(echo "$w" | cut -d' ' -f1)" "$(echo "$r" | cut -d' ' -f1)" "$(cut -d' ' -f1-3 /proc/loadavg)"
 
 for mem in 64M 1G; do
   for par in 1 2; do
@@ -41,7 +42,7 @@ for mem in 64M 1G; do
     g=$(measure sort -S "$mem" --parallel="$par" -T "$dir/tmp" -o "$dir/gnu.out" "$input")
     q=$(measure "$qwvm" sort -S "$mem" --parallel "$par" -T "$dir/tmp" -o "$dir/qwvm.out" "$input")
     cmp -s "$dir/gnu.out" "$dir/qwvm.out" || { echo "outputs differ at -S $mem --parallel $par"; exit 1; }
-    echo "$mem $par $g $q $floor" | awk '{ printf "-S %-3s --parallel %s: GNU sort %6.2f s %7d KB | qwvm sort %6.2f s %7d KB | GNU/qwvm %.2fx, qwvm/floor %.2fx\n", $1, $2, $3, $4, $5, $6, $3 / $5, $5 / $7 }'
+    echo "$mem $par $g $q $floor" | awk '{ printf "-S %-3s --parallel %s: GNU sort %6.2f s (cpu %5.2f) %7d KB | qwvm sort %6.2f s (cpu %5.2f) %7d KB | GNU/qwvm wall %.2fx cpu %.2fx, qwvm/floor %.2fx\n", $1, $2, $3, $5, $4, $6, $8, $7, $3 / $6, $5 / $8, $6 / $9 }'
   done
 done
 rm -rf "$dir/tmp" "$dir/gnu.out" "$dir/qwvm.out"

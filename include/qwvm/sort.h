@@ -135,6 +135,11 @@ QW_API int DRBServerDataRead(QWFILE file, uint64_t offset, void *buffer, size_t 
 QW_API int DRBServerDataWrite(QWFILE file, uint64_t offset, const void *buffer, size_t size);
 QW_API int DRBServerDataPrefetch(QWFILE file, uint64_t offset, size_t size);
 
+/* Sets how many write buffers the pool may hold (1 when the server opens;
+ * at least 1). More buffers let a writer go on while the sync thread writes
+ * earlier blocks back, at blockSize bytes of memory each. */
+QW_API void DRBServerSetWriteBufferLimit(DRBServer *server, uint32_t limit);
+
 /* Statistics: blocks handed out so far, and the most blocks loaded at once. */
 QW_API uint32_t DRBServerBlockCount(DRBServer *server);
 QW_API uint32_t DRBServerMaxLoaded(DRBServer *server);
@@ -190,6 +195,8 @@ QW_API int DBSorterCommit(DBSorter *dbs);
 QW_API int DBSorterIsReadOnly(DBSorter *dbs);
 QW_API VMArena *DBSorterArenaGet(DBSorter *dbs);
 QW_API uint32_t DBSorterBlockSize(DBSorter *dbs);
+/* The sorter's run block server (owned by the sorter). */
+QW_API DRBServer *DBSorterServerGet(DBSorter *dbs);
 
 /* Forwarded to the run block server. */
 QW_API uint32_t DBSorterBlockNew(DBSorter *dbs);

@@ -155,6 +155,9 @@ void SortRun::Say(const char *format, ...) {
 bool SortRun::Open() {
   sorter_ = GenericDBSorterNew(state_.c_str(), 4, BlockSizeFor(job_.memory), 0, job_.reverse, 0, job_.compress);
   if (!sorter_) return false;
+  // Eight write buffers: a writer fills the next block while the sync thread
+  // writes the last ones back.
+  DRBServerSetWriteBufferLimit(DBSorterServerGet(sorter_->dbs), 8);
   VMArena *arena = DBSorterArenaGet(sorter_->dbs);
   if (!VMAArrayInitFromPath(&progress_, arena, "sortjob", "progress")) return false;
   if (VMAArrayLength_(arena, progress_.id[NEWGEN], NEWGEN) == 0) {
@@ -166,7 +169,8 @@ bool SortRun::Open() {
   // Each thread's writer gets an equal share; a run's records (20 bytes a
   // line) count against it as well as its bytes. Half the share: the record
   // array grows by doubling, so its capacity may pass its length twofold.
-  runBudget_ = std::max<uint64_t>(job_.memory / job_.parallel / 2, 1 << 16);
+  const uint64_t buffers = 8ull * DBSorterBlockSize(sorter_->dbs);
+  runBudget_ = std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / job_.parallel / 2, 1 << 16);
   runBudget_ = std::min<uint64_t>(runBudget_, 0xF0000000u);
   for (uint32_t i = 0; i < job_.parallel; ++i) {
     writers_.push_back(GenericDBSorterWriterNew(sorter_, runBudget_ * 2 / 3));
@@ -301,8 +305,12 @@ int SortRun::WriteOutput() {
     ok = ok && reader && entry && r == 0;
     KMVEntryDelete(entry);
     KMVReaderDelete(reader);
-  } else if (runs_ > 0 || DBSorterMergePending(sorter_->dbs)) {
-    ok = false;  // runs were written but no single run is left
+  } else {
+    // No single run: right only when there is no run at all.
+    uint32_t *live = nullptr;
+    ok = !DBSorterMergePending(sorter_->dbs) && !DBSorterGetRunToMerge(sorter_->dbs, &live, UINT64_MAX) &&
+         !QWErrorIsSet();
+    ArrayFree(live);
   }
   ok = ok && drain();
   if (special) ok = ::close(fd) == 0 && ok;

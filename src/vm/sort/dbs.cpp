@@ -146,6 +146,7 @@ QW_API int DBSorterCommit(DBSorter *dbs) {
 QW_API int DBSorterIsReadOnly(DBSorter *dbs) { return dbs->readOnly ? 1 : 0; }
 QW_API VMArena *DBSorterArenaGet(DBSorter *dbs) { return dbs->arena; }
 QW_API uint32_t DBSorterBlockSize(DBSorter *dbs) { return dbs->blockSize; }
+QW_API DRBServer *DBSorterServerGet(DBSorter *dbs) { return dbs->server; }
 
 QW_API uint32_t DBSorterBlockNew(DBSorter *dbs) { return DRBServerBlockNew(dbs->server); }
 QW_API int DBSorterBlockFree(DBSorter *dbs, uint32_t block) { return DRBServerBlockFree(dbs->server, block); }

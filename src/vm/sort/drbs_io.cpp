@@ -191,6 +191,12 @@ QW_API int DRBServerBlockRelease(DRBServer *server, uint32_t block, int read, vo
   return 1;
 }
 
+QW_API void DRBServerSetWriteBufferLimit(DRBServer *server, uint32_t limit) {
+  Lock lock(server->mutex);
+  server->poolLimit = limit > 0 ? limit : 1;
+  ConditionBroadcast(server->changed);
+}
+
 QW_API void DRBServerBlockPrefetch(DRBServer *server, uint32_t block) {
   Lock lock(server->prefetchMutex);
   server->prefetchQueue.push_back(block);
