@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -38,8 +39,21 @@ struct EntryView {
 [[nodiscard]] bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view);
 
 // Byte order of keys: unsigned bytes over the shorter length, then the
-// shorter first.
-int CompareBytes(const uint8_t *a, uint32_t aLength, const uint8_t *b, uint32_t bLength);
+// shorter first. Eight bytes at a time, read most significant first, so that
+// short keys and long shared prefixes both compare without a library call.
+inline int CompareBytes(const uint8_t *a, uint32_t aLength, const uint8_t *b, uint32_t bLength) {
+  const uint32_t n = aLength < bLength ? aLength : bLength;
+  uint32_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t x, y;
+    std::memcpy(&x, a + i, 8);
+    std::memcpy(&y, b + i, 8);
+    if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
+  }
+  for (; i < n; ++i)
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  return aLength < bLength ? -1 : aLength > bLength;
+}
 
 // The output side of a run: frames payloads, compressing when asked.
 struct PayloadWriter {

@@ -80,12 +80,6 @@ bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view) {
   return true;
 }
 
-int CompareBytes(const uint8_t *a, uint32_t aLength, const uint8_t *b, uint32_t bLength) {
-  const int c = std::memcmp(a, b, aLength < bLength ? aLength : bLength);
-  if (c != 0) return c;
-  return aLength < bLength ? -1 : aLength > bLength;
-}
-
 PayloadWriter::~PayloadWriter() {
   ArrayFree(pending);
   ArrayFree(scratch);
