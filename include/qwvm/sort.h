@@ -190,7 +190,9 @@ QW_API DBSorter *DBSorterNew(const char *directory, uint32_t fileCount, uint32_t
  * frees the sorter. NULL is ignored. Returns 1. */
 QW_API int DBSorterClose(DBSorter *dbs);
 /* Writes back the runs' blocks and commits the bookkeeping; "Commit failed
- * !!" on failure. Returns 1, or 0 with an error. */
+ * !!" on failure. After a run write or a merge failed part way the commit is
+ * refused: close the sorter and open it again (back at the last commit).
+ * Returns 1, or 0 with an error. */
 QW_API int DBSorterCommit(DBSorter *dbs);
 QW_API int DBSorterIsReadOnly(DBSorter *dbs);
 QW_API VMArena *DBSorterArenaGet(DBSorter *dbs);

@@ -30,6 +30,11 @@ bool OpenRun(DBSorter *dbs, uint32_t runIndex) {
   return true;
 }
 
+int Failed(DBSorter *dbs) {
+  dbs->failed = true;
+  return 0;
+}
+
 uint64_t RunLength(DBSorter *dbs, uint32_t runIndex) {
   Lock lock(dbs->mutex);
   uint64_t length = 0;
@@ -136,6 +141,11 @@ QW_API int DBSorterClose(DBSorter *dbs) {
 }
 
 QW_API int DBSorterCommit(DBSorter *dbs) {
+  if (dbs->failed)
+    return QWErrorThrow(5, QW_ERROR_CLASS_GENERAL,
+                        "Commit failed !!\nDBSorter in \"%s\": a write failed since the last commit; reopen the "
+                        "sorter to go back to it",
+                        dbs->directory.c_str());
   if (!DRBServerBeforeCommit(dbs->server) || !VMArenaCommit(dbs->arena, nullptr, nullptr, 0) ||
       !DRBServerAfterCommit(dbs->server))
     return QWErrorRethrow("Commit failed !!");

@@ -55,17 +55,35 @@ QW_API int DBSEntryWriterInit(DBSEntryWriter *writer, DBSorter *dbs, uint32_t ru
   return 1;
 }
 
+}  // extern "C"
+
+namespace {
+
+bool WriteBytes(DBSEntryWriter *writer, const uint8_t *bytes, uint32_t length);
+
+}  // namespace
+
+extern "C" {
+
 QW_API int DBSEntryWriterWriteBytes(DBSEntryWriter *writer, const void *data, uint32_t length) {
+  return WriteBytes(writer, static_cast<const uint8_t *>(data), length) ? 1 : Failed(writer->dbs);
+}
+
+}  // extern "C"
+
+namespace {
+
+bool WriteBytes(DBSEntryWriter *writer, const uint8_t *bytes, uint32_t length) {
   DBSorter *dbs = writer->dbs;
-  const auto *bytes = static_cast<const uint8_t *>(data);
   while (length > 0) {
     if (writer->left == 0) {
       const uint32_t block = DBSorterBlockNew(dbs);
-      if (block == DRBS_INVALID_BLOCK || !Run(dbs, writer->runIndex)->block.Append(block)) return 0;
-      if (writer->block != DBS_NO_RUN && !DBSorterBlockRelease(dbs, writer->block, writer->blockAddress, 0)) return 0;
+      if (block == DRBS_INVALID_BLOCK || !Run(dbs, writer->runIndex)->block.Append(block)) return false;
+      if (writer->block != DBS_NO_RUN && !DBSorterBlockRelease(dbs, writer->block, writer->blockAddress, 0))
+        return false;
       writer->block = DBS_NO_RUN;
       void *address = nullptr;
-      if (!DBSorterBlockAcquire(dbs, block, &address, 0, 0)) return 0;
+      if (!DBSorterBlockAcquire(dbs, block, &address, 0, 0)) return false;
       writer->block = block;
       writer->blockAddress = writer->address = static_cast<uint8_t *>(address);
       writer->left = dbs->blockSize;
@@ -78,17 +96,21 @@ QW_API int DBSEntryWriterWriteBytes(DBSEntryWriter *writer, const void *data, ui
     bytes += piece;
     length -= piece;
   }
-  return 1;
+  return true;
 }
+
+}  // namespace
+
+extern "C" {
 
 QW_API int DBSEntryWriterFlush(DBSEntryWriter *writer) {
   if (writer->block != DBS_NO_RUN) {
     const uint32_t block = writer->block;
     writer->block = DBS_NO_RUN;
     writer->left = 0;
-    if (!DBSorterBlockRelease(writer->dbs, block, writer->blockAddress, 0)) return 0;
+    if (!DBSorterBlockRelease(writer->dbs, block, writer->blockAddress, 0)) return Failed(writer->dbs);
   }
-  return SetRunLength(writer->dbs, writer->runIndex, writer->written) ? 1 : 0;
+  return SetRunLength(writer->dbs, writer->runIndex, writer->written) ? 1 : Failed(writer->dbs);
 }
 
 QW_API int DBSEntryReaderInit(DBSEntryReader *reader, DBSorter *dbs, uint32_t runIndex, uint64_t offset) {

@@ -18,6 +18,7 @@
 // so its block list may name freed blocks until the merge stops.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -59,6 +60,9 @@ struct DBSorter {
   LDBArray *runMergeData = nullptr;
   LDBArrayThreadData *threadData = nullptr;
   QWMutex *mutex = nullptr;  // run ids, the run table and "runLength"
+  // A run write or a merge failed part way: the new generation holds half a
+  // change, so commits are refused until the sorter is reopened.
+  std::atomic<bool> failed{false};
 };
 
 namespace qw::sort {
@@ -67,6 +71,8 @@ namespace qw::sort {
 RunRecord *Run(DBSorter *dbs, uint32_t runIndex);
 // Opens (creating) the record of run `runIndex`; with the mutex held.
 [[nodiscard]] bool OpenRun(DBSorter *dbs, uint32_t runIndex);
+// Marks the sorter failed (see DBSorter::failed); returns 0 for the caller.
+int Failed(DBSorter *dbs);
 // The run's length, 0 with an error set when unreadable.
 uint64_t RunLength(DBSorter *dbs, uint32_t runIndex);
 [[nodiscard]] bool SetRunLength(DBSorter *dbs, uint32_t runIndex, uint64_t length);

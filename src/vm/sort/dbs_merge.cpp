@@ -314,7 +314,10 @@ QW_API int DBSorterMerge(DBSorter *dbs, const uint32_t *runs, uint32_t count, ui
     if (runs != NULL) QWAssertFail_("runs == NULL", __FILE__, __LINE__);
     ok = Resume(&merge, output);
   }
-  if (!ok || !Drive(&merge, checkpointInterval)) return QWErrorRethrow("merge into run %u failed", *output);
+  if (!ok || !Drive(&merge, checkpointInterval)) {
+    (void)Failed(dbs);
+    return QWErrorRethrow("merge into run %u failed", *output);
+  }
   return 1;
 }
 
