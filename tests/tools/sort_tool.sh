@@ -31,24 +31,30 @@ cat "$work/fifo" >"$work/piped" &
 wait
 [ -p "$work/fifo" ] && sort "$work/odd" | cmp - "$work/piped" || fail "output into a pipe"
 
-# Killed at random moments (run phase, merge, output), then resumed.
+# Killed at moments spread over an uninterrupted sort's duration (run
+# phase, merge, output), then resumed.
 sort "$work/all" >"$work/ref"
+rm -rf "$work/state"; mkdir "$work/state"
+t0=$(date +%s%N)
+"$qwvm" sort -S 1M -T "$work/state" -o "$work/out" "$work/all" || fail "timed sort"
+duration=$(( ($(date +%s%N) - t0) / 1000000 ))
 resumed=0
-for delay in 0.05 0.2 0.4 0.7 1.0 1.5; do
+for percent in 5 15 25 35 45 55 65 75 85 95; do
   rm -rf "$work/state" "$work/out"; mkdir "$work/state"
   "$qwvm" sort -S 1M -T "$work/state" -o "$work/out" "$work/all" 2>/dev/null &
   pid=$!
-  sleep "$delay"
+  sleep "$(awk -v ms="$duration" -v p="$percent" 'BEGIN { printf "%.3f", ms * p / 100000 }')"
   kill -9 "$pid" 2>/dev/null
   wait "$pid" 2>/dev/null
   if [ -d "$work/state/qwvm-sort" ]; then
     resumed=$((resumed + 1))
-    "$qwvm" sort --resume "$work/state" -o "$work/out" || fail "resume after $delay s"
+    "$qwvm" sort --resume "$work/state" -o "$work/out" || fail "resume at $percent%"
   fi
-  cmp "$work/out" "$work/ref" || fail "resumed output after $delay s"
+  # Killed before its state was in place: the sort had not begun.
+  [ -e "$work/out" ] || continue
+  cmp "$work/out" "$work/ref" || fail "resumed output at $percent%"
   [ -e "$work/state/qwvm-sort" ] && fail "state left after resume"
 done
-
 [ "$resumed" -ge 3 ] || fail "only $resumed of the kills stopped a sort in progress"
 
 # Refusals: a clear error, exit 2, no output file.

@@ -4,7 +4,8 @@
 //
 // State directory S (-T DIR: DIR/qwvm-sort; otherwise $TMPDIR/qwvm-sort.<pid>,
 // removed at the end): S/job, a text file naming the flags, the output and
-// the inputs, written once before anything else; the sorter (S/meta, S/data)
+// the inputs, written before anything else (S is made as S.new with its job
+// and renamed, so that a state directory always has its job); the sorter (S/meta, S/data)
 // with, in its arena, the array "sortjob/progress": [0] phase (0 reading,
 // 1 every line is in a run), [1] the input being read, [2] the offset in it
 // up to which lines are in committed runs. A round of reading fills one
@@ -110,9 +111,10 @@ bool WriteJob(const std::string &state, const Job &job) {
   return ok && FileRename(temp.c_str(), (state + "/job").c_str()) && DirectorySync(state.c_str());
 }
 
-// Block size: about 1/64 of the memory, 64 KiB .. 1 MiB, whole pages.
+// Block size: about 1/256 of the memory, 64 KiB .. 1 MiB, whole pages, so
+// that a merge of 128 inputs maps half the memory.
 uint32_t BlockSizeFor(uint64_t memory) {
-  uint64_t size = std::clamp<uint64_t>(memory / 64, 64 << 10, 1 << 20);
+  uint64_t size = std::clamp<uint64_t>(memory / 256, 64 << 10, 1 << 20);
   return uint32_t(size / PageSize() * PageSize());
 }
 
@@ -325,15 +327,25 @@ int SortRun::WriteOutput() {
 
 int SortRun::Run(bool fresh) {
   if (fresh) {
-    if (!DirectoryCreate(state_.c_str()) || !WriteJob(state_, job_)) return Fail("cannot create " + state_);
+    // The state appears whole or not at all: made under a temporary name
+    // with its job file, then renamed into place.
+    const std::string building = state_ + ".new";
+    const std::string parent = std::filesystem::path(state_).parent_path().string();
+    std::error_code ignored;
+    std::filesystem::remove_all(building, ignored);
+    if (!DirectoryCreate(building.c_str()) || !WriteJob(building, job_) ||
+        !FileRename(building.c_str(), state_.c_str()) || !DirectorySync(parent.c_str()))
+      return Fail("cannot create " + state_);
   }
   if (!Open()) return Fail("cannot open the sort state in " + state_);
   if (const int r = ReadInputs()) return r;
   Say("merging %" PRIu64 " MB in %" PRIu64 " runs", bytesRead_ >> 20, runs_);
-  // Each merge input holds one block, and with compression two payloads.
+  // Each merge input maps one block, and with compression holds two
+  // payloads; the inputs get half the memory (their maps count in the
+  // resident size), the rest is the write buffers and the heap.
   const uint64_t block = DBSorterBlockSize(sorter_->dbs);
   const uint64_t perInput = block + (job_.compress ? 3 * COMPRESSOR_THRESHOLD : 0);
-  if (!GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / perInput, 2) * block, 1000000))
+  if (!GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000))
     return Fail("merge failed; the sort can be finished with --resume " + state_);
   if (const int r = WriteOutput()) return r;
   Say("done");
