@@ -10,6 +10,7 @@
 #include "qwvm/qwfile.h"
 #include "qwvm/qwutil.h"
 #include "qwvm/qwlog.h"
+#include "qwvm/qwmime.h"
 #include "qwvm/qwcache.h"
 #include "qwvm/qwdict.h"
 #include "qwvm/vmarena.h"
@@ -29,5 +30,6 @@
 #include "qwvm/lvm.h"
 #include "qwvm/box.h"
 #include "qwvm/boxdata.h"
+#include "qwvm/sort.h"
 
 #endif /* QWVM_QWVM_H */

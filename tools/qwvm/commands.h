@@ -13,6 +13,7 @@ int RunSfs(int argc, char **argv);
 int RunEval(int argc, char **argv);
 int RunLog(int argc, char **argv);
 int RunLvm(int argc, char **argv);
+int RunSort(int argc, char **argv);
 
 // Parts of the tour, in their own files; each returns the exit status.
 int TourFail(const char *what);

@@ -21,6 +21,10 @@ void Usage(FILE *out) {
                "                                    store boolean queries and match atoms against them\n"
                "  log DIR                           dump a log (DIR or DIR/log), one line per record\n"
                "  lvm DIR                           print a logged arena's state and check its log\n"
+               "  sort [-r] [-S SIZE] [-T DIR] [--compress] [--parallel N] [-o OUT] [--progress] [FILE...]\n"
+               "                                    sort lines as LC_ALL=C sort does; with -T the state\n"
+               "                                    stays in DIR/qwvm-sort until the output is written\n"
+               "  sort --resume DIR [-o OUT]        finish a sort that was stopped\n"
                "  help                              this text\n");
 }
 
@@ -39,6 +43,7 @@ int main(int argc, char **argv) {
   if (command == "eval") return qwtool::RunEval(argc - 2, argv + 2);
   if (command == "log") return qwtool::RunLog(argc - 2, argv + 2);
   if (command == "lvm") return qwtool::RunLvm(argc - 2, argv + 2);
+  if (command == "sort") return qwtool::RunSort(argc - 2, argv + 2);
   std::fprintf(stderr, "qwvm: unknown command \"%s\"\n", command.c_str());
   Usage(stderr);
   return 2;
