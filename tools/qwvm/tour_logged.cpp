@@ -100,7 +100,7 @@ void Close(Counters *counters) {
 
 int TourLogged(const char *directory) {
   const std::string dir = std::string(directory) + "/logged";
-  std::printf("\n6. Logged arena: counters in %s whose changes are log records\n", dir.c_str());
+  std::printf("\n7. Logged arena: counters in %s whose changes are log records\n", dir.c_str());
   // The logged layer reports its commits; the tour prints its own lines.
   QWSetMessageThreshold(QW_LEVEL_WARNING);
   Counters counters;
