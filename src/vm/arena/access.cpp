@@ -5,7 +5,6 @@
 // class in bits 0-3, the slot within its server block in the next
 // SlotBits(class) bits, and the global block id above.
 #include "vm/arena/arena.h"
-#include "vm/arena/generation_epoch.h"
 #include "vm/lbs/local_block_server.h"
 
 namespace qw::vm {
@@ -89,8 +88,6 @@ uint32_t SizeClassOf(uint32_t size) {
     if (size <= kClassSizes[c]) return c;
   return kLargestClass;
 }
-
-uint64_t OldGenerationEpoch(const VMArena *arena) { return arena->oldGenEpoch.load(std::memory_order_acquire); }
 
 uint32_t SlotBits(uint32_t sizeClass) {
   uint32_t bits = 0;

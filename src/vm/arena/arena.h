@@ -17,7 +17,6 @@
 //    fixed file names) or both set.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -111,8 +110,6 @@ struct VMArena {
   qw::vm::Mutexes mutexes;
 
   qw::vm::OldView view;      // r_gen: the committed generation
-  // Bumped whenever `view` changes (generation_epoch.h).
-  std::atomic<uint64_t> oldGenEpoch{0};
   qw::vm::OldView nextView;  // filled by the flush or a mount, exchanged at the memory commit
 
   // rw_gen: the new generation.

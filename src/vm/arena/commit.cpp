@@ -126,7 +126,6 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
   }
   ArenaCrashPoint(arena, "arenaflushcommitmemory1");
   arena->view.Swap(arena->nextView);
-  arena->oldGenEpoch.fetch_add(1, std::memory_order_release);
   if (takeGenerationLock) RWLockRelease_(arena->generationLock);
   arena->nextView.Free();
   arena->serialNew = arena->flushedSerialNew;

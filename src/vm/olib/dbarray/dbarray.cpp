@@ -4,7 +4,6 @@
 #include <cstring>
 #include <memory>
 
-#include "vm/olib/dbarray/committed_directory.h"
 #include "vm/olib/dbarray/dbarray_internal.h"
 
 namespace qw::dba {
@@ -133,10 +132,9 @@ QW_API DBArray *DBArrayNew_(VMArena *arena, uint8_t **pathBuffer, const char *pa
     return nullptr;
   }
   const uint32_t lockFlag = locked ? 1 : 0;
-  DBArrayPtr array(std::make_unique<DBArray>(DBArray{arena, nullptr, 1, 0, {lockFlag, lockFlag}, nullptr}).release());
+  DBArrayPtr array(std::make_unique<DBArray>(DBArray{arena, nullptr, 1, 0, {lockFlag, lockFlag}}).release());
   if (!ArrayInit(array->bucket, sizeof(DBArrayBucket), count) || !ArrayGrowExact(array->bucket, count))
     return nullptr;
-  array->committed = std::make_unique<CommittedDirectories>(count);
   bool madeAny = false;
   if (!OpenBuckets(array.get(), name, mayCreate, locked, &madeAny)) {
     QWErrorRethrow("cannot open block-directory array \"%s\"", path);

@@ -15,15 +15,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "qwvm/dbarray.h"
 #include "qwvm/qwlib.h"
 #include "qwvm/vmaarray.h"
-
-namespace qw::dba {
-class CommittedDirectories;
-}
 
 // One bucket: its three arrays.
 struct DBArrayBucket {
@@ -39,8 +34,6 @@ struct DBArray {
   uint32_t compact;       // merge blocks after an add or a resize
   uint32_t maxBlocks;     // new blocks at 4096 bytes instead of 64
   uint32_t locked[2];     // per generation: passed to the arena as arrayLocked
-  // In-memory copies of the buckets' committed directories (committed_directory.h).
-  std::unique_ptr<qw::dba::CommittedDirectories> committed;
 };
 
 // Names used by the invariant texts reported on failure.

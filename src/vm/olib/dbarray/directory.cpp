@@ -2,7 +2,6 @@
 // array and the first handles, and keeping the index array right when blocks
 // are merged or split.
 #include "vm/olib/dbarray/block_format.h"
-#include "vm/olib/dbarray/committed_directory.h"
 #include "vm/olib/dbarray/dbarray_internal.h"
 
 namespace qw::dba {
@@ -34,18 +33,6 @@ bool FindBlock(DBArray *array, uint32_t bucketIndex, const DBArrayBucket &bucket
                uint32_t *block, uint32_t *firstOfBlock, BucketShape *shape) {
   Where where{array, bucketIndex, kNone};
   *block = kNone;
-  if (genID == OLDGEN) {
-    // The committed directory is searched in its in-memory copy.
-    *shape = BucketShape{};
-    if (!BucketPresent(bucket, OLDGEN)) return true;
-    const CommittedDirectory *committed = array->committed->Get(array, bucketIndex, bucket);
-    if (!committed) return false;
-    shape->blockCount = uint32_t(committed->firstHandles.size());
-    shape->indexLength = committed->indexLength;
-    *block = committed->BlockOf(handle);
-    if (*block != kNone) *firstOfBlock = committed->firstHandles[*block];
-    return true;
-  }
   if (!ReadShape(where, bucket, genID, shape)) return false;
   const uint32_t i = handle / kDirectoryStride;
   if (i >= shape->indexLength) return true;
