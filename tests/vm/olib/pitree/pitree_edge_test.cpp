@@ -150,3 +150,23 @@ TEST_F(PITreeTest, AtomsEndingAtHeadNodesAndSlotReuse) {
 }
 
 }  // namespace
+
+namespace {
+
+// Found by fuzzing: a store whose leaf array lost some of its buckets sent
+// leaf reads past the array's end; open must refuse it as corrupted.
+TEST_F(PITreeTest, LeafArrayWithTheWrongBucketCountIsCorrupted) {
+  ASSERT_NO_FATAL_FAILURE(MustOpenArena(VM_FLAG_CREATE));
+  uint8_t *scratch = nullptr;
+  int created = 1;
+  DBArray *leaves = DBArrayNew(arena, &scratch, "dict/words/pitree/leaf", &created, 0, 3);
+  ASSERT_NE(leaves, nullptr) << QWErrorMessage();
+  DBArrayFree(leaves);
+  ArrayFree(scratch);
+  EXPECT_EQ(OpenTree(arena), nullptr);
+  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+  EXPECT_NE(std::string(QWErrorMessage()).find("the leaf array has the wrong number of buckets (3)"), std::string::npos)
+      << QWErrorMessage();
+}
+
+}  // namespace
