@@ -3,17 +3,19 @@
 #include <vector>
 
 #include "platform/qwutil/bytes.h"
+#include "qwvm/box.h"
 #include "vm/lvm/lvm_internal.h"
 
 namespace {
 
 // Reads the record at `serial` again with its payload and prints it.
-void PrintLVMRecord(LogReadContext *context, uint64_t serial, uint32_t kind, uint32_t size) {
+void PrintRecord(LogReadContext *context, uint64_t serial, uint32_t kind, uint32_t size) {
   std::vector<unsigned char> payload(size);
   uint32_t kindNew = 0;
   if (!LogRead(context, serial, &kindNew, payload.data(), &size, nullptr, nullptr)) return;
   qwassert_(kindNew == kind);
-  LoggedVMOpDebug(kind, payload.data(), size);
+  if (kind >= BOX_UPDATE) BoxOpDebug(payload.data(), size, kind);
+  else LoggedVMOpDebug(kind, payload.data(), size);
 }
 
 int Dump(const char *logPath, int withSizes) {
@@ -40,7 +42,12 @@ int Dump(const char *logPath, int withSizes) {
       case LOG_FILE_TRAILER: std::printf("FileTrailer\n"); break;
       case LVM_CHECKPOINT:
       case LVM_RECYCLE_SET_NEW:
-      case LVM_RECYCLE: PrintLVMRecord(context, serial, type, size); break;
+      case LVM_RECYCLE:
+      case BOX_UPDATE:
+      case BOX_DATA_EXTEND:
+      case BOX_FP_GET_ID:
+      case BOX_FP_INC_REF:
+      case BOX_FP_DEC_REF: PrintRecord(context, serial, type, size); break;
       default: std::printf("<<< INVALID \n"); break;
     }
     serial = next;
