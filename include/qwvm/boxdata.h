@@ -22,6 +22,9 @@
  * Access: a data file is read and written either directly (positional reads
  * and writes, no lock) or through a page cache whose page size is at least
  * 8192 bytes; cached copies take the file's cache lock only around the copy.
+ * Cached writes go through to the file and leave the cached page clean, so
+ * that no write-back ever rewrites the durable blocks sharing a page with a
+ * new one (a write torn by a power loss could destroy them).
  * Callers serialise growth and allocation; blocks written concurrently must
  * not overlap.
  *

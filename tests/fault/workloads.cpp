@@ -13,6 +13,8 @@ std::unique_ptr<Workload> MakeSFS();
 std::unique_ptr<Workload> MakeBoolEval();
 std::unique_ptr<Workload> MakeLvmReplayed();
 std::unique_ptr<Workload> MakeLvmCommitted();
+std::unique_ptr<Workload> MakeBoxReplayed();
+std::unique_ptr<Workload> MakeBoxCommitted();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -27,6 +29,8 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"booleval", MakeBoolEval},
       {"lvm_replayed", MakeLvmReplayed},
       {"lvm_committed", MakeLvmCommitted},
+      {"box_replayed", MakeBoxReplayed},
+      {"box_committed", MakeBoxCommitted},
   };
   return kinds;
 }

@@ -20,7 +20,7 @@ BoxLVMBucket &BucketOf(BoxLVM *box, uint32_t id) { return *box->buckets[id % box
 // Reads the bucket count from the status file of `dir`, writing it there
 // first for a new box. 0 with an error.
 uint32_t StoredBucketCount(const char *dir, uint32_t bucketCount, int create) {
-  if (create && (!DirectoryCreate(dir) || !DirectorySync(dir))) {
+  if (create && !DirectoryCreateDurably(dir)) {
     QWErrorRethrow("Could not write status in %s", dir);
     return 0;
   }

@@ -86,10 +86,8 @@ int Replay(LogReadContext *context, uint64_t first, uint64_t last, void *callbac
   return ok ? 1 : 0;
 }
 
-// Makes dir/name durably (the new entry synced into dir).
-bool MakeDirectory(const std::string &dir, const std::string &path, const char *failure) {
-  if (!DirectoryCreate(path.c_str()) || !DirectorySync(dir.c_str())) return QWErrorRethrow("%s", failure);
-  return true;
+bool MakeDirectory(const std::string &path, const char *failure) {
+  return DirectoryCreateDurably(path.c_str()) || QWErrorRethrow("%s", failure);
 }
 
 // Commits the new metadata arena with crash stops switched off: creation
@@ -150,8 +148,8 @@ bool InitBucket(BoxLVMBucket &bucket, const char *dir, uint32_t number, uint32_t
     return QWErrorThrow(12, QW_ERROR_CLASS_SYSTEM, "out of memory for a box bucket");
   std::string name = "bucket." + std::to_string(number), dataDir;
   if (!JoinPath(dir, name, &bucket.dir) || !JoinPath(bucket.dir, "data", &dataDir)) return false;
-  if (create && (!MakeDirectory(dir, bucket.dir, "could not create bucket directory") ||
-                 !MakeDirectory(bucket.dir, dataDir, "could not create data directory")))
+  if (create && (!MakeDirectory(bucket.dir, "could not create bucket directory") ||
+                 !MakeDirectory(dataDir, "could not create data directory")))
     return false;
   int lvmCreated = 0;
   bucket.lvm = LoggedVMOpen(bucket.dir.c_str(), arenaParameter, create, readOnly, &lvmCreated, 0, 0, SyncExternal,

@@ -2,6 +2,14 @@
 // A transfer may span cache pages (raw readers read long runs); blocks never
 // do, since they never cross an 8192-byte page and cache pages are at least
 // that large and aligned.
+//
+// Cached writes go through to the file: the bytes are written in place
+// first, then copied into the cached page, which stays clean. A dirty page
+// would be written back whole, rewriting the durable blocks that share it
+// with the new one, and a write torn by a power loss could then destroy
+// values a checkpoint had made durable. Writing first and copying after
+// keeps the cache equal to the file: a page read from disk meanwhile already
+// holds the new bytes.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -38,7 +46,7 @@ bool CachedTransfer(File *file, uint64_t offset, uint32_t size, uint8_t *readInt
       readInto += count;
     }
     RWLockRelease_(file->cacheLock);
-    PageCacheRelease(file->cache, page, write ? 1 : 0, 0, 0);
+    PageCacheRelease(file->cache, page, 0, 0, 0);
     offset += count;
     size -= count;
   }
@@ -66,8 +74,7 @@ QW_API int BoxLVMDataBlockWrite(BoxLVMDataFile *file, uint32_t handle, uint32_t 
   const uint64_t offset = qw::box::ByteOffset(handle);
   if (!InsideFile(file, offset, size))
     return QWErrorThrow(EIO, QW_ERROR_CLASS_SYSTEM, "unexpected end of file (fd %i)", file->fd);
-  if (file->cache) return CachedTransfer(file, offset, size, nullptr, static_cast<const uint8_t *>(buffer));
   if (!QWFileWriteData(file->handle, offset, buffer, size))
     return QWErrorRethrow("could not write data to file (fd %i)", file->fd);
-  return 1;
+  return !file->cache || CachedTransfer(file, offset, size, nullptr, static_cast<const uint8_t *>(buffer));
 }

@@ -105,18 +105,10 @@ int ArenaSerialStore(LoggedVM *lvm, uint64_t serial) {
 
 namespace {
 
-// The directory holding `dir` ("." for a relative name without a slash).
-std::string ParentOf(const std::string &dir) {
-  const size_t slash = dir.find_last_not_of('/') == std::string::npos ? 0 : dir.rfind('/', dir.find_last_not_of('/'));
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : dir.substr(0, slash);
-}
-
-// Makes dir/sub when creating, durably (the new names are synced into
-// dir and dir into its parent), and composes it into the path buffer.
+// Makes dir/sub (and dir) durably when creating, and composes it into the
+// path buffer.
 [[nodiscard]] int SubDirectory(LoggedVM *lvm, const char *dir, const char *sub, int create) {
-  if (create && (!DirectoryCreate((std::string(dir) + "/" + sub).c_str()) || !DirectorySync(dir) ||
-                 !DirectorySync(ParentOf(dir).c_str())))
+  if (create && !DirectoryCreateDurably((std::string(dir) + "/" + sub).c_str()))
     return QWErrorRethrow("could not create folder \"%s/%s\"", dir, sub);
   if (std::snprintf(lvm->path, sizeof lvm->path, "%s/%s", dir, sub) >= int(sizeof lvm->path))
     return QWErrorThrow(36, QW_ERROR_CLASS_SYSTEM, "path \"%s/%s\" is too long", dir, sub);
