@@ -22,7 +22,9 @@
  * out), "params" (u32: units used from the start of the file, a multiple of
  * 256; total units of the file, its pages * 256; number of entries),
  * "primMapping" (u32 per local index: all ones = no entry, 2h = one block at
- * handle h, 2s + 1 = the block list s of "secMapping"), "secMapping" (a
+ * handle h (h <= BOXLVM_HANDLE_MAXVALUE), all ones but the lowest bit = an
+ * empty entry, which has no block, 2s + 1 = the block list s of
+ * "secMapping"), "secMapping" (a
  * large-element array of u32 handle lists) and "secMappingFreeList".
  *
  * Durability. An update logs its block allocation (a BOX_UPDATE record, and
@@ -172,9 +174,9 @@ QW_API int BoxLVMCheckpoint(BoxLVM *box, int commit, uint64_t **serials);
 QW_API uint64_t BoxLVMSize(BoxLVM *box);
 
 /*
- * Stores `size` bytes of `data` under `id`, replacing any older value. A
- * value has at least one byte (code 22 "cannot store an empty value for
- * entry %u" otherwise: blocks cannot hold an empty part).
+ * Stores `size` bytes of `data` under `id`, replacing any older value. An
+ * empty value (size 0, data may be NULL) takes no block: its entry exists
+ * and reads back empty.
  *  reserved1, reserved2  pass 0.
  *  isNew    [out] 1 when the id had no entry.
  *  inError  [out] 1 when the update could not be logged.

@@ -61,6 +61,9 @@ struct BoxLVM {
 namespace qw::box {
 
 inline constexpr uint32_t kNoPrimary = 0xFFFFFFFFu;
+// An entry of length 0 has no block: its primary handle is the even value
+// that no block handle reaches (2 * (BOXLVM_HANDLE_MAXVALUE + 1)).
+inline constexpr uint32_t kEmptyPrimary = 0xFFFFFFFEu;
 inline constexpr size_t kScratchLimit = 10000;
 
 // Builds "<a>/<b>" into *out; code 22 "filename too long" at 260 bytes or
@@ -88,10 +91,11 @@ uint32_t BoxLVMBucketSize(BoxLVMBucket &bucket);
 // entry); *found tells which. Caller holds the bucket lock (either mode).
 [[nodiscard]] bool BoxLVMBucketHandleGet(BoxLVMBucket &bucket, uint32_t local, std::vector<uint32_t> *handles,
                                          bool *found);
-// Points local index `local` at `handles` (none: no entry), giving back the
-// secondary id it used before. Caller holds the log mutex and the bucket
-// lock exclusively.
-[[nodiscard]] bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32_t> &handles);
+// Points local index `local` at `handles` (an entry when `present`, empty
+// without handles; no entry otherwise), giving back the secondary id it used
+// before. Caller holds the log mutex and the bucket lock exclusively.
+[[nodiscard]] bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32_t> &handles,
+                                bool present);
 [[nodiscard]] bool ParamGet(BoxLVMBucket &bucket, uint32_t index, uint32_t *value);
 [[nodiscard]] bool ParamSet(BoxLVMBucket &bucket, uint32_t index, uint32_t value);
 // The checkpoint's two recycling steps on the in-memory lists.

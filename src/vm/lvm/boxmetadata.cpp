@@ -98,6 +98,7 @@ bool BoxLVMBucketHandleGet(BoxLVMBucket &bucket, uint32_t local, std::vector<uin
   if (!CellGet(bucket.meta.primMapping, local, NEWGEN, &primary)) return false;
   if (primary == kNoPrimary) return true;
   *found = true;
+  if (primary == kEmptyPrimary) return true;
   if (primary % 2 == 0) {
     handles->push_back(primary / 2);
     return true;
@@ -105,12 +106,12 @@ bool BoxLVMBucketHandleGet(BoxLVMBucket &bucket, uint32_t local, std::vector<uin
   return ReadBlockList(bucket, primary / 2, handles);
 }
 
-bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32_t> &handles) {
+bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32_t> &handles, bool present) {
   BoxLVMMetadata &meta = bucket.meta;
   uint32_t length = CellCount(meta.primMapping, NEWGEN);
   uint32_t old = kNoPrimary;
   if (local < length && !CellGet(meta.primMapping, local, NEWGEN, &old)) return false;
-  uint32_t primary = kNoPrimary;
+  uint32_t primary = present ? kEmptyPrimary : kNoPrimary;
   if (handles.size() == 1) {
     qwassert_(handles[0] <= BOXLVM_HANDLE_MAXVALUE);
     primary = handles[0] * 2;
@@ -123,7 +124,7 @@ bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32
   for (; length <= local; ++length)
     if (!CellAppend(meta.primMapping, kNoPrimary)) return false;
   if (!CellSet(meta.primMapping, local, primary)) return false;
-  return old == kNoPrimary || old % 2 == 0 || GiveBackSecondary(bucket, old / 2);
+  return old % 2 == 0 || old == kNoPrimary || GiveBackSecondary(bucket, old / 2);
 }
 
 bool BucketSpace::FreeListPop(uint32_t sizeClass, uint32_t *handle) {

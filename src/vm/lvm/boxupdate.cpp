@@ -151,10 +151,7 @@ bool BoxLVMBucketUpdate(BoxLVMBucket &bucket, uint32_t id, uint32_t reserved1, u
   *inError = 0;
   if (bucket.readOnly) return QWErrorThrow(13, QW_ERROR_CLASS_GENERAL, "Cannot update in readOnly mode");
   if (remove) *isNew = 0;
-  // A block holds at least one byte (an empty one reads as damage), so an
-  // entry cannot be empty.
-  if (!remove && (size == 0 || !data))
-    return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "cannot store an empty value for entry %u", id);
+  if (!remove && size > 0 && !data) return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "no data for entry %u", id);
   const uint32_t local = LocalIndex(bucket, id);
   BoxStripe &stripe = bucket.stripes[local % bucket.stripes.size()];
   qw::lvm::Held stripeHeld(MutexInit_(&stripe.mutex));
@@ -188,7 +185,7 @@ bool BoxLVMBucketUpdate(BoxLVMBucket &bucket, uint32_t id, uint32_t reserved1, u
   }
   LogMutex logMutex(bucket.lvm);
   BucketLock exclusive(bucket.lock, true);
-  if (!WriteMapping(bucket, local, stripe.newHandles)) {
+  if (!WriteMapping(bucket, local, stripe.newHandles, !remove)) {
     QWErrorRethrow("could not write mapping for entry %i", int(id));
     return PutInError(bucket);
   }
@@ -210,7 +207,7 @@ bool ReplayUpdate(BoxLVMBucket &bucket, const uint8_t *payload, uint32_t size) {
   if (!ReallocateBlocks(bucket, oldHandles, update.oldClasses, update.remove, existed, update.sizeNew, &newHandles,
                   &newClasses))
     return false;
-  return WriteMapping(bucket, local, newHandles);
+  return WriteMapping(bucket, local, newHandles, !update.remove);
 }
 
 int BoxLVMBucketGet(BoxLVMBucket &bucket, BoxLVMThreadData *threadData, uint32_t id, uint8_t **value,

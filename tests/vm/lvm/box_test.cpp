@@ -131,7 +131,7 @@ class BoxTest : public qwtest::TempDirTest {
 
 // Sizes around the part boundary weigh as much as small ones.
 uint32_t RandomSize(std::mt19937 &rng) {
-  static const uint32_t kEdges[] = {1, 12, 13, 8172, 8173, 16344, 16345, 8192};
+  static const uint32_t kEdges[] = {0, 1, 12, 13, 8172, 8173, 16344, 16345, 8192};
   switch (rng() % 4) {
     case 0: return kEdges[rng() % std::size(kEdges)];
     case 1: return 1 + rng() % 200;
@@ -210,18 +210,26 @@ TEST_F(BoxTest, EdgeCasesOfValuesCountsAndModes) {
   ASSERT_TRUE(Put(4, "x", &isNew));
   EXPECT_EQ(isNew, 0);
   EXPECT_EQ(BoxLVMSize(box), 2u);
-  // Refused: removing what was never stored, an empty value.
+  // Removing what was never stored is refused and counts nothing.
   int inError = -1;
   EXPECT_EQ(BoxLVMRemove(box, 8, &inError), 0);
   EXPECT_STREQ(QWErrorMessage(), "cannot remove non-existing entry");
-  EXPECT_EQ(Put(8, ""), false);
-  EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_EQ(BoxLVMSize(box), 2u);
   EXPECT_EQ(Get(8), "<absent>");
+  // An empty value is an entry without blocks.
+  ASSERT_TRUE(Put(8, "", &isNew)) << QWErrorMessage();
+  EXPECT_EQ(isNew, 1);
+  ASSERT_TRUE(Put(6, "", &isNew)) << QWErrorMessage();
+  EXPECT_EQ(isNew, 0);
+  EXPECT_TRUE(Handles(6).empty());
+  EXPECT_EQ(Get(6), "");
+  EXPECT_EQ(BoxLVMExists(box, 8), 1);
+  EXPECT_EQ(BoxLVMSize(box), 3u);
   Close(true);
   // Read-only: reads work, changes and checkpoints are refused.
   ASSERT_NO_FATAL_FAILURE(Open(7, 0, 1));
   EXPECT_EQ(Get(4), "x");
+  EXPECT_EQ(Get(8), "");
   EXPECT_FALSE(Put(5, "y"));
   EXPECT_NE(std::string(QWErrorMessage()).find("Cannot update in readOnly mode"), std::string::npos);
   EXPECT_EQ(BoxLVMCheckpoint(box, 1, nullptr), 0);
