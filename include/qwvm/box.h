@@ -37,6 +37,13 @@
  * next checkpoint, after every reader that might still read them has left:
  * a reader never sees a value overwritten under it.
  *
+ * Read-only opens do not replay the logs: they see the metadata of the last
+ * committing checkpoint. A writer's later checkpoints may have recycled and
+ * reused blocks that metadata maps; reads of such entries then fail on the
+ * block header check ("header data does not match"), never with another
+ * entry's bytes. Open read-only after a committing checkpoint (and while no
+ * writer has changed the box since) to read a consistent state.
+ *
  * Threads. Any number of threads may read and update at once. Updates of a
  * bucket take, in order: the stripe mutex of their local index, the writer
  * ticket, the log mutex, the bucket lock (exclusive, for the mapping write
@@ -146,8 +153,8 @@ QW_API BoxLVM *BoxLVMOpen(const char *dir, uint32_t bucketCount, uint32_t arenaP
                           int create, int readOnly, PageCache *cache);
 
 /*
- * Closes the box: with `checkpoint` (writable boxes) a committing checkpoint
- * first; when that fails the box stays open and 0 is returned ("Could not
+ * Closes the box: with `checkpoint` (writable boxes) a checkpoint (not
+ * committing: the log carries the changes since the last commit) first; when that fails the box stays open and 0 is returned ("Could not
  * checkpoint BoxLVM before closing"). Then each bucket is closed in order,
  * stopping at the first failure, and the box released. Changes after the
  * last checkpoint are not durable unless `checkpoint` is set.

@@ -30,6 +30,7 @@
 #include "qwvm/lvm.h"
 #include "qwvm/box.h"
 #include "qwvm/boxdata.h"
+#include "qwvm/lstrtable.h"
 #include "qwvm/sort.h"
 
 #endif /* QWVM_QWVM_H */

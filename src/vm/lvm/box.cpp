@@ -91,7 +91,7 @@ QW_API BoxLVM *BoxLVMOpen(const char *dir, uint32_t bucketCount, uint32_t arenaP
 
 QW_API int BoxLVMClose(BoxLVM *box, int checkpoint) {
   if (!box) return 1;
-  if (!box->readOnly && checkpoint && !BoxLVMCheckpoint(box, 1, nullptr)) {
+  if (!box->readOnly && checkpoint && !BoxLVMCheckpoint(box, 0, nullptr)) {
     QWErrorRethrow("Could not checkpoint BoxLVM before closing");
     return 0;
   }
