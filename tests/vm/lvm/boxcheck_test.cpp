@@ -96,6 +96,9 @@ TEST_F(BoxCheckTest, EachDamageGivesTheFaultThatNamesIt) {
       {"mapped block on a free list",
        [](BoxCheckTest &t) { ASSERT_TRUE(qw::olib::CellAppend(t.Bucket().meta.freeList[0], t.HandleOf(1))); },
        "bucket 1: handle 0 is in both part 0 of id 1 and the free list of class 0"},
+      {"secondary id both used and free",
+       [](BoxCheckTest &t) { ASSERT_TRUE(qw::olib::CellAppend(t.Bucket().meta.secMappingFreeList, 0u)); },
+       "bucket 1: secondary id 0 is used by id 5 and also on secMappingFreeList"},
       {"free block lost", [](BoxCheckTest &t) {
          uint32_t handle = 0;
          ASSERT_TRUE(qw::olib::CellPop(t.Bucket().meta.freeList[121], &handle));
