@@ -54,8 +54,9 @@ std::string Describe(const Span &span) {
 
 class BucketCheck {
  public:
-  BucketCheck(BoxLVMBucket &bucket, BoxLVMCheckReport report, void *context, uint64_t *faults)
-      : bucket_(bucket), meta_(bucket.meta), report_(report), context_(context), faults_(faults) {}
+  BucketCheck(BoxLVMBucket &bucket, BoxLVMDataFileThreadData *block, BoxLVMCheckReport report, void *context,
+              uint64_t *faults)
+      : bucket_(bucket), meta_(bucket.meta), block_(block), report_(report), context_(context), faults_(faults) {}
 
   void Run() {
     if (!CheckParams()) return;
@@ -75,7 +76,7 @@ class BucketCheck {
   __attribute__((format(printf, 2, 3)))
 #endif
   void Fault(const char *format, ...) {
-    char line[512];
+    char line[1024];
     int at = std::snprintf(line, sizeof line, "bucket %u: ", bucket_.number);
     va_list args;
     va_start(args, format);
@@ -180,11 +181,13 @@ class BucketCheck {
         Fault("id %u: part %u at handle %u lies past the %u units in use", id, part, handle, readLimit_);
         continue;
       }
-      uint32_t sizeClass = 0, length = 0;
-      if (!BoxLVMDataBlockReadDecode(bucket_.data, bucket_.dataThreadData, handle, 1, id, part, next, nullptr,
-                                     nullptr, nullptr, nullptr, &sizeClass, &length, nullptr)) {
+      uint32_t sizeClass = kUnused, length = 0;
+      if (!BoxLVMDataBlockReadDecode(bucket_.data, block_, handle, 1, id, part, next, nullptr, nullptr, nullptr,
+                                     nullptr, &sizeClass, &length, nullptr)) {
         Fault("id %u: part %u at handle %u: %s", id, part, handle, Cause().c_str());
-        spans_.push_back({handle, 0, Owner::kEntry, id, part});
+        // The class is known when only the checksum or the length failed.
+        const uint32_t units = sizeClass == kUnused ? 0 : std::min(sizeClass + 1, UnitsToPageEnd(handle));
+        spans_.push_back({handle, units, Owner::kEntry, id, part});
         continue;
       }
       // A version 0 header is the smaller one: a block too small even for it
@@ -275,6 +278,7 @@ class BucketCheck {
 
   BoxLVMBucket &bucket_;
   BoxLVMMetadata &meta_;
+  BoxLVMDataFileThreadData *block_;  // the check's own block buffer
   BoxLVMCheckReport report_;
   void *context_;
   uint64_t *faults_;
@@ -314,15 +318,18 @@ QW_API int BoxLVMCheck(BoxLVM *box, BoxLVMCheckReport report, void *context, uin
   uint64_t scratch = 0;
   if (!faults) faults = &scratch;
   *faults = 0;
+  BoxLVMDataFileThreadData *block = BoxLVMDataFileThreadDataNew();
+  bool ok = block != nullptr;
   try {
-    for (auto &bucket : box->buckets) {
-      MetadataHeld held(*bucket);
-      BucketCheck(*bucket, report, context, faults).Run();
+    for (size_t n = 0; ok && n < box->buckets.size(); ++n) {
+      MetadataHeld held(*box->buckets[n]);
+      BucketCheck(*box->buckets[n], block, report, context, faults).Run();
     }
   } catch (const std::bad_alloc &) {
-    return QWErrorThrow(12, QW_ERROR_CLASS_SYSTEM, "out of memory while checking the box in %s", box->dir);
+    ok = false;
   }
-  return 1;
+  BoxLVMDataFileThreadDataFree(block);
+  return ok || QWErrorThrow(12, QW_ERROR_CLASS_SYSTEM, "out of memory while checking the box in %s", box->dir);
 }
 
 QW_API int BoxLVMBucketStatGet(BoxLVM *box, uint32_t bucket, BoxLVMBucketStat *stat) {
