@@ -267,6 +267,67 @@ QW_API int BoxOpLogRead(LogReadContext *context, uint64_t serial, uint32_t *type
 QW_API int BoxLVMMetadataInit(BoxLVMMetadata *meta, const char *nameSpace, int create, int readOnly, int *created);
 QW_API void BoxLVMMetadataFree(BoxLVMMetadata *meta);
 
+/* ------------------------------------------------------------------------ */
+/* Inspection                                                                */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Receives one fault of BoxLVMCheck: the bucket it was found in and one line
+ * of text (no newline) that starts with "bucket <n>: " and names the entry
+ * id, block handle or secondary id concerned and what is wrong. `line` is
+ * valid during the call only.
+ */
+typedef void (*BoxLVMCheckReport)(void *context, uint32_t bucket, const char *line);
+
+/*
+ * Checks every bucket of an open box (read-only or writable) without
+ * changing anything: nothing is written, nothing is tagged corrupted.
+ * For each bucket:
+ *  - params: three of them; params[0] <= params[1] <= the data file's size
+ *    in units, both multiples of 256; params[2] equals the number of mapped
+ *    entries;
+ *  - every mapped entry: each block is read and verified as a read does
+ *    (BoxLVMDataBlockReadDecode with the entry's id, the part index and the
+ *    next handle expected: header, checksum, chain), lies below params[0],
+ *    and its class holds its data inside its page;
+ *  - the secondary block lists: each secondary id is used by at most one
+ *    entry, is not also free, and is either used or free (none leaks);
+ *  - coverage: every unit below params[0] lies in exactly one mapped block,
+ *    persistent free-list block or block waiting in the in-memory recycle
+ *    lists (empty right after open); no block is both mapped and free, in
+ *    two entries, or overlapping another.
+ * Each fault calls `report` (may be NULL: faults are then only counted) and
+ * adds one to *faults (may be NULL). A block whose header cannot be read
+ * gives one fault; the units after it up to the next known block are taken
+ * to be its own, so that one damaged header does not also report a gap.
+ * Damaged data never stops the check: a bucket whose params or mapping
+ * cannot be read gives a fault naming the error and the check moves on.
+ * The check takes each bucket's log mutex and bucket lock (shared) while it
+ * runs over that bucket; an update running meanwhile has blocks that belong
+ * to no list yet, so check a box that nothing updates.
+ * Returns 1 when every bucket was checked (look at *faults), 0 with an error
+ * when the check itself could not run (out of memory).
+ */
+QW_API int BoxLVMCheck(BoxLVM *box, BoxLVMCheckReport report, void *context, uint64_t *faults);
+
+/* Space and entries of one bucket, as BoxLVMBucketStatGet measures them. */
+typedef struct BoxLVMBucketStat {
+  uint64_t entries;       /* params[2] */
+  uint64_t usedUnits;     /* params[0]: units handed out from the start of the data file */
+  uint64_t totalUnits;    /* params[1]: units the metadata says the file has */
+  uint64_t fileBytes;     /* the data file's size on disk */
+  uint64_t freeBlocks;    /* blocks on the persistent free lists and in the recycle lists */
+  uint64_t freeUnits;     /* their units */
+} BoxLVMBucketStat;
+
+/*
+ * Measures bucket `bucket` (below BoxLVMBucketCount) into *stat, under the
+ * bucket's log mutex. Free space in bytes is (freeUnits + totalUnits -
+ * usedUnits) * BOXLVM_UNIT_SIZE. Returns 1, or 0 with an error (an array or
+ * the data file could not be read; code 22 for a bucket out of range).
+ */
+QW_API int BoxLVMBucketStatGet(BoxLVM *box, uint32_t bucket, BoxLVMBucketStat *stat);
+
 QW_END_DECLS
 
 #endif /* QWVM_BOX_H */

@@ -57,14 +57,6 @@ struct EvalStore {
   }
 };
 
-bool ParseValue(const std::string &text, uint32_t *value) {
-  char *end = nullptr;
-  const unsigned long long number = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || *end != 0 || text[0] == '-' || number > UINT32_MAX) return false;
-  *value = uint32_t(number);
-  return true;
-}
-
 int Add(const std::string &directory, const std::string &expression, const std::string &valueText) {
   Disjunction form;
   std::string error;
@@ -73,7 +65,7 @@ int Add(const std::string &directory, const std::string &expression, const std::
     std::fprintf(stderr, "qwvm eval: %s\n  %s\n", error.c_str(), expression.c_str());
     return 1;
   }
-  if (!ParseValue(valueText, &value)) {
+  if (!ParseU32(valueText, &value)) {
     std::fprintf(stderr, "qwvm eval: the value \"%s\" is not an unsigned 32-bit number\n", valueText.c_str());
     return 1;
   }

@@ -81,6 +81,13 @@ class RecycleLists {
   // Blocks of class `sizeClass` freed since the checkpoint / set aside.
   size_t FreedCount(uint32_t sizeClass) const;
   size_t SetAsideCount(uint32_t sizeClass) const;
+  // Calls visit(sizeClass, handle) for every block of both lists.
+  template <class Visit>
+  void ForEach(Visit &&visit) const {
+    for (uint32_t c = 0; c < BOXLVM_SIZE_CLASSES; ++c)
+      for (uint32_t *const *list : {&freed_[c], &setAside_[c]})
+        for (size_t i = 0; i < ArrayLength(*list); ++i) visit(c, (*list)[i]);
+  }
 
  private:
   uint32_t *freed_[BOXLVM_SIZE_CLASSES] = {};     // qwlib growable arrays

@@ -2,7 +2,8 @@
 // and cached data files), the block sizes at the part boundary, recycling
 // only after a checkpoint, crashes at every checkpoint stop, replay that
 // rebuilds the metadata exactly, the error mode after a failed data write,
-// the record printers, the raw reader, and threads.
+// the record printers, the raw reader, and threads. BoxLVMCheck must find
+// nothing wrong after checkpoints, reopenings and every crash.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -77,6 +78,15 @@ class BoxTest : public qwtest::TempDirTest {
       ASSERT_EQ(Get(id), it == model.end() ? "<absent>" : it->second) << "id " << id;
       EXPECT_EQ(BoxLVMExists(box, id), it == model.end() ? 0 : 1) << "id " << id;
     }
+  }
+  // BoxLVMCheck's report: empty when the box is sound.
+  std::string CheckReport() {
+    std::string report;
+    uint64_t faults = 0;
+    EXPECT_TRUE(BoxLVMCheck(
+        box, [](void *out, uint32_t, const char *line) { *static_cast<std::string *>(out) += std::string(line) + "\n"; },
+        &report, &faults));
+    return report;
   }
   BoxLVMBucket &Bucket(uint32_t n) { return *box->buckets[n]; }
   std::vector<uint32_t> Handles(uint32_t id) {
@@ -176,6 +186,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
                        [&] {
                          ASSERT_TRUE(BoxLVMCheckpoint(box, int(rng() % 2), nullptr)) << QWErrorMessage();
                          durable = model;
+                         ASSERT_EQ(CheckReport(), "");
                        }},
                       {2, [&] {
                          // Closing without a checkpoint loses what followed the last one.
@@ -186,6 +197,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
                          ASSERT_NO_FATAL_FAILURE(Open(1 + rng() % 5, 0));  // the stored count wins
                          EXPECT_EQ(BoxLVMBucketCount(box), 2u);
                          ASSERT_NO_FATAL_FAILURE(ExpectHolds(model, idLimit));
+                         ASSERT_EQ(CheckReport(), "");
                        }}});
     // A read-only open sees the last commit.
     ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr)) << QWErrorMessage();
@@ -329,6 +341,7 @@ TEST_F(BoxTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedBox) {
         else expected.erase(id);
       }
       ASSERT_NO_FATAL_FAILURE(ExpectHolds(expected, 40));
+      EXPECT_EQ(CheckReport(), "");
       Close(false);
     }
   }
@@ -355,6 +368,7 @@ TEST_F(BoxTest, ReplayRebuildsTheMetadataOfTheCheckpointExactly) {
   ASSERT_NO_FATAL_FAILURE(run(boxDir(), true));
   ASSERT_NO_FATAL_FAILURE(Open(2, 0));
   const std::string recovered = MetadataDigest();
+  EXPECT_EQ(CheckReport(), "");
   Close(false);
   box = BoxLVMOpen(path("clean").c_str(), 2, 1, 4, 0, 0, nullptr);
   ASSERT_NE(box, nullptr) << QWErrorMessage();
