@@ -60,12 +60,15 @@ BoxLVM *OpenBox(const std::string &dir, bool writable, bool create, uint32_t buc
 // Closes a writable box with a committing checkpoint; when that fails the
 // box is closed without one and 1 returned.
 int CloseDurably(BoxLVM *box) {
-  if (BoxLVMClose(box, 1)) return 0;
-  const int status = Fail("cannot checkpoint the box");
-  QWErrorSave();
-  (void)BoxLVMClose(box, 0);
-  QWErrorRestore();
-  return status;
+  const bool committed = BoxLVMCheckpoint(box, 1, nullptr) != 0;
+  if (!committed) {
+    const int status = Fail("cannot checkpoint the box");
+    QWErrorSave();
+    (void)BoxLVMClose(box, 0);
+    QWErrorRestore();
+    return status;
+  }
+  return BoxLVMClose(box, 0) ? 0 : Fail("cannot close the box");
 }
 
 int Put(const std::string &dir, uint32_t id, const char *file, uint32_t buckets) {

@@ -136,6 +136,7 @@ class BucketCheck {
       }
       if (primary == kNoPrimary) continue;
       ++mapped;
+      if (primary == kEmptyPrimary) continue;  // an empty entry has no block
       if (primary % 2 == 0) {
         handles.assign(1, primary / 2);
       } else if (!ReadSecondary(id, primary / 2, &handles)) {

@@ -64,7 +64,8 @@ TEST_F(BoxCheckTest, ACleanBoxHasNoFault) {
   ASSERT_NO_FATAL_FAILURE(Open());
   ASSERT_NO_FATAL_FAILURE(Fill());
   EXPECT_EQ(Check(), std::vector<std::string>{});
-  ASSERT_TRUE(BoxLVMClose(box, 1));
+  ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr));
+  ASSERT_TRUE(BoxLVMClose(box, 0));
   box = BoxLVMOpen(path("box").c_str(), 2, 1, 1, 0, 1, nullptr);
   ASSERT_NE(box, nullptr) << QWErrorMessage();
   EXPECT_EQ(Check(), std::vector<std::string>{});
