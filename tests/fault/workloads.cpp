@@ -15,6 +15,7 @@ std::unique_ptr<Workload> MakeLvmReplayed();
 std::unique_ptr<Workload> MakeLvmCommitted();
 std::unique_ptr<Workload> MakeBoxReplayed();
 std::unique_ptr<Workload> MakeBoxCommitted();
+std::unique_ptr<Workload> MakeStrTable();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -31,6 +32,7 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"lvm_committed", MakeLvmCommitted},
       {"box_replayed", MakeBoxReplayed},
       {"box_committed", MakeBoxCommitted},
+      {"strtable", MakeStrTable},
   };
   return kinds;
 }

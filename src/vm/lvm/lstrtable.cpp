@@ -7,6 +7,7 @@
 
 #include "qwvm/lstrtable.h"
 #include "util/varint.h"
+#include "vm/lvm/box_internal.h"
 
 struct LoggedStrTable {
   std::string dir;
@@ -52,6 +53,11 @@ bool ReadEntry(LoggedStrTable *table, LoggedStrTableThreadData *threadData, uint
                uint32_t *keyLength, const uint8_t **value, uint32_t *valueLength) {
   const int found = BoxLVMGet(table->box, threadData->box, uint32_t(id), &threadData->buffer);
   const bool check = found || !QWErrorIsSet();
+  if (!check && QWErrorClass() == QW_ERROR_CLASS_DATA && !table->readOnly) {
+    // Damaged stored data: mark the bucket's store before the assertion.
+    BoxLVMBucket &bucket = *table->box->buckets[uint32_t(id) % table->box->bucketCount];
+    VMArenaTagCorrupted(LoggedVMArenaGet(bucket.lvm));
+  }
   qwassert_(check);
   const size_t size = found ? ArrayLength(threadData->buffer) : 0;
   if (size == 0) return false;
