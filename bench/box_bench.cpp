@@ -192,31 +192,32 @@ class BoxStore : public Store {
   uint8_t *value_ = nullptr;
 };
 
-#if QWVM_HAVE_LEVELDB
-class LevelDBStore : public Store {
+// LevelDB and RocksDB share their API's shape: one store over either.
+template <typename Api>
+class LsmStore : public Store {
  public:
-  ~LevelDBStore() override { delete db_; }
+  ~LsmStore() override { delete db_; }
   bool Open() override {
-    leveldb::Options options;
+    typename Api::Options options;
     options.create_if_missing = true;
-    return Ok(leveldb::DB::Open(options, directory_, &db_));
+    return Ok(Api::DB::Open(options, directory_, &db_));
   }
   bool Put(uint32_t id, const uint8_t *value, uint32_t size, bool last) override {
     char key[4];
     BigEndian(id, key);
-    leveldb::WriteOptions options;
+    typename Api::WriteOptions options;
     options.sync = last;
-    return Ok(db_->Put(options, leveldb::Slice(key, 4), leveldb::Slice(reinterpret_cast<const char *>(value), size)));
+    return Ok(db_->Put(options, Slice(key, 4), Slice(reinterpret_cast<const char *>(value), size)));
   }
   bool Sync() override { return true; }  // the last put synced
   bool Get(uint32_t id, uint32_t generation, uint32_t size) override {
     char key[4];
     BigEndian(id, key);
-    return Ok(db_->Get(leveldb::ReadOptions(), leveldb::Slice(key, 4), &value_)) &&
+    return Ok(db_->Get(typename Api::ReadOptions(), Slice(key, 4), &value_)) &&
            Values::Check(value_.data(), value_.size(), id, generation, size);
   }
   uint64_t Scan(uint64_t, uint32_t generation, uint32_t size) override {
-    std::unique_ptr<leveldb::Iterator> it(db_->NewIterator(leveldb::ReadOptions()));
+    std::unique_ptr<typename Api::Iterator> it(db_->NewIterator(typename Api::ReadOptions()));
     uint64_t good = 0;
     for (it->SeekToFirst(); it->Valid(); it->Next())
       good += it->key().size() == 4 &&
@@ -226,55 +227,36 @@ class LevelDBStore : public Store {
   std::string Error() override { return error_; }
 
  private:
-  bool Ok(const leveldb::Status &status) {
+  using Slice = typename Api::Slice;
+  bool Ok(const typename Api::Status &status) {
     if (!status.ok()) error_ = status.ToString();
     return status.ok();
   }
-  leveldb::DB *db_ = nullptr;
+  typename Api::DB *db_ = nullptr;
   std::string value_, error_;
+};
+
+#if QWVM_HAVE_LEVELDB
+struct LevelDBApi {
+  using DB = leveldb::DB;
+  using Options = leveldb::Options;
+  using WriteOptions = leveldb::WriteOptions;
+  using ReadOptions = leveldb::ReadOptions;
+  using Slice = leveldb::Slice;
+  using Status = leveldb::Status;
+  using Iterator = leveldb::Iterator;
 };
 #endif
 
 #if QWVM_HAVE_ROCKSDB
-class RocksDBStore : public Store {
- public:
-  ~RocksDBStore() override { delete db_; }
-  bool Open() override {
-    rocksdb::Options options;
-    options.create_if_missing = true;
-    return Ok(rocksdb::DB::Open(options, directory_, &db_));
-  }
-  bool Put(uint32_t id, const uint8_t *value, uint32_t size, bool last) override {
-    char key[4];
-    BigEndian(id, key);
-    rocksdb::WriteOptions options;
-    options.sync = last;
-    return Ok(db_->Put(options, rocksdb::Slice(key, 4), rocksdb::Slice(reinterpret_cast<const char *>(value), size)));
-  }
-  bool Sync() override { return true; }  // the last put synced
-  bool Get(uint32_t id, uint32_t generation, uint32_t size) override {
-    char key[4];
-    BigEndian(id, key);
-    return Ok(db_->Get(rocksdb::ReadOptions(), rocksdb::Slice(key, 4), &value_)) &&
-           Values::Check(value_.data(), value_.size(), id, generation, size);
-  }
-  uint64_t Scan(uint64_t, uint32_t generation, uint32_t size) override {
-    std::unique_ptr<rocksdb::Iterator> it(db_->NewIterator(rocksdb::ReadOptions()));
-    uint64_t good = 0;
-    for (it->SeekToFirst(); it->Valid(); it->Next())
-      good += it->key().size() == 4 &&
-              Values::Check(it->value().data(), it->value().size(), FromBigEndian(it->key().data()), generation, size);
-    return it->status().ok() ? good : 0;
-  }
-  std::string Error() override { return error_; }
-
- private:
-  bool Ok(const rocksdb::Status &status) {
-    if (!status.ok()) error_ = status.ToString();
-    return status.ok();
-  }
-  rocksdb::DB *db_ = nullptr;
-  std::string value_, error_;
+struct RocksDBApi {
+  using DB = rocksdb::DB;
+  using Options = rocksdb::Options;
+  using WriteOptions = rocksdb::WriteOptions;
+  using ReadOptions = rocksdb::ReadOptions;
+  using Slice = rocksdb::Slice;
+  using Status = rocksdb::Status;
+  using Iterator = rocksdb::Iterator;
 };
 #endif
 
@@ -353,10 +335,10 @@ std::unique_ptr<Store> MakeStore(Side side) {
     case kBox: return std::make_unique<BoxStore>(nullptr);
     case kBoxCache: return std::make_unique<BoxStore>(g_cache);
 #if QWVM_HAVE_LEVELDB
-    case kLevelDB: return std::make_unique<LevelDBStore>();
+    case kLevelDB: return std::make_unique<LsmStore<LevelDBApi>>();
 #endif
 #if QWVM_HAVE_ROCKSDB
-    case kRocksDB: return std::make_unique<RocksDBStore>();
+    case kRocksDB: return std::make_unique<LsmStore<RocksDBApi>>();
 #endif
 #if QWVM_HAVE_LMDB
     case kLmdb: return std::make_unique<LmdbStore>();
