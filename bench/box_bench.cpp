@@ -42,6 +42,7 @@
 // Size: `--quick` (or QWVM_BENCH_BOX_SCALE=10) divides both N by 10;
 // QWVM_BENCH_BOX_BUCKETS sets the box's bucket count (default 2).
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -84,7 +85,22 @@ std::string g_root;
 uint32_t g_boxBuckets = 2;
 int g_serial = 0;
 
-double Since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+// Wall time and the process's CPU time (user + system, every thread: the
+// peers' background compactions count), in seconds.
+struct Times {
+  double wall = 0, cpu = 0;
+  static Times Now() {
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return {std::chrono::duration<double>(Clock::now().time_since_epoch()).count(),
+            seconds(usage.ru_utime) + seconds(usage.ru_stime)};
+  }
+  Times Since() const {
+    const Times now = Now();
+    return {now.wall - wall, now.cpu - cpu};
+  }
+};
 
 // Bytes allocated on disk by the regular files under `directory`.
 uint64_t DiskBytes(const std::string &directory) {
@@ -393,19 +409,19 @@ std::string RunName(Side side, int workload, Phase phase) {
 
 // Writes generation `generation` of every id in `order`, then syncs.
 bool WritePhase(Store *store, const std::vector<uint32_t> &order, uint32_t generation, uint32_t size,
-                double *seconds) {
-  const Clock::time_point start = Clock::now();
+                Times *spent) {
+  const Times start = Times::Now();
   for (size_t i = 0; i < order.size(); ++i)
     if (!store->Put(order[i], g_values.Make(order[i], generation, size), size, i + 1 == order.size())) return false;
   if (!store->Sync()) return false;
-  *seconds = Since(start);
+  *spent = start.Since();
   return true;
 }
 
 void BM_Phase(benchmark::State &state, Side side, int workload, Phase phase) {
   const Workload &w = g_workloads[size_t(workload)];
   auto &slot = (phase == kFillSeq || phase == kOverwriteSeq ? g_seq : g_random)[{side, workload}];
-  double seconds = 0;
+  Times spent;
   for (auto _ : state) {
     if (phase == kFillSeq || phase == kFillRandom) {
       slot.reset();
@@ -420,40 +436,41 @@ void BM_Phase(benchmark::State &state, Side side, int workload, Phase phase) {
       case kOverwriteSeq: {
         std::vector<uint32_t> order(w.n);
         std::iota(order.begin(), order.end(), 0u);
-        ok = WritePhase(store, order, phase == kOverwriteSeq, w.size, &seconds);
+        ok = WritePhase(store, order, phase == kOverwriteSeq, w.size, &spent);
         break;
       }
       case kFillRandom:
       case kOverwriteRandom:
-        ok = WritePhase(store, Shuffled(w.n, phase), phase == kOverwriteRandom, w.size, &seconds);
+        ok = WritePhase(store, Shuffled(w.n, phase), phase == kOverwriteRandom, w.size, &spent);
         break;
       case kReadRandom: {
         const std::vector<uint32_t> order = Shuffled(w.n, 99);
-        const Clock::time_point start = Clock::now();
+        const Times start = Times::Now();
         const uint64_t good = InRead(store, [&] {
           uint64_t count = 0;
           for (uint32_t id : order) count += store->Get(id, 1, w.size);
           return count;
         });
-        seconds = Since(start);
+        spent = start.Since();
         ok = good == w.n;
         break;
       }
       case kReadSeq: {
-        const Clock::time_point start = Clock::now();
+        const Times start = Times::Now();
         const uint64_t good = InRead(store, [&] { return store->Scan(w.n, 1, w.size); });
-        seconds = Since(start);
+        spent = start.Since();
         ok = good == w.n;
         break;
       }
       default: break;
     }
     if (!ok) return state.SkipWithError(("phase failed: " + store->Error()).c_str());
-    state.SetIterationTime(seconds);
+    state.SetIterationTime(spent.wall);
     if (phase <= kOverwriteRandom)
       g_space[{side, workload, phase}] = double(DiskBytes(store->directory())) / double(w.n * w.size);
   }
-  state.counters["ops/s"] = benchmark::Counter(double(w.n) / seconds);
+  state.counters["ops/s"] = benchmark::Counter(double(w.n) / spent.wall);
+  state.counters["cpu_ops/s"] = benchmark::Counter(double(w.n) / spent.cpu);
   if (phase <= kOverwriteRandom) state.counters["disk/stored"] = g_space[{side, workload, phase}];
   if (phase == kOverwriteSeq) slot.reset();  // the sequential store is done
   if (phase == kReadSeq) slot.reset();
@@ -471,8 +488,9 @@ void Register() {
     }
 }
 
-void PrintSummary(const qwbench::SummaryReporter &reporter) {
-  std::printf("\nsummary: operations per second (k/s); ratio = box / peer ops/s (above 1: the box is faster)\n");
+// The table of the rates in `counter` per workload and side, and the box /
+// peer ratios.
+void PrintRates(const qwbench::SummaryReporter &reporter, const char *counter) {
   std::printf("  %-18s %-5s", "workload", "value");
   for (const char *side : kSideNames) std::printf(" %9s", side);
   for (int b = 0; b < kBoxSides; ++b)
@@ -483,7 +501,7 @@ void PrintSummary(const qwbench::SummaryReporter &reporter) {
       double rate[kSideCount] = {};
       for (int s = 0; s < kSideCount; ++s) {
         const auto *r = reporter.Find(RunName(Side(s), int(w), Phase(p)));
-        if (r && r->counters.count("ops/s")) rate[s] = r->counters.at("ops/s");
+        if (r && r->counters.count(counter)) rate[s] = r->counters.at(counter);
       }
       std::printf("  %-18s %-5s", kPhaseNames[p], g_workloads[w].label);
       for (double r : rate) std::printf(" %9.1f", r / 1e3);
@@ -494,6 +512,13 @@ void PrintSummary(const qwbench::SummaryReporter &reporter) {
         }
       std::printf("\n");
     }
+}
+
+void PrintSummary(const qwbench::SummaryReporter &reporter) {
+  std::printf("\nsummary: operations per second of wall time (k/s); ratio = box / peer (above 1: the box is faster)\n");
+  PrintRates(reporter, "ops/s");
+  std::printf("\noperations per second of process CPU time (user + system, all threads; k/s), and the ratios:\n");
+  PrintRates(reporter, "cpu_ops/s");
   std::printf("\nbytes allocated on disk per value byte stored, after each write phase:\n");
   std::printf("  %-18s %-5s", "after", "value");
   for (const char *side : kSideNames) std::printf(" %9s", side);
