@@ -33,11 +33,12 @@
 // All sides are single-threaded and the stores sit in one directory under
 // $TMPDIR (or /tmp), removed at the end.
 //
-// Each phase runs once (Iterations(1), manual time) and keeps ops/s; after
-// each write phase the bytes the store's files take on disk (allocated
-// blocks) per value byte stored are kept. The summary prints ops/s per
-// workload and side, the ratio box / peer in ops/s (above 1: the box is
-// faster) and the space table.
+// Each phase runs once (Iterations(1), manual time: wall clock) and keeps
+// ops/s and cpu_ops/s (per second of the process's CPU time, all threads,
+// so that the peers' background work counts); after each write phase the
+// bytes the store's files take on disk (allocated blocks) per value byte
+// stored are kept. The summary prints both rates per workload and side, the
+// ratios box / peer (above 1: the box is faster) and the space table.
 //
 // Size: `--quick` (or QWVM_BENCH_BOX_SCALE=10) divides both N by 10;
 // QWVM_BENCH_BOX_BUCKETS sets the box's bucket count (default 2).
