@@ -49,6 +49,12 @@ struct BoxLVMBucket {
   BoxLVMDataFileThreadData *dataThreadData = nullptr;
   BoxLVMDataFile *data = nullptr;
   bool replaying = false;
+  // Size classes whose persistent free list is known to be empty, so that
+  // the allocator's search over the classes above the one it needs (up to
+  // 255 lists) does not read each list's length in the arena. The lists
+  // change only through BucketSpace, under the log mutex, which keeps these
+  // bits exact; none is set when the bucket opens (nothing known yet).
+  uint64_t emptyFreeLists[BOXLVM_SIZE_CLASSES / 64] = {};
 };
 
 struct BoxLVM {
@@ -109,6 +115,7 @@ class BucketSpace final : public BlockSpace {
   explicit BucketSpace(BoxLVMBucket &bucket) : bucket_(bucket) {}
   bool FreeListPop(uint32_t sizeClass, uint32_t *handle) override;
   bool FreeListPush(uint32_t sizeClass, uint32_t handle) override;
+  uint32_t FreeListCandidate(uint32_t from) override;
   bool ParamGet(uint32_t index, uint32_t *value) override { return qw::box::ParamGet(bucket_, index, value); }
   bool ParamSet(uint32_t index, uint32_t value) override { return qw::box::ParamSet(bucket_, index, value); }
   bool GrowDataFile(uint32_t pages, uint32_t *newPages) override;

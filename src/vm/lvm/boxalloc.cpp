@@ -14,7 +14,7 @@ constexpr uint32_t kLastClass = BOXLVM_SIZE_CLASSES - 1;
 
 // Step 1: the smallest fitting class that has a free block, split if larger.
 bool TakeFromFreeLists(BlockSpace &space, uint32_t sizeClass, uint32_t *handle) {
-  for (uint32_t k = sizeClass; k <= kLastClass; ++k) {
+  for (uint32_t k = space.FreeListCandidate(sizeClass); k <= kLastClass; k = space.FreeListCandidate(k + 1)) {
     if (!space.FreeListPop(k, handle)) return false;
     if (*handle == BOXLVM_NO_HANDLE) continue;
     if (k > sizeClass && !space.FreeListPush(k - sizeClass - 1, *handle + sizeClass + 1)) return false;

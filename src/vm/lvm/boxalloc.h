@@ -40,6 +40,10 @@ class BlockSpace {
   // *handle to BOXLVM_NO_HANDLE when the list is empty.
   [[nodiscard]] virtual bool FreeListPop(uint32_t sizeClass, uint32_t *handle) = 0;
   [[nodiscard]] virtual bool FreeListPush(uint32_t sizeClass, uint32_t handle) = 0;
+  // The first class from `from` on whose free list may hold a block
+  // (BOXLVM_SIZE_CLASSES when none): the classes skipped are known to have
+  // empty lists. The default knows nothing and returns `from`.
+  virtual uint32_t FreeListCandidate(uint32_t from) { return from; }
   [[nodiscard]] virtual bool ParamGet(uint32_t index, uint32_t *value) = 0;
   [[nodiscard]] virtual bool ParamSet(uint32_t index, uint32_t value) = 0;
   // Grows the data file from `pages` pages (BoxLVMDataGrow).

@@ -33,6 +33,10 @@ struct BoxLVMDataFile {
 
 struct BoxLVMDataFileThreadData {
   alignas(8) uint8_t block[BOXLVM_MAX_BLOCK_SIZE];
+  // Bytes (header and data) of the last block this buffer decoded: the
+  // first read of the next decode asks for that many, so that blocks of one
+  // size cost one read of about their size, not one to the end of the page.
+  uint32_t lastBlockBytes;
 };
 
 namespace qw::box {

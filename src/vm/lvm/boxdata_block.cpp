@@ -1,5 +1,6 @@
 // Box data blocks: encoding, erasing and verified decoding (layout in
 // qwvm/boxdata.h), and the per-thread block buffer they work in.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -28,6 +29,18 @@ Header ParseHeader(const uint8_t *block) {
 uint64_t StampOf(const uint8_t *block, const Header &header) {
   if (header.version == 1) return qw::LoadLE64(block + kOffStamp1);
   return header.length < 20 ? 0 : qw::LoadLE32(block + kHeader0 + 16);
+}
+
+// The first read of a decode: a header and the data of a small value.
+constexpr uint32_t kFirstRead = 256;
+
+uint32_t RoundUpToUnit(uint32_t bytes) { return (bytes + BOXLVM_UNIT_SIZE - 1) / BOXLVM_UNIT_SIZE * BOXLVM_UNIT_SIZE; }
+
+// The error of a read of [handle, handle + size) past the end of the file,
+// raised as BoxLVMDataBlockRead raises it.
+bool RangeInsideFile(const BoxLVMDataFile *file, uint32_t handle, uint32_t size) {
+  if (ByteOffset(handle) + size <= file->size.load()) return true;
+  return QWErrorThrow(EIO, QW_ERROR_CLASS_SYSTEM, "BoxLVMDataBlockRead:unexpected end of file (fd %i)", file->fd);
 }
 
 template <class T>
@@ -104,7 +117,13 @@ QW_API int BoxLVMDataBlockReadDecode(BoxLVMDataFile *file, BoxLVMDataFileThreadD
                                      uint32_t *length, const uint8_t **dataOut) {
   uint8_t *block = threadData->block;
   const uint32_t bytesRead = UnitsToPageEnd(handle) * BOXLVM_UNIT_SIZE;
-  if (!BoxLVMDataBlockRead(file, handle, bytesRead, block))
+  // The block is decoded as if read to the end of its page, but only its
+  // header and data are ever looked at: read first what the last block
+  // decoded here took (at least kFirstRead bytes), then the rest of the data
+  // when this block holds more.
+  const uint32_t guess = std::max(kFirstRead, RoundUpToUnit(threadData->lastBlockBytes));
+  const uint32_t first = std::min(bytesRead, guess);
+  if (!BoxLVMDataBlockRead(file, handle, first, block) || !RangeInsideFile(file, handle, bytesRead))
     return QWErrorRethrow("BoxLVMDataBlockReadDecode: block read failed");
   const Header header = ParseHeader(block);
   if (header.version > 1) return BadHeader("BoxLVMDataBlockReadDecode: invalid block version");
@@ -114,6 +133,13 @@ QW_API int BoxLVMDataBlockReadDecode(BoxLVMDataFile *file, BoxLVMDataFileThreadD
                         header.length, header.id);
   if (check && (header.id != id || header.part != part || header.next != next))
     return BadHeader("BoxLVMDataBlockReadDecode: header data does not match");
+  const uint32_t blockBytes = uint32_t(headerSize) + header.length;
+  threadData->lastBlockBytes = blockBytes;
+  if (blockBytes > first) {
+    const uint32_t rest = RoundUpToUnit(blockBytes) - first;
+    if (!BoxLVMDataBlockRead(file, handle + first / BOXLVM_UNIT_SIZE, rest, block + first))
+      return QWErrorRethrow("BoxLVMDataBlockReadDecode: block read failed");
+  }
   Put(idOut, header.id);
   Put(partOut, header.part);
   Put(nextOut, header.next);

@@ -1,6 +1,7 @@
 // A box bucket's metadata: its arrays, the entry mapping (primary handles
 // and secondary block lists), the params and the free lists as the
 // allocator sees them, and the in-memory lists of what was freed.
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -129,12 +130,29 @@ bool WriteMapping(BoxLVMBucket &bucket, uint32_t local, const std::vector<uint32
 
 bool BucketSpace::FreeListPop(uint32_t sizeClass, uint32_t *handle) {
   *handle = BOXLVM_NO_HANDLE;
+  uint64_t &emptyWord = bucket_.emptyFreeLists[sizeClass / 64];
+  const uint64_t bit = uint64_t(1) << (sizeClass % 64);
+  if (emptyWord & bit) return true;
   const VMAArrayHandle &list = bucket_.meta.freeList[sizeClass];
-  return CellCount(list, NEWGEN) == 0 || CellPop(list, handle);
+  if (CellCount(list, NEWGEN) == 0) {
+    emptyWord |= bit;
+    return true;
+  }
+  return CellPop(list, handle);
 }
 
 bool BucketSpace::FreeListPush(uint32_t sizeClass, uint32_t handle) {
+  bucket_.emptyFreeLists[sizeClass / 64] &= ~(uint64_t(1) << (sizeClass % 64));
   return CellAppend(bucket_.meta.freeList[sizeClass], handle);
+}
+
+uint32_t BucketSpace::FreeListCandidate(uint32_t from) {
+  for (uint32_t word = from / 64; word < BOXLVM_SIZE_CLASSES / 64; ++word) {
+    uint64_t candidates = ~bucket_.emptyFreeLists[word];
+    if (word == from / 64) candidates &= ~uint64_t(0) << (from % 64);
+    if (candidates != 0) return word * 64 + uint32_t(std::countr_zero(candidates));
+  }
+  return BOXLVM_SIZE_CLASSES;
 }
 
 bool BucketSpace::GrowDataFile(uint32_t pages, uint32_t *newPages) {
