@@ -19,6 +19,7 @@ int RunLog(int argc, char **argv);
 int RunLvm(int argc, char **argv);
 int RunSort(int argc, char **argv);
 int RunBox(int argc, char **argv);
+int RunStrTable(int argc, char **argv);
 
 // A decimal unsigned 32-bit number, the whole of `text`.
 inline bool ParseU32(const std::string &text, uint32_t *value) {
@@ -36,5 +37,6 @@ int TourFiles(const char *directory);
 int TourQueries(const char *directory);
 int TourLogged(const char *directory);
 int TourBox(const char *directory);
+int TourStrTable(const char *directory);
 
 }  // namespace qwtool

@@ -22,6 +22,9 @@ void Usage(FILE *out) {
                "  box DIR put ID FILE [--buckets N] | get ID | rm ID | stat | checkpoint | check | dump\n"
                "                                    use and inspect a box (a key/value store) by hand;\n"
                "                                    qwvm box --help tells more\n"
+               "  strtable DIR [--hex] set KEY VALUE | get KEY | rm KEY | list [PREFIX] | checkpoint | stat\n"
+               "                                    use and inspect a string table (byte-string keys and\n"
+               "                                    values) by hand; qwvm strtable --help tells more\n"
                "  log DIR                           dump a log (DIR or DIR/log), one line per record\n"
                "  lvm DIR                           print a logged arena's state and check its log\n"
                "  sort [-r] [-S SIZE] [-T DIR] [--compress] [--parallel N] [-o OUT] [--progress] [FILE...]\n"
@@ -45,6 +48,7 @@ int main(int argc, char **argv) {
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
   if (command == "eval") return qwtool::RunEval(argc - 2, argv + 2);
   if (command == "box") return qwtool::RunBox(argc - 2, argv + 2);
+  if (command == "strtable") return qwtool::RunStrTable(argc - 2, argv + 2);
   if (command == "log") return qwtool::RunLog(argc - 2, argv + 2);
   if (command == "lvm") return qwtool::RunLvm(argc - 2, argv + 2);
   if (command == "sort") return qwtool::RunSort(argc - 2, argv + 2);

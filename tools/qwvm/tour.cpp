@@ -208,6 +208,7 @@ int RunTour(const char *directory) {
   if (status == 0) status = TourQueries(directory);
   if (status == 0) status = TourLogged(directory);
   if (status == 0) status = TourBox(directory);
+  if (status == 0) status = TourStrTable(directory);
   PageCacheFree(cache);
   if (status == 0) std::printf("\ntour complete: everything read back as written\n");
   return status;
