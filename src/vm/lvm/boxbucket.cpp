@@ -2,13 +2,13 @@
 // the data file), delete, and the callbacks its logged arena calls at
 // checkpoints and during recovery.
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "qwvm/qwfile.h"
 #include "util/endian.h"
 #include "vm/lvm/box_internal.h"
+#include "vm/lvm/lvm_internal.h"
 #include "vm/lvm/boxrecord.h"
 #include "vm/olib/common/cells.h"
 
@@ -90,15 +90,10 @@ bool MakeDirectory(const std::string &path, const char *failure) {
   return DirectoryCreateDurably(path.c_str()) || QWErrorRethrow("%s", failure);
 }
 
-// Commits the new metadata arena with crash stops switched off: creation
-// is not a checkpoint and has no stop of its own.
+// Commits the new arena (creation is not a checkpoint: no stop fires).
 bool CommitCreated(BoxLVMBucket &bucket) {
-  const char *stop = std::getenv("QWEXIT");
-  const std::string saved = stop ? stop : "";
-  if (stop) setenv("QWEXIT", "", 1);
-  const bool ok = VMArenaCommit(LoggedVMArenaGet(bucket.lvm), nullptr, nullptr, 1) != 0;
-  if (stop) setenv("QWEXIT", saved.c_str(), 1);
-  return ok || QWErrorRethrow("could not commit metadata arena");
+  return qw::lvm::CommitArenaQuietly(LoggedVMArenaGet(bucket.lvm)) ||
+         QWErrorRethrow("could not commit metadata arena");
 }
 
 // Boxes written before the entry count was kept have two params: count the

@@ -54,20 +54,6 @@ class LogMutex {
   LoggedVM *lvm_;
 };
 
-class BucketLock {
- public:
-  BucketLock(QWRWLock *lock, bool exclusive) : lock_(lock) {
-    if (exclusive) RWLockAcquireWrite_(lock_);
-    else RWLockAcquireRead_(lock_);
-  }
-  ~BucketLock() { RWLockRelease_(lock_); }
-  BucketLock(const BucketLock &) = delete;
-  BucketLock &operator=(const BucketLock &) = delete;
-
- private:
-  QWRWLock *lock_;
-};
-
 template <class T>
 void ResetScratch(std::vector<T> &v) {
   if (v.capacity() > kScratchLimit) std::vector<T>().swap(v);
@@ -79,7 +65,7 @@ uint32_t LocalIndex(const BoxLVMBucket &bucket, uint32_t id) { return id / bucke
 // Step 1: the old entry's handles and, from their headers, their classes.
 bool ReadOldEntry(BoxLVMBucket &bucket, BoxStripe &stripe, uint32_t id, bool *found) {
   {
-    BucketLock shared(bucket.lock, false);
+    qw::lvm::HeldRW shared(bucket.lock, false);
     if (!BoxLVMBucketHandleGet(bucket, LocalIndex(bucket, id), &stripe.oldHandles, found)) return false;
   }
   for (const uint32_t handle : stripe.oldHandles) {
@@ -184,7 +170,7 @@ bool BoxLVMBucketUpdate(BoxLVMBucket &bucket, uint32_t id, uint32_t reserved1, u
     return QWErrorThrow(kBoxInError, QW_ERROR_CLASS_DATA, "could not write block to disk : %s", cause.c_str());
   }
   LogMutex logMutex(bucket.lvm);
-  BucketLock exclusive(bucket.lock, true);
+  qw::lvm::HeldRW exclusive(bucket.lock, true);
   if (!WriteMapping(bucket, local, stripe.newHandles, !remove)) {
     QWErrorRethrow("could not write mapping for entry %i", int(id));
     return PutInError(bucket);
@@ -225,7 +211,7 @@ int BoxLVMBucketGet(BoxLVMBucket &bucket, BoxLVMThreadData *threadData, uint32_t
   const uint64_t ticket = LoggedVMReaderAcquire(bucket.lvm);
   bool found = false, ok;
   {
-    BucketLock shared(bucket.lock, false);
+    qw::lvm::HeldRW shared(bucket.lock, false);
     ok = BoxLVMBucketHandleGet(bucket, LocalIndex(bucket, id), &handles, &found);
   }
   for (size_t i = 0; ok && found && !existsOnly && i < handles.size(); ++i) {

@@ -1,6 +1,5 @@
 // The logged string dictionary: an ID tree in a logged arena, one log
 // record per insertion or deletion, replayed by recovery.
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,20 +40,6 @@ const std::vector<uint32_t> &Widen(LoggedStrDictThreadData *threadData, const vo
   return threadData->wide;
 }
 
-class Locked {
- public:
-  Locked(QWRWLock *lock, bool exclusive) : lock_(lock) {
-    if (exclusive) RWLockAcquireWrite_(lock_);
-    else RWLockAcquireRead_(lock_);
-  }
-  ~Locked() { RWLockRelease_(lock_); }
-  Locked(const Locked &) = delete;
-  Locked &operator=(const Locked &) = delete;
-
- private:
-  QWRWLock *lock_;
-};
-
 bool RefuseReadOnly(const LoggedStrDict *dict) {
   if (!dict->readOnly) return false;
   QWErrorThrow(13, QW_ERROR_CLASS_GENERAL, "cannot change a read-only string dictionary");
@@ -69,7 +54,7 @@ bool AddKey(LoggedStrDict *dict, LoggedStrDictThreadData *threadData, const void
   const std::vector<uint32_t> &wide = Widen(threadData, key, length);
   bool ok = true;
   {
-    Locked exclusive(dict->lock, true);
+    qw::lvm::HeldRW exclusive(dict->lock, true);
     int created = 1;
     *id = IDTreeFind(dict->tree, threadData->tree, wide.data(), length, &created, 0, 1, NEWGEN);
     ok = *id != IDTREE_NO_ID;
@@ -88,7 +73,7 @@ bool FindKey(LoggedStrDict *dict, LoggedStrDictThreadData *threadData, const voi
   const uint64_t ticket = LoggedVMReaderAcquire(dict->lvm);
   const std::vector<uint32_t> &wide = Widen(threadData, key, length);
   {
-    Locked shared(dict->lock, false);
+    qw::lvm::HeldRW shared(dict->lock, false);
     QWErrorClear();  // an absent key leaves no error
     *id = IDTreeFind(dict->tree, threadData->tree, wide.data(), length, nullptr, 0, 1, NEWGEN);
   }
@@ -131,15 +116,9 @@ int Replay(LogReadContext *context, uint64_t first, uint64_t last, void *callbac
   return 1;
 }
 
-// Commits the new arena with crash stops switched off (creation is not a
-// checkpoint).
+// Commits the new arena (creation is not a checkpoint: no stop fires).
 bool CommitCreated(LoggedStrDict *dict) {
-  const char *stop = std::getenv("QWEXIT");
-  const std::string saved = stop ? stop : "";
-  if (stop) setenv("QWEXIT", "", 1);
-  const bool ok = VMArenaCommit(LoggedVMArenaGet(dict->lvm), nullptr, nullptr, 1) != 0;
-  if (stop) setenv("QWEXIT", saved.c_str(), 1);
-  return ok || QWErrorRethrow("could not commit arena");
+  return qw::lvm::CommitArenaQuietly(LoggedVMArenaGet(dict->lvm)) || QWErrorRethrow("could not commit arena");
 }
 
 bool Open(LoggedStrDict *dict, const char *dir, int readOnly) {
@@ -227,7 +206,7 @@ QW_API int LoggedStrDictDelete(LoggedStrDict *dict, LoggedStrDictThreadData *thr
   const std::vector<uint32_t> &wide = Widen(threadData, key, length);
   bool ok;
   {
-    Locked exclusive(dict->lock, true);
+    qw::lvm::HeldRW exclusive(dict->lock, true);
     QWErrorClear();
     const uint64_t id = IDTreeFind(dict->tree, threadData->tree, wide.data(), length, nullptr, 1, 1, NEWGEN);
     ok = id != IDTREE_NO_ID || !QWErrorIsSet();
@@ -248,7 +227,7 @@ QW_API LoggedStrDictEnumeration *LoggedStrDictEnumerationNew(LoggedStrDict *dict
   const uint64_t ticket = LoggedVMReaderAcquire(dict->lvm);
   bool ok;
   {
-    Locked shared(dict->lock, false);
+    qw::lvm::HeldRW shared(dict->lock, false);
     QWErrorClear();
     ok = IDTreeEnumerationInit(dict->tree, walk, wide.data(), length, PITREE_DEPTH_UNLIMITED, NEWGEN) != 0;
     const uint32_t *atom = nullptr;

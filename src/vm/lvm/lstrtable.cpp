@@ -8,6 +8,7 @@
 #include "qwvm/lstrtable.h"
 #include "util/varint.h"
 #include "vm/lvm/box_internal.h"
+#include "vm/lvm/lvm_internal.h"
 
 struct LoggedStrTable {
   std::string dir;
@@ -32,20 +33,6 @@ struct LoggedStrTableEnumeration {
 };
 
 namespace {
-
-class Locked {
- public:
-  Locked(QWRWLock *lock, bool exclusive) : lock_(lock) {
-    if (exclusive) RWLockAcquireWrite_(lock_);
-    else RWLockAcquireRead_(lock_);
-  }
-  ~Locked() { RWLockRelease_(lock_); }
-  Locked(const Locked &) = delete;
-  Locked &operator=(const Locked &) = delete;
-
- private:
-  QWRWLock *lock_;
-};
 
 // The box entry of `id`, split into its key and value; false when the id
 // has no entry or an empty one. The box read must succeed.
@@ -157,7 +144,7 @@ QW_API int LoggedStrTableGet(LoggedStrTable *table, LoggedStrTableThreadData *th
 
 QW_API int LoggedStrTableSet(LoggedStrTable *table, LoggedStrTableThreadData *threadData, const void *key,
                              uint32_t length, const void *value, uint32_t valueLength) {
-  Locked shared(table->lock, false);
+  qw::lvm::HeldRW shared(table->lock, false);
   uint64_t id = LSTRDICT_NO_ID;
   if (!LoggedStrDictLookup(table->dict, threadData->dict, key, length, 1, &id)) return 0;
   if (id == LSTRDICT_NO_ID) return 1;  // the dictionary has reported it
@@ -176,7 +163,7 @@ QW_API int LoggedStrTableSet(LoggedStrTable *table, LoggedStrTableThreadData *th
 
 QW_API int LoggedStrTableDelete(LoggedStrTable *table, LoggedStrTableThreadData *threadData, const void *key,
                                 uint32_t length) {
-  Locked shared(table->lock, false);
+  qw::lvm::HeldRW shared(table->lock, false);
   uint64_t id = LSTRDICT_NO_ID;
   if (!LoggedStrDictLookup(table->dict, threadData->dict, key, length, 0, &id)) return 0;
   if (id == LSTRDICT_NO_ID) return 1;
@@ -186,8 +173,8 @@ QW_API int LoggedStrTableDelete(LoggedStrTable *table, LoggedStrTableThreadData 
 }
 
 QW_API int LoggedStrTableCheckpoint(LoggedStrTable *table, int commit) {
-  std::unique_ptr<Locked> exclusive;
-  if (commit) exclusive = std::make_unique<Locked>(table->lock, true);
+  std::unique_ptr<qw::lvm::HeldRW> exclusive;
+  if (commit) exclusive = std::make_unique<qw::lvm::HeldRW>(table->lock, true);
   const char *dir = table->dir.c_str();
   QWCrashPoint("lstrtablecheckpoint0", dir);
   if (!BoxLVMSerialGet(table->box, &table->serials)) return 0;

@@ -31,6 +31,10 @@ void LoggedVMWaiterSetError(LoggedVMWaiter *waiter);
 [[nodiscard]] int ArenaSerialRead(LoggedVM *lvm, uint64_t *serial);
 [[nodiscard]] int ArenaSerialStore(LoggedVM *lvm, uint64_t serial);
 
+// Commits the arena with no crash stop firing meanwhile (recovery and the
+// creation of a store are not checkpoints and have no stops of their own).
+[[nodiscard]] bool CommitArenaQuietly(VMArena *arena);
+
 // A callback that may be absent (then it succeeds).
 inline int Call(LoggedVMCallback callback, void *context) { return callback == nullptr || callback(context); }
 
@@ -48,6 +52,21 @@ class Held {
 
  private:
   QWMutex *mutex_;
+};
+
+// Holds a QWRWLock for a scope, shared or exclusive.
+class HeldRW {
+ public:
+  HeldRW(QWRWLock *lock, bool exclusive) : lock_(lock) {
+    if (exclusive) RWLockAcquireWrite_(lock_);
+    else RWLockAcquireRead_(lock_);
+  }
+  ~HeldRW() { RWLockRelease_(lock_); }
+  HeldRW(const HeldRW &) = delete;
+  HeldRW &operator=(const HeldRW &) = delete;
+
+ private:
+  QWRWLock *lock_;
 };
 
 }  // namespace qw::lvm

@@ -14,6 +14,16 @@
 #include "vm/lvm/lvm_internal.h"
 
 namespace qw::lvm {
+
+bool CommitArenaQuietly(VMArena *arena) {
+  const char *saved = std::getenv("QWEXIT");
+  const std::string keep = saved ? saved : "";
+  QWSetEnvironmentVariable("QWEXIT", "");
+  const bool ok = VMArenaCommit(arena, nullptr, nullptr, 1) != 0;
+  QWSetEnvironmentVariable("QWEXIT", saved ? keep.c_str() : nullptr);
+  return ok;
+}
+
 namespace {
 
 constexpr uint64_t kProgressMilliseconds = 5000;
@@ -40,12 +50,7 @@ void Observe(void *context, uint64_t serial) {
 // Commits the arena with `serial` as its arena serial, with no crash stop
 // firing meanwhile.
 [[nodiscard]] int CommitQuietly(LoggedVM *lvm, uint64_t serial) {
-  const char *saved = std::getenv("QWEXIT");
-  const std::string keep = saved ? saved : "";
-  QWSetEnvironmentVariable("QWEXIT", "");
-  const int ok = ArenaSerialStore(lvm, serial) && VMArenaCommit(lvm->arena, nullptr, nullptr, 1);
-  QWSetEnvironmentVariable("QWEXIT", saved ? keep.c_str() : nullptr);
-  return ok ? 1 : QWErrorRethrow("could not commit arena");
+  return ArenaSerialStore(lvm, serial) && CommitArenaQuietly(lvm->arena) ? 1 : QWErrorRethrow("could not commit arena");
 }
 
 [[nodiscard]] int RecoverWith(LoggedVM *lvm, LogReadContext *context, uint64_t arenaSerial, uint64_t last) {
