@@ -1,7 +1,4 @@
 // The program's varint and the little- and big-endian codecs.
-#include <cstdint>
-#include <random>
-#include <vector>
 
 #include "support/test_support.h"
 #include "util/endian.h"

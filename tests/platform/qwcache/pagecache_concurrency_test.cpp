@@ -2,10 +2,8 @@
 // want them, claimed pages waited for, write-back under eviction pressure,
 // flush and invalidation racing with readers, failing loads with waiters.
 // CI runs these suites again under ThreadSanitizer.
-#include <atomic>
 #include <barrier>
 #include <mutex>
-#include <random>
 #include <shared_mutex>
 #include <thread>
 

@@ -6,13 +6,9 @@
 
 #include <fcntl.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
-#include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/platform_support.h"
 

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <random>
 #include <set>
 
 #include "support/platform_support.h"

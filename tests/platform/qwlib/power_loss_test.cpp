@@ -6,12 +6,8 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "support/fault_support.h"
 #include "support/platform_support.h"
@@ -247,33 +243,6 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
       EXPECT_EQ(ReadFileBytes(P(kind.name)), after) << "same seed, different result";
     }
     EXPECT_TRUE(outcomes[Kept] && outcomes[Dropped] && outcomes[Garbled]) << kind.name;
-  }
-}
-
-// Garbled name operations stay consistent: an operation on a name that a
-// lost operation produced is lost too, so every outcome is the state after
-// some prefix of the operations.
-TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
-  const struct {
-    DiskState before;
-    Workload workload;
-    std::set<DiskState> allowed;  // the states some prefix of the operations leaves
-  } scenarios[] = {
-      {{{"target", "OLD"}},  // create then rename over a file
-       [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
-       {{{"target", "OLD"}}, {{"target", "OLD"}, {"tmp", "NEW"}}, {{"target", "NEW"}}}},
-      {{{"a", "A"}, {"b", "B"}},  // chained renames
-       [&] { return FileRename(C("a"), C("b")) && FileRename(C("b"), C("c")); },
-       {{{"a", "A"}, {"b", "B"}}, {{"b", "A"}}, {{"c", "A"}}}},
-  };
-  for (const auto &scenario : scenarios) {
-    std::set<DiskState> seen;
-    for (uint64_t seed = 0; seed < 24; ++seed) {
-      RunThenLosePower(scenario.before, scenario.workload, PowerLoss::Garble, seed);
-      EXPECT_TRUE(scenario.allowed.count(State())) << "seed " << seed << testing::PrintToString(State());
-      seen.insert(State());
-    }
-    EXPECT_EQ(seen, scenario.allowed);
   }
 }
 

@@ -5,9 +5,7 @@
 // is the fault campaign's, through its logged workloads.)
 #include <barrier>
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/qwutil/bytes.h"
 #include "support/platform_support.h"

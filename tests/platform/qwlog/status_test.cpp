@@ -4,9 +4,6 @@
 // old or the new file, never a torn one.
 #include <cstdio>
 #include <map>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "support/platform_support.h"
 
@@ -142,12 +139,8 @@ TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
 TEST_F(StatusTest, GarbledFilesAreRejected) {
   const std::string body = "qwvm status 1\n7 70\n9 90\n", whole = WithEnd(body, 2);
   const std::pair<const char *, std::string> cases[] = {
-      {"empty file", ""},
       {"other format", WithEnd("qwvm status 2\n", 0)},
-      {"no end line", body},
-      {"end without newline", whole.substr(0, whole.size() - 1)},
       {"wrong count", WithEnd(body, 3)},
-      {"wrong checksum", body + "end 2 00000000\n"},
       {"upper-case checksum", WithEnd(body, 2, "%08X")},
       {"data after end", whole + "x"},
       {"out of order", WithEnd("qwvm status 1\n9 90\n7 70\n", 2)},
@@ -164,7 +157,8 @@ TEST_F(StatusTest, GarbledFilesAreRejected) {
     WriteFileBytes(path("status"), content);
     ExpectMalformed(label);
   }
-  // Every single flipped bit and every truncation of a valid file is caught.
+  // Every single flipped bit and every truncation of a valid file (so an
+  // empty file, a missing end line or newline, a wrong checksum) is caught.
   Start({{1, 11}, {98, 4}, {99, 1}, {4000000000u, 18446744073709551615ull}});
   const std::string valid = ReadFileBytes(path("status"));
   for (size_t i = 0; i < valid.size(); ++i) {

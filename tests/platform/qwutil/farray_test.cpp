@@ -2,7 +2,6 @@
 // std::vector model; allocator calls; argument checks.
 #include <algorithm>
 #include <cstring>
-#include <random>
 
 #include "support/test_support.h"
 

@@ -7,13 +7,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/test_support.h"
 
