@@ -1,5 +1,5 @@
-// Arena blocks: size classes, ids, allocation, copy-on-write across commits,
-// and a randomized model test with reopenings in every access mode.
+// Arena blocks: size classes, ids, allocation, and a model test of
+// copy-on-write across commits and reopenings in every access mode.
 #include <map>
 
 #include "arena_fixture.h"
@@ -48,9 +48,8 @@ TEST_F(ArenaTest, FreedSmallBlockIsReusedFirstAndSlotsShareAServerBlock) {
   EXPECT_EQ(slotB, slotA + 1);
   VMArenaBlockFree(arena, a, 0);
   EXPECT_EQ(VMArenaBlockNew(arena, 0, 64, nullptr, 0), a);
-  // 128 slots of 64 bytes fill one server block (the name service may hold
-  // some of them already); the next one comes from the other bucket (round
-  // robin).
+  // 128 slots of 64 bytes fill a server block (the name service may hold
+  // some); the next comes from the other bucket (round robin).
   uint32_t bucketNext = bucketA, blockNext = blockA;
   for (int i = 0; i < 128 && bucketNext == bucketA && blockNext == blockA; ++i)
     VMABlockInfoGet(arena, VMArenaBlockNew(arena, 0, i % 2 ? 50 : 64, nullptr, 0), nullptr, &bucketNext, &blockNext,
@@ -58,20 +57,7 @@ TEST_F(ArenaTest, FreedSmallBlockIsReusedFirstAndSlotsShareAServerBlock) {
   EXPECT_NE(bucketA, bucketNext);
 }
 
-TEST_F(ArenaTest, BadBlockRequestsAreAssertions) {
-  GTEST_FLAG_SET(death_test_style, "fast");  // the child must tag this test's directory
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
-  EXPECT_DEATH(VMArenaBlockNew(arena, 0, 8193, nullptr, 0), "size <= ARENA_MAX_BLOCK_SIZE");
-  EXPECT_TRUE(Tagged());
-  EXPECT_DEATH(VMArenaDataAcquire(arena, 0x10, 0, 2, 1, nullptr, nullptr), "FALSE");
-  std::filesystem::remove(path("arena/corrupted"));
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_READ_ONLY, 1)) << QWErrorMessage();
-  EXPECT_DEATH(VMArenaBlockNew(arena, 0, 64, nullptr, 0), "!arena->readOnly");
-}
-
-// Random allocations, writes, frees and commits against a model, with
-// reopenings (uncommitted changes are dropped by a close); a block written
-// since the commit is not in the old generation.
+// Random allocations, writes, frees, commits and reopenings against a model.
 class ArenaModes : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
 
 TEST_P(ArenaModes, RandomBlocksMatchTheModelAcrossCommitsAndReopens) {
