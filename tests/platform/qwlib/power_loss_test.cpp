@@ -246,6 +246,33 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
   }
 }
 
+// Garbled name operations stay consistent: an operation on a name that a
+// lost operation produced is lost too, so every outcome is the state after
+// some prefix of the operations.
+TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
+  const struct {
+    DiskState before;
+    Workload workload;
+    std::set<DiskState> allowed;  // the states some prefix of the operations leaves
+  } scenarios[] = {
+      {{{"target", "OLD"}},  // create then rename over a file
+       [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
+       {{{"target", "OLD"}}, {{"target", "OLD"}, {"tmp", "NEW"}}, {{"target", "NEW"}}}},
+      {{{"a", "A"}, {"b", "B"}},  // chained renames
+       [&] { return FileRename(C("a"), C("b")) && FileRename(C("b"), C("c")); },
+       {{{"a", "A"}, {"b", "B"}}, {{"b", "A"}}, {{"c", "A"}}}},
+  };
+  for (const auto &scenario : scenarios) {
+    std::set<DiskState> seen;
+    for (uint64_t seed = 0; seed < 24; ++seed) {
+      RunThenLosePower(scenario.before, scenario.workload, PowerLoss::Garble, seed);
+      EXPECT_TRUE(scenario.allowed.count(State())) << "seed " << seed << testing::PrintToString(State());
+      seen.insert(State());
+    }
+    EXPECT_EQ(seen, scenario.allowed);
+  }
+}
+
 // Versions of "data" committed by write-new, sync, rename, sync-directory,
 // and a mapped counter page synced after each commit. Stops normally after
 // `stopAfterSyncs` syncs (0: runs to the end).
