@@ -245,6 +245,7 @@ TEST_F(PageCacheTest, KeepHintsDelayEviction) {
     EXPECT_EQ(Resident(f, base), keep == 1);
     EXPECT_TRUE(keep == 0 || !Resident(f, base + 1));
   }
+  EXPECT_EQ(Stats().writes, 0u);  // clean victims are not written back
 }
 
 TEST_F(PageCacheTest, PrefetchBringsPagesInUnpinned) {
@@ -272,6 +273,8 @@ TEST_F(PageCacheTest, PrefetchBringsPagesInUnpinned) {
   EXPECT_EQ(PageCachePrefetch(cache_, Id(f), 0, 20 * kPage), 1);
   EXPECT_FALSE(QWErrorIsSet());
   for (void *pin : pins) Release(pin);
+  ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
+  EXPECT_EQ(ReadFileBytes(files_[f].path).size(), 10 * kPage + 100);  // pages read past the end were not written
 }
 
 TEST_F(PageCacheTest, RegistrationAndUnregistration) {
