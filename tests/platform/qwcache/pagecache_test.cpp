@@ -1,6 +1,7 @@
-// Single-threaded behaviour of the page cache: sizing, hits and misses, the
-// claim/SetValid protocol, write-back by eviction and flush, invalidation,
-// pinning, hints, registration, I/O failures and a randomized model test.
+// Single-threaded behaviour of the page cache: sizing, arguments, the
+// claim/SetValid protocol, flush, invalidation, pinning, hints, prefetch,
+// registration, I/O failures, and a randomized model test (hits, misses and
+// eviction with write-back through a cache smaller than its files).
 #include <set>
 
 #include "pagecache_fixture.h"
