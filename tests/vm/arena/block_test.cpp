@@ -1,7 +1,5 @@
-// Arena blocks: size classes, ids, allocation, and a model test of
-// copy-on-write across commits and reopenings in every access mode.
-#include <map>
-
+// Arena blocks: size classes, ids, allocation. Copy-on-write across commits
+// and reopenings: ArraysModel (every mode), the crash matrix and the campaign.
 #include "arena_fixture.h"
 
 namespace {
@@ -56,55 +54,5 @@ TEST_F(ArenaTest, FreedSmallBlockIsReusedFirstAndSlotsShareAServerBlock) {
                     nullptr);
   EXPECT_NE(bucketA, bucketNext);
 }
-
-// Random allocations, writes, frees, commits and reopenings against a model.
-class ArenaModes : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
-
-TEST_P(ArenaModes, RandomBlocksMatchTheModelAcrossCommitsAndReopens) {
-  const Mode &mode = GetParam();
-  std::mt19937 random(2024);
-  std::map<uint64_t, uint32_t> committed, current;  // id -> tag
-  ASSERT_TRUE(Reopen(mode, VM_FLAG_CREATE, 3)) << QWErrorMessage();
-  uint32_t tag = 1;
-  for (int round = 0; round < 12; ++round) {
-    for (int step = 0; step < 150; ++step) {
-      const int op = int(random() % 10);
-      if (op < 5 || current.empty()) {
-        const uint64_t id = VMArenaBlockNew(arena, 0, random() % 3 == 0 ? 8192 : 1 + random() % 8192, nullptr, 0);
-        ASSERT_NE(id, INVALID_VMARENA_BLOCK_ID) << QWErrorMessage();
-        ASSERT_EQ(current.count(id), 0u) << "id handed out twice";
-        Fill(arena, id, ++tag);
-        current[id] = tag;
-        continue;
-      }
-      auto it = std::next(current.begin(), long(random() % current.size()));
-      if (op < 8) {
-        Fill(arena, it->first, ++tag);
-        it->second = tag;
-        if (committed.count(it->first)) {
-          ASSERT_TRUE(Holds(arena, it->first, OLDGEN, committed[it->first])) << "a write reached the old generation";
-        }
-      } else {
-        VMArenaBlockFree(arena, it->first, 0);
-        current.erase(it);
-      }
-    }
-    for (const auto &[id, t] : current) ASSERT_TRUE(Holds(arena, id, NEWGEN, t)) << round;
-    for (const auto &[id, t] : committed) ASSERT_TRUE(Holds(arena, id, OLDGEN, t)) << "old generation changed";
-    if (round % 3 == 2) {  // drop the uncommitted round
-      ASSERT_TRUE(Reopen(mode, 0, 3)) << QWErrorMessage();
-      current = committed;
-      continue;
-    }
-    ASSERT_TRUE(Commit()) << QWErrorMessage();
-    committed = current;
-    if (round % 4 == 3) {
-      ASSERT_TRUE(Reopen(mode, 0, 3)) << QWErrorMessage();
-    }
-    for (const auto &[id, t] : committed) ASSERT_TRUE(Holds(arena, id, OLDGEN, t)) << round;
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(AllModes, ArenaModes, ::testing::ValuesIn(kModes), ModeName);
 
 }  // namespace
