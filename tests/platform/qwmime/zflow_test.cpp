@@ -1,9 +1,6 @@
-// Compression stream: round trips in each wrapping and level, reuse of one
+// Compression stream: round trips in each wrapping and level on one reused
 // stream, and the errors for damaged input and bad settings.
-#include <random>
-#include <string>
 
-#include "qwvm/qwvm.h"
 #include "support/test_support.h"
 
 namespace {
@@ -17,46 +14,36 @@ std::string Pass(ZFlow *flow, bool compress, const std::string &in, int format, 
   return result;
 }
 
-TEST(ZFlowTest, RoundTripsInEveryFormatAndLevel) {
+TEST(ZFlowTest, RoundTripsAndDamagedInput) {
   std::mt19937 random(1);
   std::string noise(100000, '\0'), text;
   for (char &c : noise) c = char(random());
   for (int i = 0; i < 20000; ++i) text += "line " + std::to_string(i % 97) + "\n";
   ZFlow *flow = ZFlowNewCompress(2, 6);
   ASSERT_NE(flow, nullptr);
+  bool ok = false;
   for (const std::string &input : {std::string(), text, noise})
     for (int format : {ZFLOW_FORMAT_RAW, ZFLOW_FORMAT_ZLIB, ZFLOW_FORMAT_GZIP})
       for (int level : {0, 1, 6, 9}) {
-        bool ok = false;
         const std::string packed = Pass(flow, true, input, format, level, &ok);
         ASSERT_TRUE(ok) << QWErrorMessage();
-        if (level > 0 && input == text) {
-          EXPECT_LT(packed.size(), input.size() / 10);
-        }
+        EXPECT_TRUE(level == 0 || input != text || packed.size() < input.size() / 10);
         EXPECT_EQ(Pass(flow, false, packed, format, level, &ok), input);
         EXPECT_TRUE(ok) << QWErrorMessage();
       }
-  ZFlowDelete(flow);
-}
-
-TEST(ZFlowTest, DamagedInputAndBadSettingsFail) {
-  ZFlow *flow = ZFlowNewCompress(2, 6);
-  bool ok = true;
+  ZFlowDelete(flow);  // a fresh stream: compressing with its own settings resets it
+  flow = ZFlowNewCompress(2, 6);
   const std::string packed = Pass(flow, true, std::string(5000, 'x') + "tail", 2, 6, &ok);
-  ASSERT_TRUE(ok);
-  struct Case {
-    std::string input;
-    const char *text;
-  } cases[] = {
+  const std::pair<std::string, const char *> cases[] = {
       {packed.substr(0, packed.size() - 3), "damaged compressed data"},
       {packed + "!", "damaged compressed data: bytes after the end"},
       {std::string(packed).replace(12, 1, "\xff"), "damaged compressed data"},
   };
-  for (const Case &c : cases) {
-    Pass(flow, false, c.input, 2, 6, &ok);
+  for (const auto &[input, text] : cases) {
+    Pass(flow, false, input, 2, 6, &ok);
     EXPECT_FALSE(ok);
     EXPECT_EQ(QWErrorCode(), 74);
-    EXPECT_NE(std::string(ZFlowGetLastError(flow)).find(c.text), std::string::npos) << ZFlowGetLastError(flow);
+    EXPECT_NE(std::string(ZFlowGetLastError(flow)).find(text), std::string::npos) << ZFlowGetLastError(flow);
   }
   EXPECT_FALSE(ZFlowSetCompress(flow, 1, 3, 6));
   EXPECT_FALSE(ZFlowSetCompress(flow, 1, 2, 10));

@@ -1,14 +1,10 @@
-// Fixture of the arena tests: arenas opened in each access mode, blocks
-// filled with bytes derived from (tag, id), and whole-array reads that check
-// every range end against the block layout.
+// Arena tests: arenas in each access mode, blocks filled from (tag, id), and
+// whole-array reads that check every range end against the block layout.
 #pragma once
 
 #include <algorithm>
-#include <cstdint>
 #include <filesystem>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "qwvm/vmaarray.h"
 #include "qwvm/vmarena.h"
@@ -17,8 +13,7 @@
 
 namespace arenatest {
 
-// How an arena is opened: flags, and serials 0,0 at creation instead of
-// STATUS_NO_SERIAL.
+// serialised: serials 0,0 at creation instead of STATUS_NO_SERIAL.
 struct Mode {
   const char *name;
   uint32_t flags;
@@ -36,7 +31,6 @@ inline uint8_t PatternByte(uint32_t tag, uint64_t id, uint32_t i) {
   return uint8_t((tag * 131u) ^ (id * 2654435761u >> 7) ^ (i * 31u));
 }
 
-// Fills an arena block with the bytes of (tag, id).
 inline void Fill(VMArena *arena, uint64_t id, uint32_t tag) {
   uint32_t size = 0;
   auto *bytes = static_cast<uint8_t *>(VMArenaDataAcquire(arena, id, 0, NEWGEN, 0, &size, nullptr));
@@ -45,7 +39,6 @@ inline void Fill(VMArena *arena, uint64_t id, uint32_t tag) {
   VMArenaDataRelease(arena, id, 0, bytes, 0, 0);
 }
 
-// True when the block in `generation` holds exactly the bytes of Fill(tag).
 inline bool Holds(VMArena *arena, uint64_t id, uint32_t generation, uint32_t tag) {
   uint32_t size = 0;
   auto *bytes = static_cast<uint8_t *>(VMArenaDataAcquire(arena, id, 0, generation, 1, &size, nullptr));
@@ -56,30 +49,24 @@ inline bool Holds(VMArena *arena, uint64_t id, uint32_t generation, uint32_t tag
   return same;
 }
 
-// How many of `ids` hold `tag` in `generation`.
 inline size_t CountHolding(VMArena *arena, const std::vector<uint64_t> &ids, uint32_t generation, uint32_t tag) {
   return size_t(std::count_if(ids.begin(), ids.end(), [&](uint64_t id) { return Holds(arena, id, generation, tag); }));
 }
 
-// qwtest::ArenaDirTest with the arena's own modes (serialised, extents) and
-// serials kept across commits.
+// ArenaDirTest with the arena's own modes and serials kept across commits.
 class ArenaTest : public qwtest::ArenaDirTest {
  protected:
   ArenaTest() { cacheBytes = 4 << 20; }  // small enough that pages get evicted
-  // Opens dir()/arena (or `directory`) with the mode's flags plus `flags`;
-  // serialised modes open the serials in serialOld/serialNew.
   VMArena *Open(const Mode &mode, uint32_t flags = VM_FLAG_CREATE, uint32_t buckets = 2,
                 const std::string &directory = "") {
     const uint64_t o = mode.serialised ? serialOld : STATUS_NO_SERIAL, n = mode.serialised ? serialNew : STATUS_NO_SERIAL;
     return VMArenaOpen((directory.empty() ? arenaDir() : directory).c_str(), mode.flags | flags, buckets, o, n, nullptr,
                        cache);
   }
-  // Closes `arena` and opens it again; false with the error chain set.
   bool Reopen(const Mode &mode, uint32_t flags = 0, uint32_t buckets = 2) {
     CloseArena();
     return (arena = Open(mode, flags, buckets)) != nullptr;
   }
-  // Commits `on` (default `arena`), keeping serialOld/serialNew in step.
   bool Commit(VMArena *on = nullptr) {
     uint64_t o = 0, n = 0;
     if (!VMArenaCommit(on ? on : arena, &o, &n, 0)) return false;
@@ -91,15 +78,13 @@ class ArenaTest : public qwtest::ArenaDirTest {
   uint64_t serialOld = 0, serialNew = 0;
 };
 
-// Arena arrays.
 inline const qw::vm::ArrayRecord *Record(VMArena *arena, uint32_t id) {
   return static_cast<const qw::vm::ArrayRecord *>(FArrayNth(&arena->arrays, id));
 }
 inline uint8_t TypeOf(VMArena *arena, uint32_t id) { return Record(arena, id)->type; }
 inline uint32_t ClassSizeOf(uint64_t blockId) { return qw::vm::kClassSizes[blockId & 0xF]; }
 
-// Bytes of the whole array in `gen`. Every range must end where its block's
-// elements end, clipped to the length.
+// The whole array in `gen`; every range must end where its block ends.
 inline Bytes ReadAll(VMArena *arena, uint32_t id, uint32_t gen, uint32_t elementSize) {
   Bytes out;
   const uint32_t length = VMAArrayLength_(arena, id, gen), perBlock = kBlock / elementSize;
@@ -125,9 +110,8 @@ inline Bytes ReadAll(VMArena *arena, uint32_t id, uint32_t gen, uint32_t element
   return out;
 }
 
-// The layout rules of an ordinary array: full blocks only (type 1), full
-// blocks and a last one of any class (type 2), nothing (type 0); the blocks
-// hold the length.
+// Layout rules: full blocks only (type 1), full blocks and a last one of any
+// class (type 2), nothing (type 0); the blocks hold the length.
 inline void ExpectLayout(VMArena *arena, uint32_t id, uint32_t elementSize) {
   const qw::vm::ArrayRecord *array = Record(arena, id);
   const uint32_t blocks = uint32_t(FArrayLength(&array->blockID));
@@ -139,9 +123,7 @@ inline void ExpectLayout(VMArena *arena, uint32_t id, uint32_t elementSize) {
     }
     capacity += b + 1 < blocks ? kBlock / elementSize : size / elementSize;
   }
-  if (array->type == EMPTY_ARRAY_TYPE) {
-    EXPECT_EQ(blocks, 0u);
-  }
+  if (array->type == EMPTY_ARRAY_TYPE) { EXPECT_EQ(blocks, 0u); }
   EXPECT_LE(array->length, capacity) << "array " << id;
   EXPECT_EQ(FArrayLength(&array->blockCache), 0u);  // no address caching
 }

@@ -1,7 +1,5 @@
-// Arena blocks: size classes, ids, allocation, copy-on-write across commits,
-// and a randomized model test with reopenings in every access mode.
-#include <map>
-
+// Arena blocks: size classes, ids, allocation. Copy-on-write across commits
+// and reopenings: ArraysModel (every mode), the crash matrix and the campaign.
 #include "arena_fixture.h"
 
 namespace {
@@ -48,77 +46,13 @@ TEST_F(ArenaTest, FreedSmallBlockIsReusedFirstAndSlotsShareAServerBlock) {
   EXPECT_EQ(slotB, slotA + 1);
   VMArenaBlockFree(arena, a, 0);
   EXPECT_EQ(VMArenaBlockNew(arena, 0, 64, nullptr, 0), a);
-  // 128 slots of 64 bytes fill one server block (the name service may hold
-  // some of them already); the next one comes from the other bucket (round
-  // robin).
+  // 128 slots of 64 bytes fill a server block (the name service may hold
+  // some); the next comes from the other bucket (round robin).
   uint32_t bucketNext = bucketA, blockNext = blockA;
   for (int i = 0; i < 128 && bucketNext == bucketA && blockNext == blockA; ++i)
     VMABlockInfoGet(arena, VMArenaBlockNew(arena, 0, i % 2 ? 50 : 64, nullptr, 0), nullptr, &bucketNext, &blockNext,
                     nullptr);
   EXPECT_NE(bucketA, bucketNext);
 }
-
-TEST_F(ArenaTest, BadBlockRequestsAreAssertions) {
-  GTEST_FLAG_SET(death_test_style, "fast");  // the child must tag this test's directory
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
-  EXPECT_DEATH(VMArenaBlockNew(arena, 0, 8193, nullptr, 0), "size <= ARENA_MAX_BLOCK_SIZE");
-  EXPECT_TRUE(Tagged());
-  EXPECT_DEATH(VMArenaDataAcquire(arena, 0x10, 0, 2, 1, nullptr, nullptr), "FALSE");
-  std::filesystem::remove(path("arena/corrupted"));
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_READ_ONLY, 1)) << QWErrorMessage();
-  EXPECT_DEATH(VMArenaBlockNew(arena, 0, 64, nullptr, 0), "!arena->readOnly");
-}
-
-// Random allocations, writes, frees and commits against a model, with
-// reopenings (uncommitted changes are dropped by a close); a block written
-// since the commit is not in the old generation.
-class ArenaModes : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
-
-TEST_P(ArenaModes, RandomBlocksMatchTheModelAcrossCommitsAndReopens) {
-  const Mode &mode = GetParam();
-  std::mt19937 random(2024);
-  std::map<uint64_t, uint32_t> committed, current;  // id -> tag
-  ASSERT_TRUE(Reopen(mode, VM_FLAG_CREATE, 3)) << QWErrorMessage();
-  uint32_t tag = 1;
-  for (int round = 0; round < 12; ++round) {
-    for (int step = 0; step < 150; ++step) {
-      const int op = int(random() % 10);
-      if (op < 5 || current.empty()) {
-        const uint64_t id = VMArenaBlockNew(arena, 0, random() % 3 == 0 ? 8192 : 1 + random() % 8192, nullptr, 0);
-        ASSERT_NE(id, INVALID_VMARENA_BLOCK_ID) << QWErrorMessage();
-        ASSERT_EQ(current.count(id), 0u) << "id handed out twice";
-        Fill(arena, id, ++tag);
-        current[id] = tag;
-        continue;
-      }
-      auto it = std::next(current.begin(), long(random() % current.size()));
-      if (op < 8) {
-        Fill(arena, it->first, ++tag);
-        it->second = tag;
-        if (committed.count(it->first)) {
-          ASSERT_TRUE(Holds(arena, it->first, OLDGEN, committed[it->first])) << "a write reached the old generation";
-        }
-      } else {
-        VMArenaBlockFree(arena, it->first, 0);
-        current.erase(it);
-      }
-    }
-    for (const auto &[id, t] : current) ASSERT_TRUE(Holds(arena, id, NEWGEN, t)) << round;
-    for (const auto &[id, t] : committed) ASSERT_TRUE(Holds(arena, id, OLDGEN, t)) << "old generation changed";
-    if (round % 3 == 2) {  // drop the uncommitted round
-      ASSERT_TRUE(Reopen(mode, 0, 3)) << QWErrorMessage();
-      current = committed;
-      continue;
-    }
-    ASSERT_TRUE(Commit()) << QWErrorMessage();
-    committed = current;
-    if (round % 4 == 3) {
-      ASSERT_TRUE(Reopen(mode, 0, 3)) << QWErrorMessage();
-    }
-    for (const auto &[id, t] : committed) ASSERT_TRUE(Holds(arena, id, OLDGEN, t)) << round;
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(AllModes, ArenaModes, ::testing::ValuesIn(kModes), ModeName);
 
 }  // namespace

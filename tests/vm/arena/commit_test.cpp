@@ -1,6 +1,6 @@
-// Commit: the crash matrix (a child stopped at every stop point, in every
-// access mode, with blocks and named arrays changed), forced errors, and
-// readers of the old generation during commits.
+// Commit: the crash matrix (a child stopped at every stop, in every access
+// mode, with blocks and named arrays changed) and forced errors. Power loss
+// and I/O errors: the fault campaign and io_error_test.
 #include <filesystem>
 
 #include "arena_fixture.h"
@@ -27,8 +27,7 @@ struct CrashCase {
 
 class CrashMatrix : public ArenaTest, public ::testing::WithParamInterface<CrashCase> {
  protected:
-  // The committed state every case starts from: blocks of many classes with
-  // tag 1 and three named arrays.
+  // The committed start: blocks of many classes with tag 1, three named arrays.
   void Prepare(const Mode &mode) {
     ASSERT_TRUE(Reopen(mode, VM_FLAG_CREATE)) << QWErrorMessage();
     for (uint32_t i = 0; i < 60; ++i) {
@@ -52,8 +51,8 @@ class CrashMatrix : public ArenaTest, public ::testing::WithParamInterface<Crash
       bytes.insert(bytes.end(), more.begin(), more.end());
     }
   }
-  // The new generation the child commits: every block rewritten with tag 2,
-  // some added; an insert and a growth in each array; a new name.
+  // What the child commits: every block rewritten with tag 2, some added; an
+  // insert and a growth in each array; a new name.
   bool WriteNewGeneration() {
     for (uint64_t id : ids) Fill(arena, id, 2);
     for (int i = 0; i < 10; ++i) Fill(arena, VMArenaBlockNew(arena, 0, 100 + 800 * i, nullptr, 0), 2);
@@ -70,9 +69,7 @@ class CrashMatrix : public ArenaTest, public ::testing::WithParamInterface<Crash
   uint32_t Find(uint32_t gen, const std::string &name) {
     return VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 1, nullptr, 0, kBlock);
   }
-  // All blocks hold `tag` in the committed generation of `on`: never a mix.
   void ExpectAll(VMArena *on, uint32_t tag) { EXPECT_EQ(CountHolding(on, ids, OLDGEN, tag), ids.size()) << tag; }
-  // A read-only open sees `tag`, or is refused while a commit is marked.
   void ExpectReadOnly(const Mode &mode, bool marked, uint32_t tag) {
     VMArena *readOnly = Open(mode, VM_FLAG_READ_ONLY);
     EXPECT_EQ(readOnly != nullptr, !marked) << QWErrorMessage();
@@ -169,43 +166,5 @@ TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0));
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 60));
 }
-
-// Readers of the committed generation, under the generation lock, see one
-// whole commit at a time while a writer commits over and over.
-class ArenaConcurrency : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
-
-TEST_P(ArenaConcurrency, OldGenerationReadersNeverSeeAMixDuringCommits) {
-  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE)) << QWErrorMessage();
-  std::vector<uint64_t> ids;
-  for (int i = 0; i < 24; ++i) {
-    ids.push_back(VMArenaBlockNew(arena, 0, i % 2 ? 8192 : 700, nullptr, 0));
-    Fill(arena, ids.back(), 0);
-  }
-  ASSERT_TRUE(Commit());
-  std::atomic<int> mixes{0}, reads{0};
-  qwtest::ReadersBesideWriter(
-      2,
-      [&](const std::atomic<bool> &writing) {
-        for (; writing.load(); ++reads) {
-          VMArenaOldGenAcquire(arena);
-          uint32_t tag = 0;
-          while (tag <= 40 && !Holds(arena, ids[0], OLDGEN, tag)) ++tag;
-          mixes += tag > 40 || CountHolding(arena, ids, OLDGEN, tag) != ids.size();
-          VMArenaOldGenRelease(arena);
-        }
-      },
-      [&] {
-        for (uint32_t tag = 1; tag <= 40; ++tag) {
-          VMArenaNewGenAcquire(arena, 0);
-          for (uint64_t id : ids) Fill(arena, id, tag);
-          VMArenaNewGenRelease(arena, 0);
-          ASSERT_TRUE(Commit()) << QWErrorMessage();
-        }
-      });
-  EXPECT_EQ(mixes.load(), 0);
-  EXPECT_GT(reads.load(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Modes, ArenaConcurrency, ::testing::Values(kCache, kMapped), ModeName);
 
 }  // namespace

@@ -1,9 +1,6 @@
-// I/O errors at the arena's named steps: each failure is reported with the
-// step's own message on top of the injected I/O error, leaves the arena at
-// the generation the step implies (old before the marker is durable, new
-// after the generation files are switched), and a later commit succeeds.
-// Also: an interrupted creation is refused without create and restarted
-// with it.
+// I/O errors at the arena's named steps: the step's message over the injected
+// error, the generation the step implies, and a later commit succeeds. An
+// interrupted creation is refused without create and restarted with it.
 #include <filesystem>
 
 #include "arena_fixture.h"

@@ -36,26 +36,20 @@ TEST_F(ArenaTest, RefusedOpensNameTheReason) {
   EXPECT_FALSE(std::filesystem::exists(path("arena/committing")));
   EXPECT_TRUE(Reopen(kCache, VM_FLAG_READ_ONLY)) << QWErrorMessage();
 
-  // Bad arguments: no buckets, no cache for a cached arena, one serial only,
-  // an unknown flag.
+  // Bad arguments: no buckets, no cache for a cached arena, one serial only, an unknown flag.
   const struct {
     uint32_t flags, buckets;
     uint64_t serialOld;
     bool withCache;
     int code;  // 0: not fixed
-  } bad[] = {{VM_FLAG_CREATE, 0, STATUS_NO_SERIAL, true, 22},
-             {VM_FLAG_CREATE, 1, STATUS_NO_SERIAL, false, 22},
-             {VM_FLAG_CREATE, 1, 0, true, 0},
-             {0x8, 1, STATUS_NO_SERIAL, true, 0}};
+  } bad[] = {{VM_FLAG_CREATE, 0, STATUS_NO_SERIAL, true, 22}, {VM_FLAG_CREATE, 1, STATUS_NO_SERIAL, false, 22},
+             {VM_FLAG_CREATE, 1, 0, true, 0}, {0x8, 1, STATUS_NO_SERIAL, true, 0}};
   for (const auto &b : bad) {
     EXPECT_EQ(VMArenaOpen(path("other").c_str(), b.flags, b.buckets, b.serialOld, STATUS_NO_SERIAL, nullptr,
                           b.withCache ? cache : nullptr),
               nullptr);
-    if (b.code) {
-      EXPECT_EQ(QWErrorCode(), b.code);
-    }
+    if (b.code) { EXPECT_EQ(QWErrorCode(), b.code); }
   }
-  QWErrorClear();
 }
 
 TEST_F(ArenaTest, CreateWritesFixedNameGenerationFilesAndReopens) {
@@ -116,8 +110,8 @@ TEST_F(ArenaTest, SerialisedArenaCreatedWithSerialZeroWritesSerialNames) {
   EXPECT_TRUE(Reopen(kCacheSerial)) << QWErrorMessage();
 }
 
-// Every truncation and a byte flip at every offset of each generation file
-// of a committed arena: open fails cleanly or succeeds; it never crashes.
+// Every truncation of a generation file is refused; a byte flipped at any
+// offset fails the open cleanly or not at all, never a crash.
 TEST_F(ArenaTest, DamagedGenerationFilesNeverCrashTheOpen) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   std::vector<uint64_t> ids;
@@ -128,15 +122,11 @@ TEST_F(ArenaTest, DamagedGenerationFilesNeverCrashTheOpen) {
   CloseArena();
   for (const char *name : {"arena.new", "arena.old"}) {
     const std::string file = path("arena/") + name, original = qwtest::ReadFileBytes(file);
-    for (uint64_t cut : qwtest::SweepPoints(0, original.size() - 1, 5)) {
-      qwtest::WriteFileBytes(file, original.substr(0, cut));
-      EXPECT_FALSE(Reopen(kCache)) << name << " cut at " << cut;
-      CloseArena();
-      QWErrorClear();
-    }
-    // (The bucket count is left alone: a flipped count that is still valid
-    // would make the open create that many bucket servers.)
-    for (uint64_t at : qwtest::SweepPoints(std::string(name) == "arena.new" ? 8 : 0, original.size() - 1, 5)) {
+    for (uint64_t at : qwtest::SweepPoints(0, original.size() - 1, 5)) {
+      qwtest::WriteFileBytes(file, original.substr(0, at));
+      EXPECT_FALSE(Reopen(kCache)) << name << " cut at " << at;
+      // (A flipped bucket count that is still valid would open that many bucket servers.)
+      if (std::string(name) == "arena.new" && at < 8) continue;
       std::string flipped = original;
       flipped[at] = char(flipped[at] ^ 0xA5);
       qwtest::WriteFileBytes(file, flipped);

@@ -1,12 +1,7 @@
-// Crash safety and failures of the flush.
-//
-// Power loss: a child commits a first generation, then loses power at the
-// n-th sync of a second commit (n = 1, 2, ... until the commit completes);
-// the parent recovers as the arena does and must find exactly the first or
-// the second generation, and a server that commits again cleanly.
-// Failed flush: an I/O error injected at each step of a commit leaves the
-// committed generation and the uncommitted changes as they were, and the
-// next commit succeeds.
+// Power loss at each sync of a second commit: recovery (as the arena does it)
+// finds exactly the first or the second generation and commits again cleanly.
+// An I/O error at each step of a commit leaves both generations as they were,
+// and the next commit succeeds.
 #include <map>
 #include <string>
 #include <tuple>
@@ -20,11 +15,9 @@ namespace {
 namespace fault = qw::fault;
 using Model = std::map<uint32_t, uint32_t>;
 
-// Deterministic changes, so that a run without faults gives the models.
-// The first leaves raw blocks 4..7 free below the committed size (after its
-// commit); the second fills two of them with blocks that the flush moves
-// down from the read-write part, so that the flush writes into the
-// committed part of the data file too.
+// Deterministic changes. The first leaves raw blocks 4..7 free below the
+// committed size; the second fills two with blocks the flush moves down, so
+// the flush writes into the committed part of the data file too.
 bool FirstChanges(LocalBlockServer0 *server) {
   for (uint32_t i = 0; i < 24; ++i)
     if (LbsTest::NewBlock(server, i + 1) != i) return false;
@@ -68,10 +61,8 @@ class LbsPowerLossTest : public LbsTest,
   bool serialised() const { return std::get<1>(GetParam()); }
   uint64_t FirstSerial() const { return serialised() ? 0 : STATUS_NO_SERIAL; }
 
-  // The second commit, with the arena's markers: `committing` between the
-  // flush execute and the end of the disk commit (unserialised), or the
-  // serial of the generation to open once its files are written
-  // (serialised: the caller's own record).
+  // A commit with the arena's markers: `committing` around the disk commit
+  // (unserialised), or the serial to open once the files are written.
   static bool MarkedCommit(LocalBlockServer0 *server, const std::string &directory) {
     const bool serial = server->serial_old != STATUS_NO_SERIAL;
     (void)LocalBlockServer0MappingFlush(server, 1);
@@ -102,7 +93,6 @@ class LbsPowerLossTest : public LbsTest,
     return OpenIn(directory, mode(), serial);
   }
 
-  // Models of the first and second generations, from a run without faults.
   void ReferenceModels(Model *first, Model *second) {
     const std::string directory = path("reference");
     ASSERT_EQ(DirectoryCreate(directory.c_str()), 1);

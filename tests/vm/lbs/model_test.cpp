@@ -1,7 +1,6 @@
-// Randomized model test: thousands of allocations, writes, frees, commits and
-// reopenings against std::map models of the new and the committed
-// generation, in every access mode, serialised and not. After each commit
-// the raw id sets are checked against invariants I1-I4.
+// Random allocations, writes, frees, commits and reopenings against models
+// of both generations, in every mode, serialised and not; raw id invariants
+// after each commit.
 #include <map>
 #include <random>
 #include <set>

@@ -258,32 +258,28 @@ TEST_F(LbsBasicsTest, MemoryCommitWithoutAFlushChangesNothing) {
   EXPECT_EQ(LocalBlockServer0OldBlockCount(server.get()), 1u);
 }
 
-TEST_F(LbsBasicsTest, PageCacheModeNeedsAMatchingCache) {
-  EXPECT_FALSE(LocalBlockServer0Open_(dir().c_str(), "0", 0, kServerBlockSize, kFileBlockSize, kMinBlockCount,
-                                      STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, nullptr));
-  PageCache *small = PageCacheNew(1 << 20, 4096);
-  ASSERT_NE(small, nullptr);
-  EXPECT_FALSE(LocalBlockServer0Open_(dir().c_str(), "0", 0, kServerBlockSize, kFileBlockSize, kMinBlockCount,
-                                      STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, small));
-  EXPECT_EQ(QWErrorCode(), 22);
-  PageCacheFree(small);
-}
-
-TEST_F(LbsBasicsTest, ReadOnlyOpenCreatesNothing) {
+// Page-cache mode needs a cache of the server's block size; a read-only open
+// creates nothing; freeing twice or a block never allocated changes nothing.
+TEST_F(LbsBasicsTest, RefusedOpensAndFrees) {
   EXPECT_FALSE(Open(kPageCache, STATUS_NO_SERIAL, VM_FLAG_READ_ONLY));
   EXPECT_EQ(QWErrorCode(), 2);
   EXPECT_FALSE(FileExists(path("data0").c_str()));
   EXPECT_FALSE(FileExists(path("index0.new").c_str()));
-}
+  PageCache *small = PageCacheNew(1 << 20, 4096);
+  ASSERT_NE(small, nullptr);
+  for (PageCache *wrong : {static_cast<PageCache *>(nullptr), small})
+    EXPECT_FALSE(LocalBlockServer0Open_(dir().c_str(), "0", 0, kServerBlockSize, kFileBlockSize, kMinBlockCount,
+                                        STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, wrong));
+  EXPECT_EQ(QWErrorCode(), 22);
+  PageCacheFree(small);
 
-TEST_F(LbsBasicsTest, FreeingAnUnallocatedBlockIsRefused) {
   ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   const uint32_t block = NewBlock(server.get(), 3);
   LocalBlockServer0BlockFree(server.get(), block);
   const std::vector<uint32_t> freeOld = List(server->rwGen.freeRawBlocksOld);
   qwtest::MessageCapture capture;
-  LocalBlockServer0BlockFree(server.get(), block);  // twice
-  LocalBlockServer0BlockFree(server.get(), 99);     // never allocated
+  LocalBlockServer0BlockFree(server.get(), block);
+  LocalBlockServer0BlockFree(server.get(), 99);
   EXPECT_EQ(List(server->rwGen.freeRawBlocksOld), freeOld);
   EXPECT_EQ(server->rwGen.freeBlocks.size(), 1u);
   EXPECT_EQ(capture.messages().size(), 2u);

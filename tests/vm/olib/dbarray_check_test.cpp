@@ -1,8 +1,6 @@
-// Block-directory arrays with broken stored data: DBArrayCheck names each
-// bad block with its exact message, reads of a malformed block fail cleanly
-// (the arena tagged corrupted, an error of class DATA, no read outside the
-// block), and random damage never crashes any operation. Also the argument
-// assertions.
+// Block-directory arrays with broken stored data: DBArrayCheck names each bad
+// block with its exact message, reads of a malformed block fail cleanly (a
+// data error, the arena tagged), random damage never crashes; the assertions.
 #include "dbarray_fixture.h"
 
 namespace {
@@ -19,15 +17,13 @@ TEST_F(DBArrayTest, CheckOfASoundArrayReportsBlockCountsAndDone) {
   const uint32_t blocks = BlockCount(0);
   qwtest::MessageCapture capture;
   EXPECT_EQ(DBArrayCheck(array, NEWGEN), 0u);
-  const std::vector<qwtest::CapturedMessage> messages = capture.messages();
-  ASSERT_EQ(messages.size(), 3u);
-  EXPECT_EQ(messages[0].text, "bucketIndex = 0: blockCount = " + std::to_string(blocks) + "\n");
-  EXPECT_EQ(messages[0].level, QW_LEVEL_DEBUG);
-  EXPECT_EQ(messages[1].text, "bucketIndex = 1: blockCount = 0\n");
-  EXPECT_EQ(messages[2].text, "Done !\n");
-  EXPECT_EQ(messages[2].level, QW_LEVEL_PROGRESS);
-  // The committed generation has no arrays yet: every bucket is empty there.
-  capture.clear();
+  std::vector<std::pair<int, std::string>> messages;
+  for (const qwtest::CapturedMessage &m : capture.messages()) messages.emplace_back(m.level, m.text);
+  EXPECT_EQ(messages, (std::vector<std::pair<int, std::string>>{
+                          {QW_LEVEL_DEBUG, "bucketIndex = 0: blockCount = " + std::to_string(blocks) + "\n"},
+                          {QW_LEVEL_DEBUG, "bucketIndex = 1: blockCount = 0\n"},
+                          {QW_LEVEL_PROGRESS, "Done !\n"}}));
+  capture.clear();  // the committed generation has no arrays yet: every bucket is empty there
   EXPECT_EQ(DBArrayCheck(array, OLDGEN), 0u);
   EXPECT_TRUE(capture.contains("bucketIndex = 0: blockCount = 0\n"));
 }
@@ -82,20 +78,15 @@ TEST_P(DBArrayDamage, CheckNamesTheBlockAndReadsFailCleanly) {
   ASSERT_TRUE(CheckProblems().empty());
   if (d.offset >= 0) PokeBlock(d.bucket, d.block, uint32_t(d.offset), d.bytes);
   else Poke(ArrayId("firstHandle", d.bucket), uint32_t(-1 - d.offset), 4, 0, 5, 4);
-  Texts expected;
-  for (std::string m : d.messages) {
+  Texts expected = d.messages;
+  for (std::string &m : expected)
     if (size_t at = m.find("%s"); at != std::string::npos) m.replace(at, 2, Phys(d.bucket, d.block));
-    expected.push_back(m);
-  }
   EXPECT_EQ(CheckProblems(), expected);
   EXPECT_FALSE(Tagged());  // checking changes nothing
 
   QWErrorClear();
-  uint32_t length = 5;
-  EXPECT_EQ(DBArrayGet(array, d.bucket, d.handle, NEWGEN, 1, &length), nullptr);
-  EXPECT_EQ(length, 0u);
-  const std::string error = QWErrorMessage();
-  EXPECT_NE(error.find(std::string(d.invariant) + " does not hold"), std::string::npos) << error;
+  EXPECT_EQ(Read(d.bucket, d.handle), std::nullopt);
+  ExpectDataError((std::string(d.invariant) + " does not hold").c_str(), true);
   ExpectDataError("corrupted block-directory array");
   EXPECT_EQ(DBArrayLengthSet(array, d.bucket, d.handle, NEWGEN, 3000), -1);
   EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);

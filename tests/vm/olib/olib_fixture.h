@@ -1,7 +1,5 @@
-// Shared fixture of the structure tests: the support library's arena
-// (page-cached, or mapped in modeFlags) with a hook that frees the
-// structures first, raw access to named arena arrays of fixed-size
-// little-endian elements, the data-error check, a deterministic byte
+// Shared fixture of the structure tests: an arena whose structures are freed
+// first, raw access to its named arrays, the data-error check, a byte
 // pattern, and readers of the committed generation beside a writer.
 #pragma once
 
@@ -40,25 +38,21 @@ inline uint64_t LE(const std::string &s, size_t at, unsigned bytes) { return LE(
 class ArenaTest : public qwtest::ArenaDirTest {
  public:
   bool Tagged() const { return std::filesystem::exists(arenaDir() + "/corrupted"); }
-  // Opens the arena (in modeFlags) or fails the test.
   void MustOpenArena(uint32_t flags = VM_FLAG_CREATE) { ASSERT_TRUE(OpenArena(flags)) << QWErrorMessage(); }
-  // The structures under test are freed first, then the arena.
   virtual void FreeStructures() {}
   void CloseAll() override {
     FreeStructures();
     CloseArena();
   }
-  // Closes and removes the arena: the next open starts afresh.
   void Wipe() {
     CloseAll();
     std::filesystem::remove_all(arenaDir());
   }
-  // The id of a named arena array (VMA_NO_ARRAY when absent).
   uint32_t Named(const std::string &name, uint32_t gen = NEWGEN) {
     int create = 0;
     return VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 1, &create, 0, 0);
   }
-  // Every element of array `id`, `size` bytes each, little-endian.
+  // Every element of array `id` (VMA_NO_ARRAY: none), `size` bytes each, little-endian.
   std::vector<uint64_t> Elements(uint32_t id, unsigned size, uint32_t gen = NEWGEN) {
     std::vector<uint64_t> values(id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(arena, id, gen));
     for (uint32_t i = 0; i < values.size(); ++i) {
@@ -92,13 +86,11 @@ class ArenaTest : public qwtest::ArenaDirTest {
     EXPECT_TRUE(Tagged());
     if (!keep) QWErrorClear();
   }
-
 };
 
-// Runs `readers` threads, each calling read(rng) under the committed
-// generation's lock (when `arena` is given), while `write` runs on this thread; stops them when the
-// writer is done and at least `minReads` reads happened. Returns the number
-// of reads that saw something other than a committed state (read false).
+// `readers` threads call read(rng) (under the committed generation's lock
+// when `arena` is given) while `write` runs, until it is done and `minReads`
+// reads happened. Returns how many reads returned false.
 inline uint32_t ReadersBesideWriter(VMArena *arena, uint32_t readers, uint32_t minReads,
                                     const std::function<bool(std::mt19937 &)> &read,
                                     const std::function<void()> &write) {

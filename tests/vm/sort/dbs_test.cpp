@@ -1,9 +1,7 @@
-// Run sorter: merges of random sorted runs against std::sort (several passes
-// with a small fan-in, so that the data passes the budget many times), the
-// heap's tie rules, the choice of runs and of run ids, reopening, and merges
-// interrupted by a crashed child (at every arena commit stop of a
-// checkpoint, and at several entry counts) then finished by a reopened
-// sorter.
+// Run sorter: merges of random runs against std::sort in several passes, the
+// heap's tie rules, the choice of runs and run ids, reopening, and merges
+// killed in a child (at each commit stop of a checkpoint, at entry counts)
+// then finished by a reopened sorter.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -79,9 +77,8 @@ class DBSorterTest : public qwtest::TempDirTest {
     Close();
     TempDirTest::TearDown();
   }
-  void Open(uint32_t blockSize = kBlock, int readOnly = 0) {
-    dbs = DBSorterNew(dir().c_str(), 2, blockSize, readOnly);
-    ASSERT_NE(dbs, nullptr) << QWErrorMessage();
+  void Open(uint32_t blockSize = kBlock) {
+    ASSERT_NE(dbs = DBSorterNew(dir().c_str(), 2, blockSize, 0), nullptr) << QWErrorMessage();
   }
   void Close() {
     DBSorterClose(dbs);
@@ -103,7 +100,7 @@ class DBSorterTest : public qwtest::TempDirTest {
     DBSEntryReaderClose(&reader);
     return keys;
   }
-  // Random runs of 0 .. maxKeys keys (duplicates frequent); returns all keys.
+  // Random runs of 1 .. maxKeys keys (duplicates frequent); returns all keys.
   std::vector<uint64_t> AddRandomRuns(uint32_t runs, uint32_t maxKeys, uint32_t seed) {
     std::mt19937_64 random(seed);
     std::vector<uint64_t> all;
@@ -139,8 +136,7 @@ TEST_F(DBSorterTest, MergingRandomRunsInManyPassesMatchesTheModel) {
   ASSERT_NE(result, DBS_NO_RUN);
   std::sort(all.begin(), all.end());
   EXPECT_EQ(ReadRun(result), all);
-  // Merged inputs gave their blocks back: the server holds about two copies
-  // of the data, not one per pass.
+  // Merged inputs gave their blocks back: about two copies of the data, not one per pass.
   EXPECT_LT(DRBServerBlockCount(dbs->server), 3 * all.size() * 8 / kBlock);
   Close();
   Open();
@@ -148,9 +144,9 @@ TEST_F(DBSorterTest, MergingRandomRunsInManyPassesMatchesTheModel) {
 }
 
 TEST_F(DBSorterTest, HeapSiftsTheParentDownOnTiesAndPrefersTheLeftChild) {
-  // (key, tag): parent equal to its left child moves down; equal children:
-  // the left one rises.
-  struct Case {
+  // (key, tag): a parent equal to its left child moves down; of equal
+  // children the left one rises.
+  const struct {
     std::vector<std::pair<uint64_t, uint32_t>> heap;
     std::vector<uint32_t> tagsAfter;
   } cases[] = {
@@ -173,7 +169,7 @@ TEST_F(DBSorterTest, HeapSiftsTheParentDownOnTiesAndPrefersTheLeftChild) {
 TEST_F(DBSorterTest, RunChoiceRunIdsAndReopening) {
   Open();
   uint32_t *runs = nullptr;
-  const uint32_t a = AddRun(std::vector<uint64_t>(1500, 1));
+  AddRun(std::vector<uint64_t>(1500, 1));
   EXPECT_FALSE(DBSorterGetRunToMerge(dbs, &runs, 100 * kBlock));  // one live run
   const uint32_t b = AddRun({1, 2, 3});
   const uint32_t c = AddRun(std::vector<uint64_t>(700, 2));
@@ -192,11 +188,9 @@ TEST_F(DBSorterTest, RunChoiceRunIdsAndReopening) {
   const uint32_t reused = DBSorterNewRunID(dbs);
   EXPECT_EQ(reused, c);
   EXPECT_EQ(DBSorterMergedRunID(dbs), DBS_NO_RUN);
-  (void)a;
   ASSERT_TRUE(DBSorterCommit(dbs));
   Close();
-  // Reopening keeps the block size it was made with.
-  Open(8 * kBlock);
+  Open(8 * kBlock);  // reopening keeps the block size it was made with
   EXPECT_EQ(DBSorterBlockSize(dbs), kBlock);
   EXPECT_EQ(DBSorterRunLength(dbs, output), 703u * 8);
   testing::internal::CaptureStdout();

@@ -1,6 +1,5 @@
-// Run block server: placement of blocks in the data files, growth, the
-// free-block order across commits and reopenings, the single write buffer,
-// sharing rules, and the assertions.
+// Run block server: block placement in the data files, growth, the free-block
+// order across commits and reopenings, the single write buffer, sharing rules.
 #include <cstring>
 #include <thread>
 
@@ -17,13 +16,15 @@ class DRBServerTest : public qwtest::TempDirTest {
     Close();
     TempDirTest::TearDown();
   }
-  void Open(uint32_t files) {
+  void OpenArena() {
     arena = VMArenaOpen(path("meta").c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
                         nullptr, nullptr);
     ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  }
+  void Open(uint32_t files) {
+    ASSERT_NO_FATAL_FAILURE(OpenArena());
     ASSERT_TRUE(DirectoryCreate(path("data").c_str()));
-    server = DRBServerNew(path("data").c_str(), arena, kBlock, files, 1, 1, 0);
-    ASSERT_NE(server, nullptr) << QWErrorMessage();
+    ASSERT_NE(server = DRBServerNew(path("data").c_str(), arena, kBlock, files, 1, 1, 0), nullptr) << QWErrorMessage();
   }
   void Close() {
     DRBServerFree(server);
@@ -134,9 +135,7 @@ TEST_F(DRBServerTest, TheOneWriteBufferIsReusedOnlyAfterItsBlockIsWrittenBack) {
 }
 
 TEST_F(DRBServerTest, BadArgumentsAndMissingFilesFailClearly) {
-  arena = VMArenaOpen(path("meta").c_str(), VM_FLAG_CREATE | VM_FLAG_MAPPED, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
-                      nullptr, nullptr);
-  ASSERT_NE(arena, nullptr);
+  OpenArena();
   EXPECT_EQ(DRBServerNew(path("data").c_str(), arena, 1000, 1, 1, 1, 0), nullptr);
   EXPECT_EQ(QWErrorCode(), 22);
   // No directory: the first file cannot be created.

@@ -1,7 +1,6 @@
 // Generic sorter and key/multi-value entries: the entry bytes, decoding
-// limits, the writer's edge cases, random sorts against a model in every
-// mode (reverse, compare values, compressed), and a compressed merge killed
-// in a child after a checkpoint and finished after reopening.
+// limits, the writer's edge cases, random sorts against a model in every mode,
+// and a compressed merge killed in a child after a checkpoint, then finished.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -58,9 +57,7 @@ class GenericSorterTest : public qwtest::TempDirTest {
     ASSERT_NE(sorter, nullptr) << QWErrorMessage();
   }
   void Close() {
-    if (sorter) {
-      EXPECT_TRUE(GenericDBSorterClose(sorter));
-    }
+    EXPECT_TRUE(!sorter || GenericDBSorterClose(sorter));
     sorter = nullptr;
   }
   // Every entry of the single run left, as (key, value) pairs in order, and
@@ -99,9 +96,7 @@ class GenericSorterTest : public qwtest::TempDirTest {
       if (random() % 50 == 0) key.append(300, 'q');
       EXPECT_TRUE(GenericDBSorterWrite(writer, key.data(), uint32_t(key.size()), value.data(), uint32_t(value.size())));
       pairs.emplace_back(key, value);
-      if ((i + 1) % perRun == 0) {
-        EXPECT_EQ(GenericDBSorterFlush(writer), 1) << QWErrorMessage();
-      }
+      EXPECT_TRUE((i + 1) % perRun != 0 || GenericDBSorterFlush(writer) == 1) << QWErrorMessage();
     }
     EXPECT_GE(GenericDBSorterFlush(writer), 0);
     GenericDBSorterWriterDelete(writer);
@@ -123,13 +118,12 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
     std::vector<std::string> keys;
     std::vector<Pair> got = Result(&keys);
     auto keyOrder = [&](const Pair &a, const Pair &b) { return reverse ? a.first > b.first : a.first < b.first; };
-    // Keys come out in order; pairs are the model's multiset.
     EXPECT_TRUE(std::is_sorted(got.begin(), got.end(), keyOrder));
     std::vector<Pair> sortedGot = got, sortedModel = model;
     std::sort(sortedGot.begin(), sortedGot.end());
     std::sort(sortedModel.begin(), sortedModel.end());
     EXPECT_EQ(sortedGot, sortedModel);
-    // One entry per key and run: never more entries than runs per key.
+    // One entry per key and run: never more entries of a key than runs.
     std::map<std::string, int> entriesPerKey;
     for (const auto &key : keys) ++entriesPerKey[key];
     for (const auto &[key, n] : entriesPerKey) EXPECT_LE(n, 9) << key;

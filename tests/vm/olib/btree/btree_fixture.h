@@ -1,5 +1,5 @@
-// Fixture of the B-tree tests: an arena in a fresh directory, a tree on it,
-// a std::map model, and helpers that read the tree back and poke raw nodes.
+// Fixture of the B-tree tests: a tree on the shared arena fixture, a
+// std::map model, readers of the tree and of raw nodes.
 #pragma once
 
 #include <map>
@@ -35,7 +35,7 @@ class BTreeTest : public olibtest::ArenaTest {
     tree = nullptr;
   }
   bool Commit() { return CommitArena() && BTreeCommit(tree, keySize) == 1; }
-  // Commits, closes and opens again (the stored value width wins).
+  // Commits, closes and opens again asking for width 1 (the stored one wins).
   void Reopen() {
     ASSERT_TRUE(Commit()) << QWErrorMessage();
     const uint32_t k = keySize;
@@ -47,23 +47,17 @@ class BTreeTest : public olibtest::ArenaTest {
     return BTreeFind(tree, key, 0, notFound, 0, 0, 0, gen);
   }
   uint64_t Create(uint64_t key, uint64_t value) { return BTreeFind(tree, key, value, BTREE_NO_KEY, 1, 0, 0, NEWGEN); }
-  uint64_t Replace(uint64_t key, uint64_t value) {
-    return BTreeFind(tree, key, value, BTREE_NO_KEY, 0, 1, 0, NEWGEN);
-  }
+  uint64_t Replace(uint64_t key, uint64_t value) { return BTreeFind(tree, key, value, BTREE_NO_KEY, 0, 1, 0, NEWGEN); }
   uint64_t Remove(uint64_t key) { return BTreeFind(tree, key, 0, BTREE_NO_KEY, 0, 0, 1, NEWGEN); }
 
+  static int Collect(uint64_t key, uint64_t value, void *context) {
+    static_cast<Entries *>(context)->emplace_back(key, value);
+    return 0;
+  }
   // Every entry, by the callback walk and by the iterator; both must agree.
   Entries Contents(uint32_t gen = NEWGEN) {
     Entries walked;
-    EXPECT_EQ(BTreeEnumerate(
-                  tree,
-                  [](uint64_t key, uint64_t value, void *context) {
-                    static_cast<Entries *>(context)->emplace_back(key, value);
-                    return 0;
-                  },
-                  &walked, gen),
-              1)
-        << QWErrorMessage();
+    EXPECT_EQ(BTreeEnumerate(tree, Collect, &walked, gen), 1) << QWErrorMessage();
     Entries iterated;
     BTreeEnumeration *e = BTreeEnumerationNew(tree, keySize, gen);
     EXPECT_NE(e, nullptr);
@@ -77,14 +71,12 @@ class BTreeTest : public olibtest::ArenaTest {
     return walked;
   }
 
-  // BTreeCheck must pass; returns what it measured.
   BTreeStat Check(uint32_t gen = NEWGEN) {
     BTreeStat stat{};
     EXPECT_EQ(BTreeCheck(tree, gen, &stat), 1) << QWErrorMessage();
     return stat;
   }
 
-  // The raw 8192 bytes of node `blockID`.
   std::string NodeBytes(uint32_t blockID, uint32_t gen = NEWGEN) {
     auto *bytes = static_cast<const char *>(VMArenaDataBlockAcquire(arena, blockID, 0, gen, 1));
     EXPECT_NE(bytes, nullptr) << QWErrorMessage();
@@ -93,15 +85,13 @@ class BTreeTest : public olibtest::ArenaTest {
     VMArenaDataRelease(arena, (uint64_t(blockID) << 4) | 15, 1, const_cast<char *>(bytes), 0, 0);
     return copy;
   }
-  // Overwrites bytes of node `blockID` in NEWGEN.
   void PokeNode(uint32_t blockID, uint32_t offset, const std::string &bytes) {
     auto *data = static_cast<char *>(VMArenaDataBlockAcquire(arena, blockID, 0, NEWGEN, 0));
     ASSERT_NE(data, nullptr) << QWErrorMessage();
     std::memcpy(data + offset, bytes.data(), bytes.size());
     VMArenaDataRelease(arena, (uint64_t(blockID) << 4) | 15, 0, data, 0, 0);
   }
-  // The root's block id (INVALID_BLOCK_ID when "root" is empty) and the
-  // length of "root".
+  // The length of "root", and the root's block (INVALID_BLOCK_ID when none).
   uint32_t RootLength(uint32_t gen = NEWGEN) {
     const uint32_t id = Named(std::string(kPath) + "/" + kName + "/root", gen);
     return id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(arena, id, gen);

@@ -1,8 +1,6 @@
-// Randomized model tests: both instantiations and value widths 1, 4, 5, 8
-// against std::map, through inserts, replaces, removes down to empty,
-// neighbour queries, both enumerations, commits, reopening and reads of the
-// committed generation after further changes; the structural check after
-// every batch. A committed reader beside a committing writer.
+// Both instantiations and value widths 1, 4, 5, 8 against std::map through
+// changes, neighbour queries, enumerations, commits, reopening and committed
+// reads, checked after every batch; a committed reader beside a writer.
 #include <algorithm>
 #include <random>
 
@@ -18,8 +16,7 @@ struct Shape {
 
 class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape> {
  protected:
-  // A random key: mostly from a range small enough to hit present keys,
-  // sometimes the extremes of the key width.
+  // Mostly keys of a range small enough to hit present ones, sometimes the extremes.
   uint64_t RandomKey(std::mt19937_64 &rng, uint64_t range) {
     const uint64_t top = keySize == 4 ? UINT32_MAX : UINT64_MAX;
     switch (rng() % 64) {
@@ -34,13 +31,11 @@ class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape>
     return v == BTREE_NO_KEY ? 0 : v;
   }
 
-  // The whole tree against the model: entries, structure, and neighbours of
-  // a few keys.
+  // Entries, structure, and neighbours of a few keys against the model.
   void Verify(const Model &model, std::mt19937_64 &rng, uint64_t range, uint32_t gen = NEWGEN) {
     ASSERT_EQ(Contents(gen), Flatten(model));
     const BTreeStat stat = Check(gen);
     ASSERT_EQ(stat.entryCount, model.size());
-    // (key, value) of an entry, or both BTREE_NO_KEY.
     auto pair = [&](Model::const_iterator it) {
       using P = std::pair<uint64_t, uint64_t>;
       return it == model.end() ? P(BTREE_NO_KEY, BTREE_NO_KEY) : P(*it);
@@ -57,7 +52,6 @@ class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape>
     }
   }
 
-  // One random change applied to tree and model.
   void Step(Model &model, std::mt19937_64 &rng, uint64_t range, int removeWeight) {
     const uint64_t key = RandomKey(rng, range);
     const uint64_t value = RandomValue(rng);
@@ -83,14 +77,11 @@ TEST_P(BTreeModel, RandomChangesCommitsAndReopen) {
   Open(shape.keySize, shape.valueSize);
   std::mt19937_64 rng(20261122 + shape.keySize * 10 + shape.valueSize);
   const uint64_t range = 6000;  // a two-level tree at every width
-  Model model;
-  Model committed;
+  Model model, committed;
   for (int round = 0; round < 8; ++round) {
-    // Grow in the first rounds, shrink to empty in the last ones.
-    const int removeWeight = round < 4 ? 2 : 7;
+    const int removeWeight = round < 4 ? 2 : 7;  // grow, then shrink to empty
     for (int i = 0; i < 2500; ++i) ASSERT_NO_FATAL_FAILURE(Step(model, rng, range, removeWeight));
     ASSERT_NO_FATAL_FAILURE(Verify(model, rng, range));
-    // OLDGEN still shows the last commit after the changes above.
     ASSERT_NO_FATAL_FAILURE(Verify(committed, rng, range, OLDGEN));
     if (round == 3) {
       ASSERT_NO_FATAL_FAILURE(Reopen());
@@ -179,13 +170,7 @@ TEST_F(BTreeConcurrency, CommittedStateReadWhileWriterChangesAndCommits) {
       arena, 1, 3,
       [&](std::mt19937 &) {
         Entries seen;
-        const int ok = BTreeEnumerate(
-            reader,
-            [](uint64_t key, uint64_t value, void *context) {
-              static_cast<Entries *>(context)->emplace_back(key, value);
-              return 0;
-            },
-            &seen, OLDGEN);
+        const int ok = BTreeEnumerate(reader, Collect, &seen, OLDGEN);
         bool whole = ok == 1 && !seen.empty() && (seen.size() - 1) % kPerRound == 0 &&
                      BTreeFind(reader, seen.size() / 2, 0, BTREE_NO_KEY, 0, 0, 0, OLDGEN) == roundOf(seen.size() / 2);
         for (size_t i = 0; whole && i < seen.size(); ++i) whole = seen[i] == std::make_pair(uint64_t(i), roundOf(i));

@@ -1,5 +1,5 @@
-// Fixture of the AVL dictionary tests: an arena in a fresh directory, a
-// dictionary on it, a std::map model, and raw access to the node records.
+// Fixture of the AVL dictionary tests: a dictionary on the shared arena
+// fixture, a std::map model, and raw access to the node records.
 #pragma once
 
 #include <map>
@@ -23,8 +23,7 @@ class AVLTest : public olibtest::ArenaTest {
  public:
   void Open(uint32_t flags = VM_FLAG_CREATE) {
     ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
-    dict = QWDBAVLLDictNew(arena, kPath, kName, 0);
-    ASSERT_NE(dict, nullptr) << QWErrorMessage();
+    ASSERT_NE(dict = QWDBAVLLDictNew(arena, kPath, kName, 0), nullptr) << QWErrorMessage();
   }
   void FreeStructures() override {
     QWDBAVLLDictDelete(dict);
@@ -57,7 +56,6 @@ class AVLTest : public olibtest::ArenaTest {
     Poke(id, index, 24, 16, r.value, 8);
   }
 
-  // All entries in order, through QWDBAVLLDictEnumerate.
   std::vector<std::pair<uint64_t, uint64_t>> Entries(uint32_t gen, bool descending = false) {
     std::vector<std::pair<uint64_t, uint64_t>> out;
     auto collect = [](QWDBAVLLDict *, uint64_t key, uint64_t value, void *context) {

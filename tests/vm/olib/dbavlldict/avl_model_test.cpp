@@ -1,11 +1,8 @@
-// The AVL dictionary against a std::map: random inserts of new keys,
-// replaces, removes, finds and nearest-key queries, with commits, reopens
-// and reads of the committed generation after further changes; the tree
-// must stay a sound AVL tree (DBAVLLCheck) after every batch.
-//
-// The free list shapes the operation mix: a removal puts its node on the
-// list and an insertion of a new key must leave it empty, so removals run
-// while the list is empty, except in the draining phases, which remove
+// The AVL dictionary against a std::map: inserts, replaces, removes, finds
+// and nearest keys in all three directions, through commits, reopens and
+// committed reads, a sound AVL tree after every batch. A removal puts its
+// node on the free list, which an insert of a new key must find empty: so
+// removals run while it is empty, except in draining phases, which remove
 // until the tree is small and then clear it.
 #include <random>
 
@@ -17,16 +14,13 @@ using avltest::Model;
 
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t steps;
-  uint32_t keyRange;  // keys drawn below this (small: many replaces)
+  uint32_t seed, steps, keyRange;  // keys drawn below keyRange (small: many replaces)
   bool mapped;
 };
 
 class AVLModel : public avltest::AVLTest, public ::testing::WithParamInterface<ModelCase> {
  protected:
   uint64_t RandomKey() { return rng() % GetParam().keyRange; }
-  // A key present in the model (the model is not empty).
   uint64_t PresentKey(const Model &model) {
     auto at = model.lower_bound(RandomKey());
     return at == model.end() ? model.begin()->first : at->first;
@@ -62,8 +56,7 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
     const uint32_t r = rng() % 1000;
     const uint64_t key = RandomKey();
     if (draining) {
-      if (model.size() <= 16) {
-        // Clearing empties the free list too; the node array grows by two.
+      if (model.size() <= 16) {  // clearing empties the free list too; the node array grows by two
         const uint32_t before = NodeCount();
         ASSERT_EQ(QWDBAVLLDictClear(dict, NEWGEN), 1) << QWErrorMessage();
         ASSERT_EQ(NodeCount(), before + 2);
@@ -83,15 +76,12 @@ TEST_P(AVLModel, MatchesStdMapThroughCommitsReopensAndOldGenerationReads) {
       const uint32_t before = NodeCount();
       const uint64_t expected = found == model.end() ? 0xABCDEFull : found->second;
       ASSERT_EQ(QWDBAVLLDictInsert(dict, k, value, 0xABCDEFull, NEWGEN), expected) << QWErrorMessage();
-      if (found == model.end()) {
-        // A freed node is reused before the array grows.
+      if (found == model.end()) {  // a freed node is reused before the array grows
         ASSERT_EQ(NodeCount(), before + (freeNodes ? 0 : 1));
         freeNodes = 0;
       }
       model[k] = uint32_t(value);
     } else if (r < 650) {
-      // Removal only while the list is empty, so the next insert is valid;
-      // half of the time a present key.
       const uint64_t k = !model.empty() && rng() % 2 ? PresentKey(model) : key;
       if (freeNodes == 0 || model.count(k) == 0) {
         const auto found = model.find(k);
@@ -143,11 +133,9 @@ INSTANTIATE_TEST_SUITE_P(Seeds, AVLModel,
                                            ModelCase{"mapped", 31, 20000, 100000, true}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// One dictionary record shared by a writer of the new generation and
-// readers of the committed one: the readers see exactly the committed
-// entries while the writer inserts, replaces and removes. The record was
-// opened before its arrays were committed, so the readers also race to find
-// the committed arrays by name.
+// One dictionary record shared by a writer of the new generation and readers
+// of the committed one, who see exactly the committed entries. The record was
+// opened before its arrays were committed: the readers also race to find them.
 using AVLConcurrency = avltest::AVLTest;
 
 TEST_F(AVLConcurrency, ReadersOfTheCommittedGenerationRunBesideTheWriter) {

@@ -1,6 +1,6 @@
-// Growable bit arrays: the stored packing (checked bit for bit against the
-// values), widening by re-packing, the named edge cases, a randomized model
-// with commits, reopenings and committed reads, and the assertions.
+// Growable bit arrays: the stored packing bit for bit, widening by
+// re-packing, a model through commits, reopenings and committed reads (values
+// of every width across element boundaries), and the assertions.
 #include "vm/olib/olib_fixture.h"
 
 namespace {
@@ -16,8 +16,7 @@ class GBitArrayTest : public olibtest::ArenaTest {
   void Open(uint32_t flags = VM_FLAG_CREATE) {
     ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     int created = 1;
-    array = GBitArrayNew(arena, &pathBuffer, kPath, &created, 0);
-    ASSERT_NE(array, nullptr) << QWErrorMessage();
+    ASSERT_NE(array = GBitArrayNew(arena, &pathBuffer, kPath, &created, 0), nullptr) << QWErrorMessage();
   }
   void Reopen() {
     CloseAll();
@@ -72,31 +71,9 @@ TEST_F(GBitArrayTest, EdgeCasesOfTheFormat) {
   ExpectPacked(values, 3);
 }
 
-TEST_F(GBitArrayTest, ValuesCrossElementBoundaries) {
-  Open();
-  // At 24 bits value 2 lies in bits 48..71: 16 bits in element 2, 8 in 3.
-  const std::vector<uint64_t> values = {0xABCDEF, 0x123456, 0xFEDCBA, 0x000001};
-  for (uint64_t v : values) ASSERT_EQ(GBitArrayAdd(array, v, 24, NEWGEN), 1);
-  const std::vector<uint64_t> e = Elements();
-  EXPECT_EQ(e[2] >> 48, 0xDCBAu);
-  EXPECT_EQ(e[3] & 0xFF, 0xFEu);
-  ExpectPacked(values, 24);
-  for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(Get(i), values[i]);
-  // Full 64-bit values, also across boundaries after a widening.
-  ASSERT_EQ(GBitArrayAdd(array, ~uint64_t(0), 64, NEWGEN), 1);
-  std::vector<uint64_t> wide = values;
-  wide.push_back(~uint64_t(0));
-  ExpectPacked(wide, 64);
-  ASSERT_EQ(GBitArraySet(array, 1, 0x8000000000000001ull, 64, NEWGEN), 1);
-  wide[1] = 0x8000000000000001ull;
-  for (size_t i = 0; i < wide.size(); ++i) EXPECT_EQ(Get(i), wide[i]);
-}
-
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t steps;
-  uint32_t maxBits;  // widest value the run adds
+  uint32_t seed, steps, maxBits;  // maxBits: the widest value the run adds
 };
 
 class GBitArrayModel : public GBitArrayTest, public ::testing::WithParamInterface<ModelCase> {};
@@ -107,10 +84,8 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
   Open();
   std::vector<uint64_t> model, committed;
   uint32_t width = 0;
-  auto randomBits = [&] {
-    // Mostly narrow values; now and then one wider than all before.
-    const uint32_t bits = rng() % 50 == 0 ? std::min(c.maxBits, width + 1 + uint32_t(rng() % 9)) : width;
-    return bits;
+  auto randomBits = [&] {  // mostly the width so far; now and then a wider one
+    return rng() % 50 == 0 ? std::min(c.maxBits, width + 1 + uint32_t(rng() % 9)) : width;
   };
   auto randomValue = [&](uint32_t bits) { return bits == 0 ? 0 : rng() & (~uint64_t(0) >> (64 - bits)); };
   for (uint32_t step = 0; step < c.steps; ++step) {
@@ -134,7 +109,6 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
     } else if (r < 85) {
       Reopen();  // uncommitted changes are dropped
       model = committed;
-      width = 0;
       uint32_t slice = 0;
       if (!model.empty()) (void)Get(0, NEWGEN, &slice);
       width = slice;
@@ -153,10 +127,7 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
   EXPECT_EQ(VMArenaCheck(arena), 0);
 }
 
-const ModelCase kModelCases[] = {
-    {"narrow", 21, 1500, 7},
-    {"up_to_64_bits", 22, 1500, 64},
-};
+const ModelCase kModelCases[] = {{"narrow", 21, 1500, 7}, {"up_to_64_bits", 22, 1500, 64}};
 
 INSTANTIATE_TEST_SUITE_P(Cases, GBitArrayModel, ::testing::ValuesIn(kModelCases),
                          [](const ::testing::TestParamInfo<ModelCase> &info) { return info.param.name; });

@@ -1,6 +1,6 @@
 // Large-element arrays meeting damaged data: each malformed descriptor (or
-// flag) tags the arena corrupted and fails reads and clears with a data
-// error, without freeing a block; assertions for programming errors.
+// flag) tags the arena and fails reads and clears with a data error, freeing
+// no block; assertions for programming errors.
 #include "ldbarray_fixture.h"
 
 namespace {
@@ -15,10 +15,8 @@ constexpr uint32_t kLevelOneLength = 511 * 8192;
 
 struct DamageCase {
   const char *name;
-  uint32_t length;
-  uint32_t probe;  // an offset whose block the damage reaches
-  // Turns the stored descriptor into a malformed one.
-  std::function<std::string(const std::string &)> damage;
+  uint32_t length, probe;  // probe: an offset whose block the damage reaches
+  std::function<std::string(const std::string &)> damage;  // of the stored descriptor
 };
 
 std::string WithTrailer(const std::string &raw, uint64_t trailer) {
@@ -81,8 +79,7 @@ TEST_P(LDBArrayDamage, MalformedDescriptorsAreRefused) {
   ASSERT_EQ(Add(0, Pattern(2, 9000)), 2u);
   SetRawElement(0, 1, c.damage(RawElement(0, 1)));
   ExpectRefused(c.probe);
-  // The whole array still clears; the damaged element's blocks are left
-  // where they are, and the call reports the damage.
+  // The array still clears, leaving the damaged element's blocks, and reports the damage.
   EXPECT_EQ(LDBArrayClear(array, NEWGEN), 0);
   EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
   EXPECT_EQ(LDBArraySize(array, 0, NEWGEN), 0u);

@@ -1,7 +1,7 @@
-// Fixture of the large-element array tests: an arena in a fresh directory,
-// an array and a thread data record on it, readers by whole element and by
-// ranges, a view of the stored descriptors (through the block-directory
-// array underneath) and a snapshot of the arena's block allocation.
+// Fixture of the large-element array tests: an array and its thread data on
+// the shared arena fixture, readers by element and by ranges, the stored
+// descriptors (through the block-directory array underneath) and a snapshot
+// of the arena's block allocation.
 #pragma once
 
 #include <ostream>
@@ -18,9 +18,8 @@ inline constexpr const char *kElementsPath = "bodies/ldbarray";
 
 inline std::string Pattern(uint32_t seed, uint32_t length) { return olibtest::Pattern(seed, length, 13); }
 
-// What the arena has handed out: per server the blocks in use, per size
-// class the free list and the partly used server block. Equal snapshots mean
-// that the same blocks are allocated.
+// Per server the blocks in use, per size class the free list and the partly
+// used server block: equal snapshots mean the same blocks are allocated.
 struct Allocation {
   std::vector<uint64_t> values;
   bool operator==(const Allocation &) const = default;
@@ -52,8 +51,7 @@ class LDBArrayTest : public olibtest::ArenaTest {
  protected:
   void SetUp() override {
     ArenaTest::SetUp();
-    threadData = LDBArrayThreadDataNew();
-    ASSERT_NE(threadData, nullptr) << QWErrorMessage();
+    ASSERT_NE(threadData = LDBArrayThreadDataNew(), nullptr) << QWErrorMessage();
   }
   void TearDown() override {
     ArenaTest::TearDown();
@@ -65,8 +63,7 @@ class LDBArrayTest : public olibtest::ArenaTest {
   void Open(uint32_t buckets, uint32_t flags = VM_FLAG_CREATE) {
     ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     int created = 1;
-    array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets);
-    ASSERT_NE(array, nullptr) << QWErrorMessage();
+    ASSERT_NE(array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets), nullptr) << QWErrorMessage();
   }
   void FreeStructures() override {
     LDBArrayFree(array);
@@ -84,13 +81,11 @@ class LDBArrayTest : public olibtest::ArenaTest {
   bool Set(uint32_t bucket, uint32_t handle, const std::string &value) {
     return LDBArrayDataSet(array, threadData, bucket, handle, value.data(), uint32_t(value.size()), NEWGEN) == 1;
   }
-  // The whole element through LDBArrayGetArray.
   std::string Read(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
     EXPECT_EQ(LDBArrayGetArray(array, bucket, handle, &buffer, 0, gen), 1) << QWErrorMessage();
     return std::string(reinterpret_cast<const char *>(buffer), ArrayLength(buffer));
   }
-  // The whole element range by range; checks that each range continues the
-  // previous one and that the reported total stays the same.
+  // The element range by range, each continuing the last, the total the same.
   std::string ReadByRanges(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
     std::string value;
     uint32_t offset = 0, total = 0;
@@ -114,10 +109,14 @@ class LDBArrayTest : public olibtest::ArenaTest {
 
   // The raw element (a descriptor for an external one) through the
   // block-directory array underneath.
-  std::string RawElement(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
+  DBArray *ElementArray() {
     int created = 0;
     DBArray *elements = DBArrayNew(arena, &pathBuffer, kElementsPath, &created, 0, 1);
     EXPECT_NE(elements, nullptr) << QWErrorMessage();
+    return elements;
+  }
+  std::string RawElement(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
+    DBArray *elements = ElementArray();
     uint32_t length = 0;
     const void *bytes = DBArrayGet(elements, bucket, handle, gen, 1, &length);
     std::string raw = bytes ? std::string(static_cast<const char *>(bytes), length) : "";
@@ -126,9 +125,7 @@ class LDBArrayTest : public olibtest::ArenaTest {
     return raw;
   }
   void SetRawElement(uint32_t bucket, uint32_t handle, const std::string &raw) {
-    int created = 0;
-    DBArray *elements = DBArrayNew(arena, &pathBuffer, kElementsPath, &created, 0, 1);
-    ASSERT_NE(elements, nullptr) << QWErrorMessage();
+    DBArray *elements = ElementArray();
     EXPECT_EQ(DBArraySet(elements, bucket, handle, NEWGEN, raw.data(), uint32_t(raw.size())), 1) << QWErrorMessage();
     DBArrayFree(elements);
   }
@@ -144,7 +141,7 @@ class LDBArrayTest : public olibtest::ArenaTest {
   }
   static std::string EncodeId(uint64_t id) {
     std::string bytes(8, '\0');
-    for (int i = 0; i < 8; ++i) bytes[size_t(i)] = char((id >> (8 * i)) & 0xFF);
+    for (size_t i = 0; i < 8; ++i) bytes[i] = char((id >> (8 * i)) & 0xFF);
     return bytes;
   }
   // The class size of an arena block.

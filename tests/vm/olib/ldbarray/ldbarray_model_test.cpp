@@ -1,7 +1,6 @@
-// Large-element arrays against a model (one std::vector<std::string> per
-// bucket): random adds, replacements and clears across the direct/external
-// boundary, commits, reopenings and committed reads; the lifecycle of an
-// array; committed readers beside a writer.
+// Large-element arrays against a vector of strings per bucket (adds,
+// replacements and clears across the direct/external boundary, commits,
+// reopenings, committed reads); the lifecycle; committed readers beside a writer.
 #include "ldbarray_fixture.h"
 
 namespace {
@@ -16,8 +15,7 @@ struct ModelCase {
 
 class LDBArrayModel : public ldbatest::LDBArrayTest, public ::testing::WithParamInterface<ModelCase> {
  protected:
-  // Lengths around the direct limit, in one or a few blocks, and now and
-  // then long enough for a second level.
+  // Around the direct limit, one or a few blocks, now and then a second level.
   uint32_t RandomLength() {
     const uint32_t r = rng() % 1000;
     if (r < 350) return rng() % 200;
@@ -73,10 +71,8 @@ TEST_P(LDBArrayModel, MatchesVectorsThroughCommitsAndReopenings) {
   ASSERT_NO_FATAL_FAILURE(ExpectAll(model, NEWGEN));
   ASSERT_NO_FATAL_FAILURE(ExpectAll(committed, OLDGEN));
   EXPECT_EQ(VMArenaCheck(arena), 0);
-  {
-    qwtest::MessageCapture capture;  // keeps the check's report off stderr
-    EXPECT_EQ(LDBArrayCheck(array, NEWGEN), 0u);
-  }
+  qwtest::MessageCapture quiet;  // keeps the check's report off stderr
+  EXPECT_EQ(LDBArrayCheck(array, NEWGEN), 0u);
   ASSERT_TRUE(Commit()) << QWErrorMessage();
   Reopen(c.buckets);
   ASSERT_NO_FATAL_FAILURE(ExpectAll(model, NEWGEN));
@@ -85,10 +81,7 @@ TEST_P(LDBArrayModel, MatchesVectorsThroughCommitsAndReopenings) {
 }
 
 const ModelCase kModelCases[] = {
-    {"one_bucket", 11, 1, 300},
-    {"three_buckets", 12, 3, 300},
-    {"many_buckets", 13, 17, 250},
-};
+    {"one_bucket", 11, 1, 300}, {"three_buckets", 12, 3, 300}, {"many_buckets", 13, 17, 250}};
 
 INSTANTIATE_TEST_SUITE_P(Cases, LDBArrayModel, ::testing::ValuesIn(kModelCases),
                          [](const ::testing::TestParamInfo<ModelCase> &info) { return info.param.name; });
@@ -111,8 +104,7 @@ TEST_F(LDBArrayLifecycle, CreationCommittedGenerationAndReadOnlyOpen) {
   const std::string big = Pattern(7, 50000), small = Pattern(8, 10);
   ASSERT_EQ(Add(1, big), 0u);
   ASSERT_EQ(Add(1, small), 1u);
-  // Nothing committed yet: the committed generation has no elements.
-  uint32_t end = 5, total = 5;
+  uint32_t end = 5, total = 5;  // nothing committed yet: the committed generation has no elements
   QWErrorClear();
   EXPECT_EQ(LDBArrayRange(array, 1, 0, 0, &end, &total, OLDGEN, 1), nullptr);
   EXPECT_EQ(total, 0u);

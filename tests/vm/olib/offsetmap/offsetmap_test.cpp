@@ -1,7 +1,6 @@
-// Offset maps: the stored groups and differences byte for byte, the named
-// edge cases (group starts, 15 differences, one- and two-byte differences,
-// the zero difference as the format defines it), a randomized model with
-// commits, reopenings and committed reads, and the assertions.
+// Offset maps: the stored groups and differences byte for byte, the zero
+// difference as the format defines it, a model through commits, reopenings
+// and committed reads, and the assertions.
 #include "vm/olib/olib_fixture.h"
 
 namespace {
@@ -17,8 +16,7 @@ class OffsetMapTest : public olibtest::ArenaTest {
   void Open(uint32_t flags = VM_FLAG_CREATE, int expectCreated = -1) {
     ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     int created = 1;
-    map = OffsetMapNew(arena, &pathBuffer, kPath, &created, 0);
-    ASSERT_NE(map, nullptr) << QWErrorMessage();
+    ASSERT_NE(map = OffsetMapNew(arena, &pathBuffer, kPath, &created, 0), nullptr) << QWErrorMessage();
     EXPECT_TRUE(expectCreated < 0 || created == expectCreated) << created;
     EXPECT_EQ(ArrayLength(pathBuffer), 0u);
   }
@@ -26,7 +24,6 @@ class OffsetMapTest : public olibtest::ArenaTest {
     CloseAll();
     Open(0, 0);
   }
-  // The stored elements of one of the three arrays.
   std::vector<uint64_t> Stored(const char *name, unsigned size) {
     return Elements(std::string(kPath) + "/offsetMap/" + name, size);
   }
@@ -85,8 +82,7 @@ TEST_F(OffsetMapTest, ZeroDifferenceWritesNoByte) {
 
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t steps;
+  uint32_t seed, steps;
 };
 
 class OffsetMapModel : public OffsetMapTest, public ::testing::WithParamInterface<ModelCase> {};
@@ -100,7 +96,6 @@ TEST_P(OffsetMapModel, MatchesAVectorThroughCommitsAndReopenings) {
     SCOPED_TRACE(step);
     const uint32_t r = uint32_t(rng() % 1000);
     if (r < 800) {
-      // Gaps of every encoded length, up to the largest allowed.
       const uint32_t kind = uint32_t(rng() % 10);
       const uint64_t gap = kind < 5 ? 1 + rng() % 127 : kind < 8 ? 128 + rng() % 20000 : 1 + rng() % 0xFFFFFFFFull;
       last = model.empty() ? last : last + gap;
