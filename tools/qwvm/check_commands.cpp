@@ -136,24 +136,9 @@ int RunCheck(int argc, char **argv) {
     CheckUsage(stdout);
     return 0;
   }
-  uint64_t oldSerial = STATUS_NO_SERIAL, newSerial = STATUS_NO_SERIAL;
-  if (argc == 4 && std::strcmp(argv[1], "--serial") == 0) {
-    oldSerial = std::strtoull(argv[2], nullptr, 10);
-    newSerial = std::strtoull(argv[3], nullptr, 10);
-  } else if (argc != 1) {
-    CheckUsage(stderr);
-    return 2;
-  }
-  const std::string root = argv[0];
-  const std::vector<FoundStore> stores = FindStores(root);
-  if (stores.empty()) {
-    std::fprintf(stderr, "%s: no qwvm store found\n", root.c_str());
-    return 1;
-  }
-  if (argc == 4 && (stores.size() != 1 || stores[0].path != root || stores[0].kind != StoreKind::kArena)) {
-    std::fprintf(stderr, "qwvm check: --serial applies to a plain arena only, and \"%s\" is not one\n", root.c_str());
-    return 2;
-  }
+  StoreArguments found;
+  const int refused = FindStoresToInspect(std::vector<std::string>(argv, argv + argc), "check", CheckUsage, &found);
+  if (refused >= 0) return refused;
   PageCache *cache = PageCacheNew(64 << 20, 8192);
   if (!cache) {
     std::fprintf(stderr, "qwvm check: %s\n", QWErrorMessage());
@@ -162,7 +147,8 @@ int RunCheck(int argc, char **argv) {
   // Opening and recovery report progress; the check prints its own lines.
   QWSetMessageThreshold(QW_LEVEL_WARNING);
   bool clean = true;
-  for (const FoundStore &store : stores) clean = CheckStore(store, oldSerial, newSerial, cache) && clean;
+  for (const FoundStore &store : found.stores)
+    clean = CheckStore(store, found.oldSerial, found.newSerial, cache) && clean;
   PageCacheFree(cache);
   return clean ? 0 : 1;
 }

@@ -410,25 +410,12 @@ int RunStat(int argc, char **argv) {
       args.erase(args.begin() + long(i));
       break;
     }
-  const bool serials = args.size() == 4 && args[1] == "--serial";
-  if (serials) {
-    options.oldSerial = std::strtoull(args[2].c_str(), nullptr, 10);
-    options.newSerial = std::strtoull(args[3].c_str(), nullptr, 10);
-  } else if (args.size() != 1) {
-    StatUsage(stderr);
-    return 2;
-  }
-  const std::string root = args[0];
-  const std::vector<FoundStore> stores = FindStores(root);
-  if (stores.empty()) {
-    std::fprintf(stderr, "%s: no qwvm store found\n", root.c_str());
-    return 1;
-  }
-  const bool single = stores.size() == 1 && stores[0].path == root;
-  if (serials && (!single || stores[0].kind != StoreKind::kArena)) {
-    std::fprintf(stderr, "qwvm stat: --serial applies to a plain arena only, and \"%s\" is not one\n", root.c_str());
-    return 2;
-  }
+  StoreArguments found;
+  const int refused = FindStoresToInspect(args, "stat", StatUsage, &found);
+  if (refused >= 0) return refused;
+  options.oldSerial = found.oldSerial;
+  options.newSerial = found.newSerial;
+  const bool single = found.stores.size() == 1 && found.stores[0].path == found.root;
   options.cache = PageCacheNew(64 << 20, 8192);
   if (!options.cache) {
     std::fprintf(stderr, "qwvm stat: %s\n", QWErrorMessage());
@@ -437,7 +424,7 @@ int RunStat(int argc, char **argv) {
   QWSetMessageThreshold(QW_LEVEL_WARNING);
   bool ok = true;
   std::vector<Figures> documents;
-  for (const FoundStore &store : stores) {
+  for (const FoundStore &store : found.stores) {
     if (!options.json && !documents.empty()) std::printf("\n");
     documents.emplace_back();
     ok = StoreFigures(store, options, &documents.back()) && ok;
@@ -445,7 +432,7 @@ int RunStat(int argc, char **argv) {
   PageCacheFree(options.cache);
   if (options.json) {
     const Figures document = single ? documents[0]
-                                    : Figures().Text("path", root).Text("kind", "tree").List("stores", documents);
+                                    : Figures().Text("path", found.root).Text("kind", "tree").List("stores", documents);
     std::printf("%s\n", document.Json().c_str());
   }
   return ok ? 0 : 1;

@@ -2,6 +2,7 @@
 #include "tools/qwvm/store_kind.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -101,6 +102,30 @@ std::vector<FoundStore> FindStores(const std::string &root) {
   if (kind != StoreKind::kNone) found.push_back({root, kind});
   else if (IsDirectory(root)) Walk(root, &found);
   return found;
+}
+
+int FindStoresToInspect(const std::vector<std::string> &args, const char *command, void (*usage)(FILE *),
+                        StoreArguments *found) {
+  found->serials = args.size() == 4 && args[1] == "--serial";
+  found->oldSerial = found->serials ? std::strtoull(args[2].c_str(), nullptr, 10) : STATUS_NO_SERIAL;
+  found->newSerial = found->serials ? std::strtoull(args[3].c_str(), nullptr, 10) : STATUS_NO_SERIAL;
+  if (!found->serials && args.size() != 1) {
+    usage(stderr);
+    return 2;
+  }
+  found->root = args[0];
+  found->stores = FindStores(found->root);
+  if (found->stores.empty()) {
+    std::fprintf(stderr, "%s: no qwvm store found\n", found->root.c_str());
+    return 1;
+  }
+  const FoundStore &first = found->stores[0];
+  if (found->serials && (found->stores.size() != 1 || first.path != found->root || first.kind != StoreKind::kArena)) {
+    std::fprintf(stderr, "qwvm %s: --serial applies to a plain arena only, and \"%s\" is not one\n", command,
+                 found->root.c_str());
+    return 2;
+  }
+  return -1;
 }
 
 }  // namespace qwtool

@@ -2,6 +2,8 @@
 // the stores found under a directory tree. Nothing here opens a store.
 #pragma once
 
+#include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -32,5 +34,21 @@ struct FoundStore {
 // walking the sub-directories (in name order, symbolic links not followed)
 // that are not themselves stores or parts of one. Empty when there is none.
 std::vector<FoundStore> FindStores(const std::string &root);
+
+// The operands of `qwvm check` and `qwvm stat`: DIR [--serial OLD NEW],
+// and the stores found in DIR.
+struct StoreArguments {
+  std::string root;
+  bool serials = false;
+  uint64_t oldSerial, newSerial;  // STATUS_NO_SERIAL unless --serial
+  std::vector<FoundStore> stores;
+};
+
+// Parses `args` (flags of the command already taken out) and finds the
+// stores. Returns -1 when there is work to do, else the exit status after
+// saying why: 2 for bad arguments (`usage` printed) or --serial on anything
+// but one plain arena, 1 when DIR holds no store.
+int FindStoresToInspect(const std::vector<std::string> &args, const char *command, void (*usage)(FILE *),
+                        StoreArguments *found);
 
 }  // namespace qwtool
