@@ -5,7 +5,10 @@
 //   logged arena   the same on DIR/vm, and every record of DIR/log read
 //   box            BoxLVMCheck: every entry read, the metadata checked
 //   string table   DIR/dict as a logged arena and DIR/box as a box
-//   sort directory nothing (reported as "not checked")
+//   sort directory the job file of a `qwvm sort` state read, and DIR/meta
+//                  (the sorter's arena) checked as an arena; with neither,
+//                  the store is reported as "not checked"
+
 // It prints one line per store, "<path>: <kind>: clean" or "<path>: <kind>:
 // N faults" followed by one indented line per fault, and exits 0 only when
 // every store is clean; 1 when one is not (or none is found), 2 on bad
@@ -97,6 +100,17 @@ void CheckBox(const std::string &dir, Report *report) {
   QWErrorRestore();
 }
 
+// The parts of a sort directory that can be verified; false when it has
+// none of them.
+bool CheckSort(const std::string &dir, PageCache *cache, Report *report) {
+  const bool job = FileExists((dir + "/job").c_str()) != 0;
+  const bool meta = DetectStoreKind(dir + "/meta") == StoreKind::kArena;
+  if (job && !SortJobReads(dir)) report->Fault("job: the job file is damaged or cut short");
+  report->prefix = "meta: ";
+  if (meta) CheckArena(dir + "/meta", STATUS_NO_SERIAL, STATUS_NO_SERIAL, cache, report);
+  return job || meta;
+}
+
 // Checks one store and prints its lines; true when it is clean.
 bool CheckStore(const FoundStore &store, uint64_t oldSerial, uint64_t newSerial, PageCache *cache) {
   Report report;
@@ -111,6 +125,8 @@ bool CheckStore(const FoundStore &store, uint64_t oldSerial, uint64_t newSerial,
       CheckBox(store.path + "/box", &report);
       break;
     case StoreKind::kSort:
+      if (CheckSort(store.path, cache, &report)) break;
+      [[fallthrough]];
     case StoreKind::kNone:
       std::printf("%s: %s: not checked\n", store.path.c_str(), StoreKindName(store.kind));
       return true;

@@ -54,6 +54,10 @@ uint64_t CheckArenaGenerations(VMArena *arena, std::vector<std::string> *faults)
 // and free lists.
 void PrintArenaStat(VMArena *arena);
 
+// Whether the job file of the sort state `state` (the directory holding
+// it) reads whole.
+bool SortJobReads(const std::string &state);
+
 // A decimal unsigned 32-bit number, the whole of `text`.
 inline bool ParseU32(const std::string &text, uint32_t *value) {
   char *end = nullptr;
