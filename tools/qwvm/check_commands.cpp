@@ -35,9 +35,9 @@ void CheckUsage(FILE *out) {
                "  arenas for blocks shared between users, logs by reading every record, boxes by reading\n"
                "  every entry and checking their metadata, sort directories by their job file and sorter\n"
                "  arena (an arena whose commit was interrupted is opened writable to finish it, and says\n"
-               "  so). One line per store, \"<path>: <kind>: clean\" or\n"
-               "  \"<path>: <kind>: N faults\" followed by the faults. Exit status 0 when every store is\n"
-               "  clean, 1 when one is not or DIR holds no store, 2 on bad arguments.\n"
+               "  so). One line per store, \"<path>: <kind>: clean\" or \"<path>: <kind>: N faults\"\n"
+               "  followed by the faults. Exit status 0 when every store is clean, 1 when one is not or\n"
+               "  DIR holds no store, 2 on bad arguments.\n"
                "  --serial OLD NEW  open the generation files of these serials (a plain arena only)\n");
 }
 
