@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "qwvm/qwvm.h"
 
@@ -20,6 +21,42 @@ int RunLvm(int argc, char **argv);
 int RunSort(int argc, char **argv);
 int RunBox(int argc, char **argv);
 int RunStrTable(int argc, char **argv);
+
+// What a read of a whole log found (ReadWholeLog).
+struct LogWalk {
+  uint64_t first = LOG_NO_SERIAL, records = 0, waiting = 0, checkpoint = LOG_NO_SERIAL;
+};
+
+// Reads every record of `log` from the first to the last; counts the records
+// after `arenaSerial` up to the serial the newest checkpoint after it names.
+// 0 with the error set when a record does not read.
+int ReadWholeLog(QWLog *log, uint64_t arenaSerial, LogWalk *walk);
+
+// The keys of a string table and their bytes (CountStrTableKeys).
+struct StrTableCounts {
+  uint64_t keys = 0, keyBytes = 0, valueBytes = 0;
+};
+
+// Enumerates every key of `table`; false (reported on stderr) on an error.
+bool CountStrTableKeys(LoggedStrTable *table, StrTableCounts *counts);
+// Opens the string table in `dir` read-only, as `qwvm strtable` does.
+LoggedStrTable *OpenStrTableReadOnly(const std::string &dir);
+
+// Opens the plain arena in `dir` to inspect it: read-only, unless a
+// commit was interrupted (then writable, to finish it, and said so).
+// Null with the error set when it does not open.
+VMArena *OpenArenaForInspection(const std::string &dir, uint64_t oldSerial, uint64_t newSerial, PageCache *cache);
+// Checks both generations for shared blocks; one line in *faults per
+// generation that has clashes (each clash is a level-1 message). Returns the
+// number of clashes.
+uint64_t CheckArenaGenerations(VMArena *arena, std::vector<std::string> *faults);
+// Prints each bucket server's figures and the committed generation's arrays
+// and free lists.
+void PrintArenaStat(VMArena *arena);
+
+// Whether the job file of the sort state `state` (the directory holding
+// it) reads whole.
+bool SortJobReads(const std::string &state);
 
 // A decimal unsigned 32-bit number, the whole of `text`.
 inline bool ParseU32(const std::string &text, uint32_t *value) {

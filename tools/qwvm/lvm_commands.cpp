@@ -24,14 +24,9 @@ std::string Serial(uint64_t serial) {
   return text;
 }
 
-// What a walk over the whole log found.
-struct LogWalk {
-  uint64_t first = LOG_NO_SERIAL, records = 0, waiting = 0, checkpoint = LOG_NO_SERIAL;
-};
+}  // namespace
 
-// Reads every record from the first to the last; counts the records after
-// `arenaSerial` up to the serial the newest checkpoint after it names.
-int Walk(QWLog *log, uint64_t arenaSerial, LogWalk *walk) {
+int ReadWholeLog(QWLog *log, uint64_t arenaSerial, LogWalk *walk) {
   LogReadContext *context = LogReadContextNew(log);
   if (!context) return 0;
   uint64_t serial = 0;
@@ -59,8 +54,6 @@ int Walk(QWLog *log, uint64_t arenaSerial, LogWalk *walk) {
   if (!ok) QWErrorRestore();
   return ok && deleted;
 }
-
-}  // namespace
 
 int RunLog(int argc, char **argv) {
   if (argc != 1) {
@@ -100,7 +93,7 @@ int RunLvm(int argc, char **argv) {
     std::printf("  arena serial:        %s\n", Serial(arenaSerial).c_str());
     std::printf("  log files:           %u to %u, %" PRIu64 " bytes\n", firstFile, lastFile, bytes);
     std::printf("  last log serial:     %s\n", Serial(LogLastSerial(log)).c_str());
-    if (!Walk(log, arenaSerial, &walk)) {
+    if (!ReadWholeLog(log, arenaSerial, &walk)) {
       status = Fail("lvm", "the log does not read cleanly");
     } else {
       std::printf("  first log serial:    %s\n", Serial(walk.first).c_str());

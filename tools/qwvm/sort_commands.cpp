@@ -358,6 +358,11 @@ int SortRun::Run(bool fresh) {
 
 }  // namespace
 
+bool SortJobReads(const std::string &state) {
+  Job job;
+  return ReadJob(state, &job);
+}
+
 int RunSort(int argc, char **argv) {
   Job job;
   job.progress = isatty(2) != 0;

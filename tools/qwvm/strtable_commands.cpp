@@ -114,7 +114,8 @@ LoggedStrTable *Open(const Options &options, bool writable, bool create = false)
     std::fprintf(stderr, "qwvm strtable: no string table in \"%s\"\n", options.dir.c_str());
     return nullptr;
   }
-  LoggedStrTable *table = LoggedStrTableOpen(options.dir.c_str(), kBuckets, 1, 1, writable ? 0 : 1, nullptr);
+  LoggedStrTable *table = writable ? LoggedStrTableOpen(options.dir.c_str(), kBuckets, 1, 1, 0, nullptr)
+                                   : OpenStrTableReadOnly(options.dir);
   if (!table) Fail("cannot open the string table in \"" + options.dir + "\"");
   return table;
 }
@@ -219,19 +220,14 @@ int List(LoggedStrTable *table, const Options &options, const std::string &prefi
 // on its own and prints its buckets and entries (removed keys' empty
 // entries included).
 int Stat(LoggedStrTable *table, const Options &options) {
-  uint64_t keys = 0, keyBytes = 0, valueBytes = 0;
-  const bool counted = Enumerate(table, "", [&](const uint8_t *, uint32_t keyLength, const uint8_t *,
-                                                uint32_t valueLength) {
-    ++keys;
-    keyBytes += keyLength;
-    valueBytes += valueLength;
-  });
+  StrTableCounts counts;
+  const bool counted = CountStrTableKeys(table, &counts);
   QWErrorSave();
   LoggedStrTableClose(table, 0);
   QWErrorRestore();
   if (!counted) return 1;
   std::printf("string table %s: %" PRIu64 " keys, %" PRIu64 " key bytes, %" PRIu64 " value bytes\n",
-              options.dir.c_str(), keys, keyBytes, valueBytes);
+              options.dir.c_str(), counts.keys, counts.keyBytes, counts.valueBytes);
   const std::string boxDir = options.dir + "/box";
   BoxLVM *box = BoxLVMOpen(boxDir.c_str(), kBuckets, 1, 1, 0, 1, nullptr);
   if (!box) return Fail("cannot open the box in \"" + boxDir + "\"");
@@ -241,6 +237,18 @@ int Stat(LoggedStrTable *table, const Options &options) {
 }
 
 }  // namespace
+
+bool CountStrTableKeys(LoggedStrTable *table, StrTableCounts *counts) {
+  return Enumerate(table, "", [&](const uint8_t *, uint32_t keyLength, const uint8_t *, uint32_t valueLength) {
+    ++counts->keys;
+    counts->keyBytes += keyLength;
+    counts->valueBytes += valueLength;
+  });
+}
+
+LoggedStrTable *OpenStrTableReadOnly(const std::string &dir) {
+  return LoggedStrTableOpen(dir.c_str(), kBuckets, 1, 1, 1, nullptr);
+}
 
 int RunStrTable(int argc, char **argv) {
   std::vector<std::string> args(argv, argv + argc);
