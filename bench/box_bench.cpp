@@ -43,11 +43,8 @@
 // Size: `--quick` (or QWVM_BENCH_BOX_SCALE=10) divides both N by 10;
 // QWVM_BENCH_BOX_BUCKETS sets the box's bucket count (default 2).
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,25 +56,13 @@
 #include <string>
 #include <vector>
 
-// The peers' headers come first: qwvm/qwlib.h defines macros (Allocate, ...)
-// that their declarations would run into.
-#if QWVM_HAVE_LEVELDB
-#include <leveldb/db.h>
-#include <leveldb/write_batch.h>
-#endif
-#if QWVM_HAVE_ROCKSDB
-#include <rocksdb/db.h>
-#endif
-#if QWVM_HAVE_LMDB
-#include <lmdb.h>
-#endif
-
-#include "bench_summary.h"
+#include "peers.h"  // first: it includes the peers' headers
 #include "qwvm/qwvm.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using qwbench::DiskBytes;
+using qwbench::Times;
 namespace fs = std::filesystem;
 
 constexpr uint32_t kLmdbTxnPuts = 10000;
@@ -85,34 +70,6 @@ constexpr uint32_t kLmdbTxnPuts = 10000;
 std::string g_root;
 uint32_t g_boxBuckets = 2;
 int g_serial = 0;
-
-// Wall time and the process's CPU time (user + system, every thread: the
-// peers' background compactions count), in seconds.
-struct Times {
-  double wall = 0, cpu = 0;
-  static Times Now() {
-    struct rusage usage;
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
-    return {std::chrono::duration<double>(Clock::now().time_since_epoch()).count(),
-            seconds(usage.ru_utime) + seconds(usage.ru_stime)};
-  }
-  Times Since() const {
-    const Times now = Now();
-    return {now.wall - wall, now.cpu - cpu};
-  }
-};
-
-// Bytes allocated on disk by the regular files under `directory`.
-uint64_t DiskBytes(const std::string &directory) {
-  uint64_t bytes = 0;
-  std::error_code error;
-  for (const auto &entry : fs::recursive_directory_iterator(directory, error)) {
-    struct stat info;
-    if (lstat(entry.path().c_str(), &info) == 0 && S_ISREG(info.st_mode)) bytes += uint64_t(info.st_blocks) * 512;
-  }
-  return bytes;
-}
 
 // Values: a slice of a random pool chosen by id and generation, with the id
 // and the generation in the first 8 bytes.
@@ -253,30 +210,6 @@ class LsmStore : public Store {
   std::string value_, error_;
 };
 
-#if QWVM_HAVE_LEVELDB
-struct LevelDBApi {
-  using DB = leveldb::DB;
-  using Options = leveldb::Options;
-  using WriteOptions = leveldb::WriteOptions;
-  using ReadOptions = leveldb::ReadOptions;
-  using Slice = leveldb::Slice;
-  using Status = leveldb::Status;
-  using Iterator = leveldb::Iterator;
-};
-#endif
-
-#if QWVM_HAVE_ROCKSDB
-struct RocksDBApi {
-  using DB = rocksdb::DB;
-  using Options = rocksdb::Options;
-  using WriteOptions = rocksdb::WriteOptions;
-  using ReadOptions = rocksdb::ReadOptions;
-  using Slice = rocksdb::Slice;
-  using Status = rocksdb::Status;
-  using Iterator = rocksdb::Iterator;
-};
-#endif
-
 #if QWVM_HAVE_LMDB
 class LmdbStore : public Store {
  public:
@@ -352,10 +285,10 @@ std::unique_ptr<Store> MakeStore(Side side) {
     case kBox: return std::make_unique<BoxStore>(nullptr);
     case kBoxCache: return std::make_unique<BoxStore>(g_cache);
 #if QWVM_HAVE_LEVELDB
-    case kLevelDB: return std::make_unique<LsmStore<LevelDBApi>>();
+    case kLevelDB: return std::make_unique<LsmStore<qwbench::LevelDBApi>>();
 #endif
 #if QWVM_HAVE_ROCKSDB
-    case kRocksDB: return std::make_unique<LsmStore<RocksDBApi>>();
+    case kRocksDB: return std::make_unique<LsmStore<qwbench::RocksDBApi>>();
 #endif
 #if QWVM_HAVE_LMDB
     case kLmdb: return std::make_unique<LmdbStore>();
@@ -489,30 +422,16 @@ void Register() {
     }
 }
 
-// The table of the rates in `counter` per workload and side, and the box /
-// peer ratios.
+// The table of the rates in `counter` per phase, workload and side, and the
+// box / peer ratios.
 void PrintRates(const qwbench::SummaryReporter &reporter, const char *counter) {
-  std::printf("  %-18s %-5s", "workload", "value");
-  for (const char *side : kSideNames) std::printf(" %9s", side);
-  for (int b = 0; b < kBoxSides; ++b)
-    for (int s = kBoxSides; s < kSideCount; ++s) std::printf(" %11s/%-7s", kSideNames[b], kSideNames[s]);
-  std::printf("\n");
-  for (size_t w = 0; w < g_workloads.size(); ++w)
-    for (int p = 0; p < kPhaseCount; ++p) {
-      double rate[kSideCount] = {};
-      for (int s = 0; s < kSideCount; ++s) {
-        const auto *r = reporter.Find(RunName(Side(s), int(w), Phase(p)));
-        if (r && r->counters.count(counter)) rate[s] = r->counters.at(counter);
-      }
-      std::printf("  %-18s %-5s", kPhaseNames[p], g_workloads[w].label);
-      for (double r : rate) std::printf(" %9.1f", r / 1e3);
-      for (int b = 0; b < kBoxSides; ++b)
-        for (int s = kBoxSides; s < kSideCount; ++s) {
-          if (rate[b] > 0 && rate[s] > 0) std::printf(" %19.3f", rate[b] / rate[s]);
-          else std::printf(" %19s", "-");
-        }
-      std::printf("\n");
-    }
+  std::vector<std::string> rows;
+  for (const Workload &w : g_workloads)
+    for (const char *phase : kPhaseNames) rows.push_back(std::string(phase) + " " + w.label);
+  qwbench::PrintRates(reporter, counter, rows, {std::begin(kSideNames), std::end(kSideNames)}, kBoxSides,
+                      [](size_t row, size_t side) {
+                        return RunName(Side(side), int(row / kPhaseCount), Phase(row % kPhaseCount));
+                      });
 }
 
 void PrintSummary(const qwbench::SummaryReporter &reporter) {

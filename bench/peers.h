@@ -1,0 +1,120 @@
+// What the store benchmarks that measure qwvm against LevelDB, RocksDB and
+// LMDB share: the peers' headers (included here before any qwvm header:
+// qwvm/qwlib.h defines macros, Allocate and others, that their declarations
+// would run into), one API description per LSM peer so that a single
+// template drives both, wall and CPU time, disk usage, and the table of
+// rates and ratios that closes a run.
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#if QWVM_HAVE_LEVELDB
+#include <leveldb/db.h>
+#include <leveldb/write_batch.h>
+#endif
+#if QWVM_HAVE_ROCKSDB
+#include <rocksdb/db.h>
+#endif
+#if QWVM_HAVE_LMDB
+#include <lmdb.h>
+#endif
+
+#include "bench_summary.h"
+
+namespace qwbench {
+
+// Wall time and the process's CPU time (user + system, every thread: the
+// peers' background compactions count), in seconds.
+struct Times {
+  double wall = 0, cpu = 0;
+  static Times Now() {
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return {std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(),
+            seconds(usage.ru_utime) + seconds(usage.ru_stime)};
+  }
+  Times Since() const {
+    const Times now = Now();
+    return {now.wall - wall, now.cpu - cpu};
+  }
+};
+
+// Bytes allocated on disk by the regular files under `directory`.
+inline uint64_t DiskBytes(const std::string &directory) {
+  uint64_t bytes = 0;
+  std::error_code error;
+  for (const auto &entry : std::filesystem::recursive_directory_iterator(directory, error)) {
+    struct stat info;
+    if (lstat(entry.path().c_str(), &info) == 0 && S_ISREG(info.st_mode)) bytes += uint64_t(info.st_blocks) * 512;
+  }
+  return bytes;
+}
+
+// LevelDB and RocksDB share their API's shape: a store template takes one of
+// these.
+#if QWVM_HAVE_LEVELDB
+struct LevelDBApi {
+  using DB = leveldb::DB;
+  using Options = leveldb::Options;
+  using WriteOptions = leveldb::WriteOptions;
+  using ReadOptions = leveldb::ReadOptions;
+  using Slice = leveldb::Slice;
+  using Status = leveldb::Status;
+  using Iterator = leveldb::Iterator;
+};
+#endif
+
+#if QWVM_HAVE_ROCKSDB
+struct RocksDBApi {
+  using DB = rocksdb::DB;
+  using Options = rocksdb::Options;
+  using WriteOptions = rocksdb::WriteOptions;
+  using ReadOptions = rocksdb::ReadOptions;
+  using Slice = rocksdb::Slice;
+  using Status = rocksdb::Status;
+  using Iterator = rocksdb::Iterator;
+};
+#endif
+
+// The closing table of a store benchmark: one line per row (a phase and
+// workload), the rate in `counter` of every side in k/s, then the ratio
+// ours / peer for each of the first `ourSides` sides against each later one
+// (above 1: ours is faster). `runName(row, side)` names the run; a run that
+// did not happen prints as 0 and its ratios as "-".
+inline void PrintRates(const SummaryReporter &reporter, const char *counter, const std::vector<std::string> &rows,
+                       const std::vector<std::string> &sides, size_t ourSides,
+                       const std::function<std::string(size_t, size_t)> &runName) {
+  std::printf("  %-24s", "workload");
+  for (const auto &side : sides) std::printf(" %14s", side.c_str());
+  for (size_t o = 0; o < ourSides; ++o)
+    for (size_t s = ourSides; s < sides.size(); ++s) std::printf(" %14s/%-8s", sides[o].c_str(), sides[s].c_str());
+  std::printf("\n");
+  for (size_t row = 0; row < rows.size(); ++row) {
+    std::vector<double> rate(sides.size());
+    for (size_t s = 0; s < sides.size(); ++s) {
+      const auto *r = reporter.Find(runName(row, s));
+      if (r && r->counters.count(counter)) rate[s] = r->counters.at(counter);
+    }
+    std::printf("  %-24s", rows[row].c_str());
+    for (double r : rate) std::printf(" %14.1f", r / 1e3);
+    for (size_t o = 0; o < ourSides; ++o)
+      for (size_t s = ourSides; s < sides.size(); ++s) {
+        if (rate[o] > 0 && rate[s] > 0) std::printf(" %23.3f", rate[o] / rate[s]);
+        else std::printf(" %23s", "-");
+      }
+    std::printf("\n");
+  }
+}
+
+}  // namespace qwbench
