@@ -166,48 +166,34 @@ class BoxStore : public Store {
   uint8_t *value_ = nullptr;
 };
 
-// LevelDB and RocksDB share their API's shape: one store over either.
+// LevelDB or RocksDB (qwbench::LevelDBApi or qwbench::RocksDBApi).
 template <typename Api>
 class LsmStore : public Store {
  public:
-  ~LsmStore() override { delete db_; }
-  bool Open() override {
-    typename Api::Options options;
-    options.create_if_missing = true;
-    return Ok(Api::DB::Open(options, directory_, &db_));
-  }
+  bool Open() override { return db_.Open(directory_); }
   bool Put(uint32_t id, const uint8_t *value, uint32_t size, bool last) override {
     char key[4];
     BigEndian(id, key);
-    typename Api::WriteOptions options;
-    options.sync = last;
-    return Ok(db_->Put(options, Slice(key, 4), Slice(reinterpret_cast<const char *>(value), size)));
+    return db_.Put({key, 4}, value, size, last);
   }
   bool Sync() override { return true; }  // the last put synced
   bool Get(uint32_t id, uint32_t generation, uint32_t size) override {
     char key[4];
     BigEndian(id, key);
-    return Ok(db_->Get(typename Api::ReadOptions(), Slice(key, 4), &value_)) &&
-           Values::Check(value_.data(), value_.size(), id, generation, size);
+    return db_.Get({key, 4}) == 1 && Values::Check(db_.value().data(), db_.value().size(), id, generation, size);
   }
   uint64_t Scan(uint64_t, uint32_t generation, uint32_t size) override {
-    std::unique_ptr<typename Api::Iterator> it(db_->NewIterator(typename Api::ReadOptions()));
+    const auto it = db_.NewIterator();
     uint64_t good = 0;
     for (it->SeekToFirst(); it->Valid(); it->Next())
       good += it->key().size() == 4 &&
               Values::Check(it->value().data(), it->value().size(), FromBigEndian(it->key().data()), generation, size);
-    return it->status().ok() ? good : 0;
+    return db_.Ok(it->status()) ? good : 0;
   }
-  std::string Error() override { return error_; }
+  std::string Error() override { return db_.error(); }
 
  private:
-  using Slice = typename Api::Slice;
-  bool Ok(const typename Api::Status &status) {
-    if (!status.ok()) error_ = status.ToString();
-    return status.ok();
-  }
-  typename Api::DB *db_ = nullptr;
-  std::string value_, error_;
+  qwbench::LsmDb<Api> db_;
 };
 
 #if QWVM_HAVE_LMDB

@@ -14,7 +14,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -86,6 +88,53 @@ struct RocksDBApi {
   using Iterator = rocksdb::Iterator;
 };
 #endif
+
+// One LevelDB or RocksDB database (`Api`: LevelDBApi or RocksDBApi) with
+// default options; writes sync when asked. Failures keep the status text in
+// error().
+template <typename Api>
+class LsmDb {
+ public:
+  using Slice = typename Api::Slice;
+  LsmDb() = default;
+  LsmDb(const LsmDb &) = delete;
+  LsmDb &operator=(const LsmDb &) = delete;
+  ~LsmDb() { delete db_; }
+  bool Open(const std::string &directory) {
+    typename Api::Options options;
+    options.create_if_missing = true;
+    return Ok(Api::DB::Open(options, directory, &db_));
+  }
+  bool Put(std::string_view key, const void *value, size_t size, bool sync) {
+    typename Api::WriteOptions options;
+    options.sync = sync;
+    return Ok(db_->Put(options, Slice(key.data(), key.size()), Slice(static_cast<const char *>(value), size)));
+  }
+  bool Delete(std::string_view key, bool sync) {
+    typename Api::WriteOptions options;
+    options.sync = sync;
+    return Ok(db_->Delete(options, Slice(key.data(), key.size())));
+  }
+  // 1 with the value of `key` in value(), 0 when absent, -1 on failure.
+  int Get(std::string_view key) {
+    const auto status = db_->Get(typename Api::ReadOptions(), Slice(key.data(), key.size()), &value_);
+    if (status.IsNotFound()) return 0;
+    return Ok(status) ? 1 : -1;
+  }
+  const std::string &value() const { return value_; }
+  std::unique_ptr<typename Api::Iterator> NewIterator() {
+    return std::unique_ptr<typename Api::Iterator>(db_->NewIterator(typename Api::ReadOptions()));
+  }
+  bool Ok(const typename Api::Status &status) {
+    if (!status.ok()) error_ = status.ToString();
+    return status.ok();
+  }
+  const std::string &error() const { return error_; }
+
+ private:
+  typename Api::DB *db_ = nullptr;
+  std::string value_, error_;
+};
 
 // The closing table of a store benchmark: one line per row (a phase and
 // workload), the rate in `counter` of every side in k/s, then the ratio

@@ -31,7 +31,8 @@
 // ops/s and cpu_ops/s (per second of the process's CPU time, all threads, so
 // that the peers' background work counts); after each write phase, the bytes
 // the store's files take on disk per key and value byte stored
-// (disk/stored). The summary prints both rates per phase and side and the
+// (disk/stored), and the wall seconds of the last write and the sync
+// (sync_s). The summary prints both rates per phase and side and the
 // ratios strtable / peer (above 1: the table is faster).
 //
 // Size: `--quick` (or QWVM_BENCH_STRTABLE_SCALE=10) divides N by 10;
@@ -178,56 +179,36 @@ class StrTableStore : public Store {
   LoggedStrTableThreadData *threadData_ = nullptr;
 };
 
-// LevelDB or RocksDB.
+// LevelDB or RocksDB (qwbench::LevelDBApi or qwbench::RocksDBApi).
 template <typename Api>
 class LsmStore : public Store {
  public:
-  ~LsmStore() override { delete db_; }
-  bool Open() override {
-    typename Api::Options options;
-    options.create_if_missing = true;
-    return Ok(Api::DB::Open(options, directory_, &db_));
-  }
+  bool Open() override { return db_.Open(directory_); }
   bool Set(std::string_view key, const uint8_t *value, bool last) override {
-    typename Api::WriteOptions options;
-    options.sync = last;
-    return Ok(db_->Put(options, Slice(key.data(), key.size()),
-                       Slice(reinterpret_cast<const char *>(value), kValueSize)));
+    return db_.Put(key, value, kValueSize, last);
   }
-  bool Delete(std::string_view key, bool last) override {
-    typename Api::WriteOptions options;
-    options.sync = last;
-    return Ok(db_->Delete(options, Slice(key.data(), key.size())));
-  }
+  bool Delete(std::string_view key, bool last) override { return db_.Delete(key, last); }
   bool Sync() override { return true; }  // the last write synced
   int Get(uint32_t index) override {
-    const std::string &key = g_keys[index];
-    const auto status = db_->Get(typename Api::ReadOptions(), Slice(key.data(), key.size()), &value_);
-    if (status.IsNotFound()) return 0;
-    if (!Ok(status)) return -1;
-    return Values::Check(value_.data(), value_.size(), index) ? 1 : -1;
+    const int found = db_.Get(g_keys[index]);
+    if (found != 1) return found;
+    return Values::Check(db_.value().data(), db_.value().size(), index) ? 1 : -1;
   }
   int64_t List(std::string_view prefix) override {
-    std::unique_ptr<typename Api::Iterator> it(db_->NewIterator(typename Api::ReadOptions()));
+    const auto it = db_.NewIterator();
     int64_t good = 0;
-    for (it->Seek(Slice(prefix.data(), prefix.size())); it->Valid(); it->Next()) {
+    for (it->Seek({prefix.data(), prefix.size()}); it->Valid(); it->Next()) {
       const std::string_view key(it->key().data(), it->key().size());
       if (key.substr(0, prefix.size()) != prefix) break;
       if (!Values::CheckListed(key, it->value().data(), it->value().size(), prefix)) return -1;
       ++good;
     }
-    return Ok(it->status()) ? good : -1;
+    return db_.Ok(it->status()) ? good : -1;
   }
-  std::string Error() override { return error_; }
+  std::string Error() override { return db_.error(); }
 
  private:
-  using Slice = typename Api::Slice;
-  bool Ok(const typename Api::Status &status) {
-    if (!status.ok()) error_ = status.ToString();
-    return status.ok();
-  }
-  typename Api::DB *db_ = nullptr;
-  std::string value_, error_;
+  qwbench::LsmDb<Api> db_;
 };
 
 enum Side { kStrTable, kStrTableCache, kLevelDB, kRocksDB, kSideCount };
@@ -297,16 +278,20 @@ std::string RunName(Side side, Phase phase) {
   return std::string("BM_") + kPhaseNames[phase] + "/" + kSideNames[side];
 }
 
-// Sets (or deletes) the keys of `order`, then syncs.
-bool WritePhase(Store *store, const std::vector<uint32_t> &order, bool remove, Times *spent) {
+// Sets (or deletes) the keys of `order`, then syncs. *syncWall is the wall time
+// of the last write and the sync (the part that makes the phase durable).
+bool WritePhase(Store *store, const std::vector<uint32_t> &order, bool remove, Times *spent, double *syncWall) {
   const Times start = Times::Now();
+  Times last;
   for (size_t i = 0; i < order.size(); ++i) {
-    const bool last = i + 1 == order.size();
+    const bool isLast = i + 1 == order.size();
+    if (isLast) last = Times::Now();
     const std::string &key = g_keys[order[i]];
-    if (remove ? !store->Delete(key, last) : !store->Set(key, g_values.Make(order[i]), last)) return false;
+    if (remove ? !store->Delete(key, isLast) : !store->Set(key, g_values.Make(order[i]), isLast)) return false;
   }
   if (!store->Sync()) return false;
   *spent = start.Since();
+  *syncWall = last.Since().wall;
   return true;
 }
 
@@ -314,6 +299,7 @@ void BM_Phase(benchmark::State &state, Side side, Phase phase) {
   const uint64_t n = g_keys.size();
   auto &slot = g_stores[side];
   Times spent;
+  double syncWall = 0;
   uint64_t ops = n, pairs = 0;
   for (auto _ : state) {
     if (phase == kSetSorted || phase == kSetRandom) {
@@ -329,10 +315,10 @@ void BM_Phase(benchmark::State &state, Side side, Phase phase) {
         std::vector<uint32_t> order(n);
         std::iota(order.begin(), order.end(), 0u);
         std::sort(order.begin(), order.end(), [](uint32_t a, uint32_t b) { return g_keys[a] < g_keys[b]; });
-        ok = WritePhase(store, order, false, &spent);
+        ok = WritePhase(store, order, false, &spent, &syncWall);
         break;
       }
-      case kSetRandom: ok = WritePhase(store, Shuffled(n, 1), false, &spent); break;
+      case kSetRandom: ok = WritePhase(store, Shuffled(n, 1), false, &spent, &syncWall); break;
       case kGetRandom: {
         const std::vector<uint32_t> order = Shuffled(n, 2);
         const Times start = Times::Now();
@@ -357,7 +343,7 @@ void BM_Phase(benchmark::State &state, Side side, Phase phase) {
         break;
       }
       case kDeleteRandom: {
-        ok = WritePhase(store, Shuffled(n, 3), true, &spent);
+        ok = WritePhase(store, Shuffled(n, 3), true, &spent, &syncWall);
         for (uint32_t i = 0; ok && i < std::min<uint64_t>(n, kMissChecks); ++i) ok = store->Get(i) == 0;
         break;
       }
@@ -373,6 +359,7 @@ void BM_Phase(benchmark::State &state, Side side, Phase phase) {
   }
   state.counters["ops/s"] = benchmark::Counter(double(ops) / spent.wall);
   state.counters["cpu_ops/s"] = benchmark::Counter(double(ops) / spent.cpu);
+  if (phase != kGetRandom && phase != kPrefix) state.counters["sync_s"] = syncWall;
   if (phase == kPrefix) state.counters["pairs/s"] = benchmark::Counter(double(pairs) / spent.wall);
   if (phase == kSetSorted || phase == kDeleteRandom) slot.reset();
 }
