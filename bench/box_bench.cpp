@@ -28,8 +28,9 @@
 // Snappy compression on); LMDB maps its file. The box runs twice: "box"
 // reads and writes its data files directly (pread/pwrite per block, cache
 // NULL), "box-cache" through a 1 GiB process page cache (PageCacheNew(1 GiB,
-// 8192), shared by its stores; written pages reach the file at the
-// checkpoint's sync). Both copy a value into the caller's buffer.
+// 8192), shared by its stores: reads come from the cache, writes still go
+// through to the file, one pwrite per block, and into the cached page).
+// Both copy a value into the caller's buffer.
 // All sides are single-threaded and the stores sit in one directory under
 // $TMPDIR (or /tmp), removed at the end.
 //

@@ -23,7 +23,8 @@
 // Peers run with their default options (Snappy compression on). The table
 // runs twice: "strtable" with its box reading and writing its data files
 // directly (cache NULL), "strtable-cache" through a 1 GiB process page cache
-// (PageCacheNew(1 GiB, 8192)). The table hands out a pointer to the value;
+// (PageCacheNew(1 GiB, 8192): reads come from the cache, writes still go
+// through to the file, one pwrite per block). The table hands out a pointer to the value;
 // the peers copy it into a std::string. All sides are single-threaded and the
 // stores sit in one directory under $TMPDIR (or /tmp), removed at the end.
 //
