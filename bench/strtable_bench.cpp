@@ -157,7 +157,8 @@ class StrTableStore : public Store {
     return Values::Check(value, length, index) ? 1 : -1;
   }
   int64_t List(std::string_view prefix) override {
-    LoggedStrTableEnumeration *enumeration = LoggedStrTableEnumerationNew(table_, prefix.data(), uint32_t(prefix.size()));
+    LoggedStrTableEnumeration *enumeration =
+        LoggedStrTableEnumerationNew(table_, prefix.data(), uint32_t(prefix.size()));
     if (!enumeration) return -1;
     const uint8_t *key, *value;
     uint32_t keyLength, valueLength;
