@@ -63,14 +63,13 @@
 namespace {
 
 using qwbench::DiskBytes;
+using qwbench::Shuffled;
 using qwbench::Times;
 namespace fs = std::filesystem;
 
 constexpr uint32_t kLmdbTxnPuts = 10000;
 
-std::string g_root;
 uint32_t g_boxBuckets = 2;
-int g_serial = 0;
 
 // Values: a slice of a random pool chosen by id and generation, with the id
 // and the generation in the first 8 bytes.
@@ -110,12 +109,8 @@ uint32_t FromBigEndian(const void *key) {
 }
 
 // One store under test.
-class Store {
+class Store : public qwbench::StoreDirectory {
  public:
-  virtual ~Store() {
-    std::error_code ignored;
-    fs::remove_all(directory_, ignored);
-  }
   [[nodiscard]] virtual bool Open() = 0;
   // `last` is the last put of the phase: it (or a step after it) makes the
   // phase durable.
@@ -126,10 +121,6 @@ class Store {
   // Visits every entry in key order, checking each: the count of good ones.
   virtual uint64_t Scan(uint64_t n, uint32_t generation, uint32_t size) = 0;
   virtual std::string Error() = 0;
-  const std::string &directory() const { return directory_; }
-
- protected:
-  std::string directory_ = g_root + "/store-" + std::to_string(++g_serial);
 };
 
 class BoxStore : public Store {
@@ -316,13 +307,6 @@ std::map<std::pair<int, int>, std::unique_ptr<Store>> g_seq, g_random;
 // Bytes on disk per value byte: per (side, workload, phase).
 std::map<std::tuple<int, int, int>, double> g_space;
 
-// A permutation of 0 .. n-1 from `seed`.
-std::vector<uint32_t> Shuffled(uint64_t n, uint64_t seed) {
-  std::vector<uint32_t> ids(n);
-  std::iota(ids.begin(), ids.end(), 0u);
-  std::shuffle(ids.begin(), ids.end(), std::mt19937_64(seed));
-  return ids;
-}
 
 std::string RunName(Side side, int workload, Phase phase) {
   return std::string("BM_") + kPhaseNames[phase] + "/" + g_workloads[workload].label + "/" + kSideNames[side];
@@ -460,10 +444,7 @@ int main(int argc, char **argv) {
   return qwbench::RunWithSummary(
       argc, argv, 40,
       [] {
-        const char *tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qwvm-box-bench-XXXXXX";
-        if (!mkdtemp(pattern.data())) return false;
-        g_root = pattern;
+        if (!qwbench::MakeRunRoot("box-bench")) return false;
         g_cache = PageCacheNew(uint64_t(1) << 30, BOXLVM_PAGE_SIZE);
         return g_cache != nullptr;
       },
@@ -472,8 +453,7 @@ int main(int argc, char **argv) {
         g_seq.clear();
         g_random.clear();  // stores before the cache they use
         PageCacheFree(g_cache);
-        std::error_code ignored;
-        if (!g_root.empty()) fs::remove_all(g_root, ignored);
+        qwbench::RemoveRunRoot();
       },
-      [] { return std::string("box_bench: could not prepare ") + g_root; });
+      [] { return std::string("box_bench: could not prepare ") + qwbench::RunRoot(); });
 }

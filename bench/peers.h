@@ -9,12 +9,16 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <numeric>
+#include <random>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -61,6 +65,53 @@ inline uint64_t DiskBytes(const std::string &directory) {
     if (lstat(entry.path().c_str(), &info) == 0 && S_ISREG(info.st_mode)) bytes += uint64_t(info.st_blocks) * 512;
   }
   return bytes;
+}
+
+// The directory every store of a run sits in: MakeRunRoot makes
+// $TMPDIR/qwvm-<program>-XXXXXX (or under /tmp), RemoveRunRoot removes it
+// with all it holds.
+inline std::string &RunRoot() {
+  static std::string root;
+  return root;
+}
+inline bool MakeRunRoot(const char *program) {
+  const char *tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qwvm-" + program + "-XXXXXX";
+  if (!mkdtemp(pattern.data())) return false;
+  RunRoot() = pattern;
+  return true;
+}
+inline void RemoveRunRoot() {
+  std::error_code ignored;
+  if (!RunRoot().empty()) std::filesystem::remove_all(RunRoot(), ignored);
+}
+
+// The base of a store under test: a fresh directory under the run's root,
+// removed with the store.
+class StoreDirectory {
+ public:
+  virtual ~StoreDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+  }
+  const std::string &directory() const { return directory_; }
+
+ protected:
+  std::string directory_ = RunRoot() + "/store-" + std::to_string(++Serial());
+
+ private:
+  static int &Serial() {
+    static int serial = 0;
+    return serial;
+  }
+};
+
+// A permutation of 0 .. n-1 from `seed`.
+inline std::vector<uint32_t> Shuffled(uint64_t n, uint64_t seed) {
+  std::vector<uint32_t> order(n);
+  std::iota(order.begin(), order.end(), 0u);
+  std::shuffle(order.begin(), order.end(), std::mt19937_64(seed));
+  return order;
 }
 
 // LevelDB and RocksDB share their API's shape: a store template takes one of

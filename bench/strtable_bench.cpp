@@ -44,7 +44,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -59,7 +58,7 @@
 
 namespace {
 
-namespace fs = std::filesystem;
+using qwbench::Shuffled;
 using qwbench::Times;
 
 constexpr uint32_t kValueSize = 100;
@@ -67,9 +66,7 @@ constexpr uint32_t kPrefixLength = 4;
 constexpr uint32_t kPrefixes = 1000;
 constexpr uint32_t kMissChecks = 1000;
 
-std::string g_root;
 uint32_t g_buckets = 2;
-int g_serial = 0;
 std::vector<std::string> g_keys;  // distinct, in the order they were drawn
 std::vector<std::string> g_sortedKeys;
 
@@ -106,12 +103,8 @@ class Values {
 Values g_values;
 
 // One store under test.
-class Store {
+class Store : public qwbench::StoreDirectory {
  public:
-  virtual ~Store() {
-    std::error_code ignored;
-    fs::remove_all(directory_, ignored);
-  }
   [[nodiscard]] virtual bool Open() = 0;
   // `last` is the last write of the phase: it (or Sync after it) makes the
   // phase durable.
@@ -124,10 +117,6 @@ class Store {
   // The count of good pairs under `prefix`, or -1 on a bad one or failure.
   virtual int64_t List(std::string_view prefix) = 0;
   virtual std::string Error() = 0;
-  const std::string &directory() const { return directory_; }
-
- protected:
-  std::string directory_ = g_root + "/store-" + std::to_string(++g_serial);
 };
 
 class StrTableStore : public Store {
@@ -238,13 +227,6 @@ const char *const kPhaseNames[kPhaseCount] = {"set/sorted", "set/random", "get/r
 // The live store per side: the sorted one lives through its phase only.
 std::map<int, std::unique_ptr<Store>> g_stores;
 
-// A permutation of 0 .. n-1 from `seed`.
-std::vector<uint32_t> Shuffled(uint64_t n, uint64_t seed) {
-  std::vector<uint32_t> order(n);
-  std::iota(order.begin(), order.end(), 0u);
-  std::shuffle(order.begin(), order.end(), std::mt19937_64(seed));
-  return order;
-}
 
 // N distinct keys of 16 to 64 letters 'a' .. 'p', and their sorted copy.
 void MakeKeys(uint64_t n) {
@@ -408,10 +390,7 @@ int main(int argc, char **argv) {
   return qwbench::RunWithSummary(
       argc, argv, 40,
       [] {
-        const char *tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qwvm-strtable-bench-XXXXXX";
-        if (!mkdtemp(pattern.data())) return false;
-        g_root = pattern;
+        if (!qwbench::MakeRunRoot("strtable-bench")) return false;
         g_cache = PageCacheNew(uint64_t(1) << 30, BOXLVM_PAGE_SIZE);
         return g_cache != nullptr;
       },
@@ -419,8 +398,7 @@ int main(int argc, char **argv) {
       [] {
         g_stores.clear();  // stores before the cache they use
         PageCacheFree(g_cache);
-        std::error_code ignored;
-        if (!g_root.empty()) fs::remove_all(g_root, ignored);
+        qwbench::RemoveRunRoot();
       },
-      [] { return std::string("strtable_bench: could not prepare ") + g_root; });
+      [] { return std::string("strtable_bench: could not prepare ") + qwbench::RunRoot(); });
 }
