@@ -28,8 +28,9 @@
 // Snappy compression on); LMDB maps its file. The box runs twice: "box"
 // reads and writes its data files directly (pread/pwrite per block, cache
 // NULL), "box-cache" through a 1 GiB process page cache (PageCacheNew(1 GiB,
-// 8192), shared by its stores; written pages reach the file at the
-// checkpoint's sync). Both copy a value into the caller's buffer.
+// 8192), shared by its stores: reads come from the cache, writes still go
+// through to the file, one pwrite per block, and into the cached page).
+// Both copy a value into the caller's buffer.
 // All sides are single-threaded and the stores sit in one directory under
 // $TMPDIR (or /tmp), removed at the end.
 //
@@ -43,11 +44,8 @@
 // Size: `--quick` (or QWVM_BENCH_BOX_SCALE=10) divides both N by 10;
 // QWVM_BENCH_BOX_BUCKETS sets the box's bucket count (default 2).
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,60 +57,19 @@
 #include <string>
 #include <vector>
 
-// The peers' headers come first: qwvm/qwlib.h defines macros (Allocate, ...)
-// that their declarations would run into.
-#if QWVM_HAVE_LEVELDB
-#include <leveldb/db.h>
-#include <leveldb/write_batch.h>
-#endif
-#if QWVM_HAVE_ROCKSDB
-#include <rocksdb/db.h>
-#endif
-#if QWVM_HAVE_LMDB
-#include <lmdb.h>
-#endif
-
-#include "bench_summary.h"
+#include "peers.h"  // first: it includes the peers' headers
 #include "qwvm/qwvm.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using qwbench::DiskBytes;
+using qwbench::Shuffled;
+using qwbench::Times;
 namespace fs = std::filesystem;
 
 constexpr uint32_t kLmdbTxnPuts = 10000;
 
-std::string g_root;
 uint32_t g_boxBuckets = 2;
-int g_serial = 0;
-
-// Wall time and the process's CPU time (user + system, every thread: the
-// peers' background compactions count), in seconds.
-struct Times {
-  double wall = 0, cpu = 0;
-  static Times Now() {
-    struct rusage usage;
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
-    return {std::chrono::duration<double>(Clock::now().time_since_epoch()).count(),
-            seconds(usage.ru_utime) + seconds(usage.ru_stime)};
-  }
-  Times Since() const {
-    const Times now = Now();
-    return {now.wall - wall, now.cpu - cpu};
-  }
-};
-
-// Bytes allocated on disk by the regular files under `directory`.
-uint64_t DiskBytes(const std::string &directory) {
-  uint64_t bytes = 0;
-  std::error_code error;
-  for (const auto &entry : fs::recursive_directory_iterator(directory, error)) {
-    struct stat info;
-    if (lstat(entry.path().c_str(), &info) == 0 && S_ISREG(info.st_mode)) bytes += uint64_t(info.st_blocks) * 512;
-  }
-  return bytes;
-}
 
 // Values: a slice of a random pool chosen by id and generation, with the id
 // and the generation in the first 8 bytes.
@@ -152,12 +109,8 @@ uint32_t FromBigEndian(const void *key) {
 }
 
 // One store under test.
-class Store {
+class Store : public qwbench::StoreDirectory {
  public:
-  virtual ~Store() {
-    std::error_code ignored;
-    fs::remove_all(directory_, ignored);
-  }
   [[nodiscard]] virtual bool Open() = 0;
   // `last` is the last put of the phase: it (or a step after it) makes the
   // phase durable.
@@ -168,10 +121,6 @@ class Store {
   // Visits every entry in key order, checking each: the count of good ones.
   virtual uint64_t Scan(uint64_t n, uint32_t generation, uint32_t size) = 0;
   virtual std::string Error() = 0;
-  const std::string &directory() const { return directory_; }
-
- protected:
-  std::string directory_ = g_root + "/store-" + std::to_string(++g_serial);
 };
 
 class BoxStore : public Store {
@@ -209,73 +158,35 @@ class BoxStore : public Store {
   uint8_t *value_ = nullptr;
 };
 
-// LevelDB and RocksDB share their API's shape: one store over either.
+// LevelDB or RocksDB (qwbench::LevelDBApi or qwbench::RocksDBApi).
 template <typename Api>
 class LsmStore : public Store {
  public:
-  ~LsmStore() override { delete db_; }
-  bool Open() override {
-    typename Api::Options options;
-    options.create_if_missing = true;
-    return Ok(Api::DB::Open(options, directory_, &db_));
-  }
+  bool Open() override { return db_.Open(directory_); }
   bool Put(uint32_t id, const uint8_t *value, uint32_t size, bool last) override {
     char key[4];
     BigEndian(id, key);
-    typename Api::WriteOptions options;
-    options.sync = last;
-    return Ok(db_->Put(options, Slice(key, 4), Slice(reinterpret_cast<const char *>(value), size)));
+    return db_.Put({key, 4}, value, size, last);
   }
   bool Sync() override { return true; }  // the last put synced
   bool Get(uint32_t id, uint32_t generation, uint32_t size) override {
     char key[4];
     BigEndian(id, key);
-    return Ok(db_->Get(typename Api::ReadOptions(), Slice(key, 4), &value_)) &&
-           Values::Check(value_.data(), value_.size(), id, generation, size);
+    return db_.Get({key, 4}) == 1 && Values::Check(db_.value().data(), db_.value().size(), id, generation, size);
   }
   uint64_t Scan(uint64_t, uint32_t generation, uint32_t size) override {
-    std::unique_ptr<typename Api::Iterator> it(db_->NewIterator(typename Api::ReadOptions()));
+    const auto it = db_.NewIterator();
     uint64_t good = 0;
     for (it->SeekToFirst(); it->Valid(); it->Next())
       good += it->key().size() == 4 &&
               Values::Check(it->value().data(), it->value().size(), FromBigEndian(it->key().data()), generation, size);
-    return it->status().ok() ? good : 0;
+    return db_.Ok(it->status()) ? good : 0;
   }
-  std::string Error() override { return error_; }
+  std::string Error() override { return db_.error(); }
 
  private:
-  using Slice = typename Api::Slice;
-  bool Ok(const typename Api::Status &status) {
-    if (!status.ok()) error_ = status.ToString();
-    return status.ok();
-  }
-  typename Api::DB *db_ = nullptr;
-  std::string value_, error_;
+  qwbench::LsmDb<Api> db_;
 };
-
-#if QWVM_HAVE_LEVELDB
-struct LevelDBApi {
-  using DB = leveldb::DB;
-  using Options = leveldb::Options;
-  using WriteOptions = leveldb::WriteOptions;
-  using ReadOptions = leveldb::ReadOptions;
-  using Slice = leveldb::Slice;
-  using Status = leveldb::Status;
-  using Iterator = leveldb::Iterator;
-};
-#endif
-
-#if QWVM_HAVE_ROCKSDB
-struct RocksDBApi {
-  using DB = rocksdb::DB;
-  using Options = rocksdb::Options;
-  using WriteOptions = rocksdb::WriteOptions;
-  using ReadOptions = rocksdb::ReadOptions;
-  using Slice = rocksdb::Slice;
-  using Status = rocksdb::Status;
-  using Iterator = rocksdb::Iterator;
-};
-#endif
 
 #if QWVM_HAVE_LMDB
 class LmdbStore : public Store {
@@ -352,10 +263,10 @@ std::unique_ptr<Store> MakeStore(Side side) {
     case kBox: return std::make_unique<BoxStore>(nullptr);
     case kBoxCache: return std::make_unique<BoxStore>(g_cache);
 #if QWVM_HAVE_LEVELDB
-    case kLevelDB: return std::make_unique<LsmStore<LevelDBApi>>();
+    case kLevelDB: return std::make_unique<LsmStore<qwbench::LevelDBApi>>();
 #endif
 #if QWVM_HAVE_ROCKSDB
-    case kRocksDB: return std::make_unique<LsmStore<RocksDBApi>>();
+    case kRocksDB: return std::make_unique<LsmStore<qwbench::RocksDBApi>>();
 #endif
 #if QWVM_HAVE_LMDB
     case kLmdb: return std::make_unique<LmdbStore>();
@@ -396,13 +307,6 @@ std::map<std::pair<int, int>, std::unique_ptr<Store>> g_seq, g_random;
 // Bytes on disk per value byte: per (side, workload, phase).
 std::map<std::tuple<int, int, int>, double> g_space;
 
-// A permutation of 0 .. n-1 from `seed`.
-std::vector<uint32_t> Shuffled(uint64_t n, uint64_t seed) {
-  std::vector<uint32_t> ids(n);
-  std::iota(ids.begin(), ids.end(), 0u);
-  std::shuffle(ids.begin(), ids.end(), std::mt19937_64(seed));
-  return ids;
-}
 
 std::string RunName(Side side, int workload, Phase phase) {
   return std::string("BM_") + kPhaseNames[phase] + "/" + g_workloads[workload].label + "/" + kSideNames[side];
@@ -489,30 +393,16 @@ void Register() {
     }
 }
 
-// The table of the rates in `counter` per workload and side, and the box /
-// peer ratios.
+// The table of the rates in `counter` per phase, workload and side, and the
+// box / peer ratios.
 void PrintRates(const qwbench::SummaryReporter &reporter, const char *counter) {
-  std::printf("  %-18s %-5s", "workload", "value");
-  for (const char *side : kSideNames) std::printf(" %9s", side);
-  for (int b = 0; b < kBoxSides; ++b)
-    for (int s = kBoxSides; s < kSideCount; ++s) std::printf(" %11s/%-7s", kSideNames[b], kSideNames[s]);
-  std::printf("\n");
-  for (size_t w = 0; w < g_workloads.size(); ++w)
-    for (int p = 0; p < kPhaseCount; ++p) {
-      double rate[kSideCount] = {};
-      for (int s = 0; s < kSideCount; ++s) {
-        const auto *r = reporter.Find(RunName(Side(s), int(w), Phase(p)));
-        if (r && r->counters.count(counter)) rate[s] = r->counters.at(counter);
-      }
-      std::printf("  %-18s %-5s", kPhaseNames[p], g_workloads[w].label);
-      for (double r : rate) std::printf(" %9.1f", r / 1e3);
-      for (int b = 0; b < kBoxSides; ++b)
-        for (int s = kBoxSides; s < kSideCount; ++s) {
-          if (rate[b] > 0 && rate[s] > 0) std::printf(" %19.3f", rate[b] / rate[s]);
-          else std::printf(" %19s", "-");
-        }
-      std::printf("\n");
-    }
+  std::vector<std::string> rows;
+  for (const Workload &w : g_workloads)
+    for (const char *phase : kPhaseNames) rows.push_back(std::string(phase) + " " + w.label);
+  qwbench::PrintRates(reporter, counter, rows, {std::begin(kSideNames), std::end(kSideNames)}, kBoxSides,
+                      [](size_t row, size_t side) {
+                        return RunName(Side(side), int(row / kPhaseCount), Phase(row % kPhaseCount));
+                      });
 }
 
 void PrintSummary(const qwbench::SummaryReporter &reporter) {
@@ -554,10 +444,7 @@ int main(int argc, char **argv) {
   return qwbench::RunWithSummary(
       argc, argv, 40,
       [] {
-        const char *tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qwvm-box-bench-XXXXXX";
-        if (!mkdtemp(pattern.data())) return false;
-        g_root = pattern;
+        if (!qwbench::MakeRunRoot("box-bench")) return false;
         g_cache = PageCacheNew(uint64_t(1) << 30, BOXLVM_PAGE_SIZE);
         return g_cache != nullptr;
       },
@@ -566,8 +453,7 @@ int main(int argc, char **argv) {
         g_seq.clear();
         g_random.clear();  // stores before the cache they use
         PageCacheFree(g_cache);
-        std::error_code ignored;
-        if (!g_root.empty()) fs::remove_all(g_root, ignored);
+        qwbench::RemoveRunRoot();
       },
-      [] { return std::string("box_bench: could not prepare ") + g_root; });
+      [] { return std::string("box_bench: could not prepare ") + qwbench::RunRoot(); });
 }
