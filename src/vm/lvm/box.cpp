@@ -44,7 +44,7 @@ uint32_t StoredBucketCount(const char *dir, uint32_t bucketCount, int create) {
                  static_cast<unsigned long long>(stored));
     return 0;
   }
-  qwassert_(stored != 0);
+  if (stored == 0) QWAssertFail_("bucketCount != 0", __FILE__, __LINE__);
   return uint32_t(stored);
 }
 
@@ -122,8 +122,8 @@ QW_API int BoxLVMSerialGet(BoxLVM *box, uint64_t **serials) {
 
 QW_API int BoxLVMCheckpoint(BoxLVM *box, int commit, uint64_t **serials) {
   if (box->readOnly) return QWErrorThrow(13, QW_ERROR_CLASS_GENERAL, "cannot checkpoint in read-only mode");
-  uint64_t **serial = serials;
-  qwassert_(serial == NULL || ArrayLength(*serial) == box->buckets.size());
+  if (serials != nullptr && ArrayLength(*serials) != box->buckets.size())
+    QWAssertFail_("serial == NULL || ArrayLength(*serial) == ArrayLength(blvm->bucket)", __FILE__, __LINE__);
   for (size_t n = 0; n < box->buckets.size(); ++n) {
     const uint64_t upTo = serials ? (*serials)[n] : LVM_NO_SERIAL;
     if (!LoggedVMCheckpoint(box->buckets[n]->lvm, commit, upTo)) return 0;

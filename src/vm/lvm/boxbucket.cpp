@@ -111,8 +111,9 @@ bool UpgradeEntryCount(BoxLVMBucket &bucket) {
     if (primary != kNoPrimary) ++count;
   }
   if (!olib::CellAppend(params, count)) return false;
-  qwassert_(VMAArrayLength_(bucket.meta.arena, bucket.meta.params.id[NEWGEN], NEWGEN) == 3);
-  qwassert_(BoxLVMBucketSize(bucket) == count);
+  if (olib::CellCount(params, NEWGEN) != 3)
+    QWAssertFail_("VMAArrayLength(bucket->meta.params, NEWGEN) == 3", __FILE__, __LINE__);
+  if (BoxLVMBucketSize(bucket) != count) QWAssertFail_("LoggedVMGetSize(bucket) == count", __FILE__, __LINE__);
   QWMessage(QW_LEVEL_PROGRESS, "initialized documents count to %i", int(count));
   return true;
 }

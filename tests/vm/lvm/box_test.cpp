@@ -257,6 +257,23 @@ TEST_F(BoxTest, EdgeCasesOfValuesCountsAndModes) {
   EXPECT_NE(std::string(QWErrorMessage()).find("Could not read status in " + path("none")), std::string::npos);
 }
 
+TEST_F(BoxTest, ABucketWithoutItsEntryCountGetsItCountedOnOpen) {
+  ASSERT_NO_FATAL_FAILURE(Open(1));
+  for (uint32_t id : {3u, 5u, 9u}) ASSERT_TRUE(Put(id, Value(id, 1, 50)));
+  ASSERT_TRUE(BoxLVMRemove(box, 5, nullptr));
+  ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr));
+  // An older layout kept two params.
+  BoxLVMMetadata &meta = Bucket(0).meta;
+  ASSERT_TRUE(VMAArrayLengthSet_(meta.arena, meta.params.id[NEWGEN], 2, NEWGEN, 4));
+  ASSERT_TRUE(VMArenaCommit(meta.arena, nullptr, nullptr, 1));
+  Close(false);
+  qwtest::MessageCapture messages;
+  ASSERT_NO_FATAL_FAILURE(Open(1, 0));
+  EXPECT_TRUE(messages.contains("initializing documents count (10 mapping entries)", QW_LEVEL_PROGRESS));
+  EXPECT_TRUE(messages.contains("initialized documents count to 2", QW_LEVEL_PROGRESS));
+  EXPECT_EQ(BoxLVMSize(box), 2u);
+}
+
 TEST_F(BoxTest, FreedBlocksComeBackOnlyAtTheRecycleStep) {
   ASSERT_NO_FATAL_FAILURE(Open(1));
   ASSERT_TRUE(Put(1, Value(1, 1, 100)));
