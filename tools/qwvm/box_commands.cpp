@@ -25,10 +25,7 @@ namespace {
 
 constexpr uint32_t kDefaultBuckets = 4;
 
-int Fail(const std::string &what) {
-  std::fprintf(stderr, "qwvm box: %s:\n%s\n", what.c_str(), QWErrorMessage());
-  return 1;
-}
+int Fail(const std::string &what) { return FailWithChain("box", what); }
 
 void BoxUsage(FILE *out) {
   std::fprintf(out,

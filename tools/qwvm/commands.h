@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -9,6 +10,13 @@
 #include "qwvm/qwvm.h"
 
 namespace qwtool {
+
+// Prints "qwvm COMMAND: WHAT:" and the error chain on stderr; returns 1,
+// the exit status of a failed command.
+inline int FailWithChain(const char *command, const std::string &what) {
+  std::fprintf(stderr, "qwvm %s: %s:\n%s\n", command, what.c_str(), QWErrorMessage());
+  return 1;
+}
 
 int RunTour(const char *directory);
 // argv starts after the command name.

@@ -17,10 +17,7 @@ namespace {
 
 constexpr const char *kEvalPrefix = "eval";
 
-int Fail(const char *what) {
-  std::fprintf(stderr, "qwvm eval: %s:\n%s\n", what, QWErrorMessage());
-  return 1;
-}
+int Fail(const char *what) { return FailWithChain("eval", what); }
 
 int EvalUsage() {
   std::fprintf(stderr,

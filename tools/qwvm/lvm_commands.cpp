@@ -12,10 +12,7 @@
 namespace qwtool {
 namespace {
 
-int Fail(const char *command, const std::string &what) {
-  std::fprintf(stderr, "qwvm %s: %s:\n%s\n", command, what.c_str(), QWErrorMessage());
-  return 1;
-}
+int Fail(const char *command, const std::string &what) { return FailWithChain(command, what); }
 
 std::string Serial(uint64_t serial) {
   if (serial == LOG_NO_SERIAL) return "none";

@@ -29,10 +29,7 @@ namespace {
 constexpr uint32_t kBuckets = 4;
 constexpr char kHexDigits[] = "0123456789abcdef";
 
-int Fail(const std::string &what) {
-  std::fprintf(stderr, "qwvm strtable: %s:\n%s\n", what.c_str(), QWErrorMessage());
-  return 1;
-}
+int Fail(const std::string &what) { return FailWithChain("strtable", what); }
 
 void StrTableUsage(FILE *out) {
   std::fprintf(out,
