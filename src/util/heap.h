@@ -14,14 +14,20 @@ namespace qw {
 
 using HeapCompare = int (*)(const void *a, const void *b, void *context);
 
-// Swaps two items 4, 2 or 1 bytes at a time, as the item size allows.
+// Swaps two items eight bytes at a time, then byte by byte for the rest.
 inline void HeapSwap(uint8_t *a, uint8_t *b, size_t size) {
-  const size_t unit = size % 4 == 0 ? 4 : size % 2 == 0 ? 2 : 1;
-  for (size_t at = 0; at < size; at += unit) {
-    uint8_t t[4];
-    std::memcpy(t, a + at, unit);
-    std::memcpy(a + at, b + at, unit);
-    std::memcpy(b + at, t, unit);
+  size_t at = 0;
+  for (; at + 8 <= size; at += 8) {
+    uint64_t x, y;
+    std::memcpy(&x, a + at, 8);
+    std::memcpy(&y, b + at, 8);
+    std::memcpy(a + at, &y, 8);
+    std::memcpy(b + at, &x, 8);
+  }
+  for (; at < size; ++at) {
+    const uint8_t t = a[at];
+    a[at] = b[at];
+    b[at] = t;
   }
 }
 

@@ -2,7 +2,7 @@
 // them into one run of key/multi-value entries, and the merge passes.
 //
 // The flush sorts 20-byte pending records (key offset, key length, value
-// offset, value length, count) with the key order, then passes once more
+// offset, value length, count) with the key order (sort_records.cpp), then passes once more
 // over them, grouping each run of equal keys into one entry. The merge
 // context holds one payload reader per input; a heap item names its input
 // and that input's reader, whose current entry is the item's entry.
@@ -10,9 +10,12 @@
 #include <memory>
 #include <vector>
 
+#include "util/varint.h"
 #include "vm/sort/sort_internal.h"
 
 using namespace qw::sort;
+using qw::kVarintMaxBytes;
+using qw::VarintEncode;
 
 // Names the assertion texts use.
 inline constexpr uint64_t UINT_MAX_VALUE = 0xFFFFFFFFu;
@@ -35,29 +38,33 @@ struct Order {
   int reverse, compareValues;
 };
 
-struct FlushSort {
-  const uint8_t *bytes;
-  Order order;
-};
-
-int CompareRecords(const void *a, const void *b, void *context) {
-  const auto *x = static_cast<const uint32_t *>(a), *y = static_cast<const uint32_t *>(b);
-  const auto *s = static_cast<const FlushSort *>(context);
-  int c = CompareBytes(s->bytes + x[0], x[1], s->bytes + y[0], y[1]);
-  if (c == 0 && s->order.compareValues) c = CompareBytes(s->bytes + x[2], x[3], s->bytes + y[2], y[3]);
-  return s->order.reverse ? -c : c;
-}
-
-bool AddToEntry(KMVEntry *entry, const uint8_t *bytes, const uint32_t *record, bool first) {
-  if (first) {
-    const size_t at = ArrayLength(entry->key);
-    if (!ArrayGrow(entry->key, record[1])) return false;
-    std::memcpy(entry->key + at, bytes + record[0], record[1]);
+// Encodes the entry of one key, written by the records `group[0..n)` (in
+// that order), as the KMV entry encoding does (field 0, the key, the values
+// back to back, their lengths, their counts), straight from the pending
+// bytes: one growth of the buffer, no lists in between.
+bool EncodeGroup(uint8_t **buffer, const uint8_t *bytes, const uint32_t *records, const SortKey *group, size_t n) {
+  auto record = [&](size_t i) { return records + 5 * size_t(group[i].index); };
+  uint64_t valueBytes = 0;
+  for (size_t i = 0; i < n; ++i) valueBytes += record(i)[3];
+  if (valueBytes > UINT_MAX_VALUE)
+    return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+  const size_t most = 3 * kVarintMaxBytes + record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
+  if (!ArrayLengthSet(*buffer, most)) return false;
+  uint8_t *at = *buffer;
+  at += VarintEncode(at, 0);
+  at += VarintEncode(at, record(0)[1]);
+  std::memcpy(at, bytes + record(0)[0], record(0)[1]);
+  at += record(0)[1];
+  at += VarintEncode(at, valueBytes);
+  for (size_t i = 0; i < n; ++i) {
+    if (record(i)[3]) std::memcpy(at, bytes + record(i)[2], record(i)[3]);
+    at += record(i)[3];
   }
-  const size_t at = ArrayLength(entry->values);
-  if (!ArrayGrow(entry->values, record[3])) return false;
-  if (record[3]) std::memcpy(entry->values + at, bytes + record[2], record[3]);
-  return ArrayAppend(entry->valueLengths, record[3]) && ArrayAppend(entry->counts, record[4]);
+  for (uint32_t field : {3u, 4u}) {
+    at += VarintEncode(at, n);
+    for (size_t i = 0; i < n; ++i) at += VarintEncode(at, record(i)[field]);
+  }
+  return ArrayLengthSet(*buffer, size_t(at - *buffer));
 }
 
 // The merge context: the order, compression, and one reader per input.
@@ -237,24 +244,22 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
   const uint32_t run = DBSorterNewRunID(dbs);
   DBSEntryWriter out;
   if (run == DBS_NO_RUN || !DBSEntryWriterInit(&out, dbs, run)) return -1;
-  FlushSort context{writer->bytes, {writer->sorter->reverse, writer->sorter->compareValues}};
-  QSort(writer->records, count, 20, CompareRecords, &context);
+  std::vector<SortKey> order;
+  SortPendingRecords(writer->records, count, writer->bytes, writer->sorter->reverse != 0,
+                     writer->sorter->compareValues != 0, order);
   PayloadWriter payloads;
   payloads.compressor = writer->compressor;
-  KMVEntry *entry = writer->entry;
-  bool ok = KMVEntryReInit(entry) && AddToEntry(entry, writer->bytes, writer->records, true);
-  auto emit = [&] {
-    return KMVEntryWriteToBuff(entry, &writer->encoded) &&
-           payloads.Write(&out, writer->encoded, uint32_t(ArrayLength(writer->encoded)));
-  };
-  for (size_t i = 1; ok && i < count; ++i) {
-    const uint32_t *record = writer->records + 5 * i;
-    if (CompareBytes(writer->bytes + record[0], record[1], entry->key, uint32_t(ArrayLength(entry->key))) != 0)
-      ok = emit() && KMVEntryReInit(entry) && AddToEntry(entry, writer->bytes, record, true);
-    else
-      ok = AddToEntry(entry, writer->bytes, record, false);
+  bool ok = true;
+  for (size_t first = 0, next; ok && first < count; first = next) {
+    // The records and their bytes are read in an order unrelated to where
+    // they lie: ask for them ahead (the record 16 on, its bytes 8 on).
+    for (next = first + 1; next < count && order[next].sameKeyAsPrevious;) ++next;
+    if (first + 16 < count) __builtin_prefetch(writer->records + 5 * size_t(order[first + 16].index));
+    if (first + 8 < count) __builtin_prefetch(writer->bytes + writer->records[5 * size_t(order[first + 8].index)]);
+    ok = EncodeGroup(&writer->encoded, writer->bytes, writer->records, &order[first], next - first) &&
+         payloads.Write(&out, writer->encoded, uint32_t(ArrayLength(writer->encoded)));
   }
-  ok = ok && emit() && payloads.Flush(&out);
+  ok = ok && payloads.Flush(&out);
   payloads.compressor = nullptr;  // the writer's, not the flush's
   if (!DBSEntryWriterFlush(&out)) ok = false;
   (void)ArrayLengthSet(writer->bytes, 0);

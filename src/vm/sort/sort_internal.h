@@ -55,6 +55,21 @@ inline int CompareBytes(const uint8_t *a, uint32_t aLength, const uint8_t *b, ui
   return aLength < bLength ? -1 : aLength > bLength;
 }
 
+// The order of the pending records of a flush: one key per record.
+struct SortKey {
+  uint64_t prefix;            // eight key bytes, big-endian, zero-padded (while sorting)
+  uint32_t index;             // the record's position among the pending records
+  uint8_t real;               // how many of the eight bytes are the key's (while sorting)
+  uint8_t sameKeyAsPrevious;  // after the sort: 1 when the key equals the one before
+};
+
+// Fills `keys` with the `count` pending records of five words (key offset,
+// key length, value offset, value length, count) in the flush's key order;
+// equal records keep their order, and every key equal to the one before it
+// is marked.
+void SortPendingRecords(const uint32_t *records, size_t count, const uint8_t *bytes, bool reverse, bool compareValues,
+                        std::vector<SortKey> &keys);
+
 // The output side of a run: frames payloads, compressing when asked.
 struct PayloadWriter {
   Compressor *compressor = nullptr;  // not owned

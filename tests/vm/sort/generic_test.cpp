@@ -60,9 +60,9 @@ class GenericSorterTest : public qwtest::TempDirTest {
     EXPECT_TRUE(!sorter || GenericDBSorterClose(sorter));
     sorter = nullptr;
   }
-  // Every entry of the single run left, as (key, value) pairs in order, and
-  // the entries' keys.
-  std::vector<Pair> Result(std::vector<std::string> *keys = nullptr) {
+  // Every entry of the single run left, as (key, value) pairs in order, the
+  // entries' keys and each pair's entry number.
+  std::vector<Pair> Result(std::vector<std::string> *keys = nullptr, std::vector<size_t> *entryOf = nullptr) {
     std::vector<Pair> pairs;
     const uint32_t run = DBSorterMergedRunID(sorter->dbs);
     if (run == DBS_NO_RUN) return pairs;
@@ -76,6 +76,7 @@ class GenericSorterTest : public qwtest::TempDirTest {
       for (size_t i = 0; i < ArrayLength(entry->valueLengths); ++i) {
         EXPECT_EQ(entry->counts[i], 1u);
         pairs.emplace_back(key, std::string(reinterpret_cast<char *>(entry->values) + at, entry->valueLengths[i]));
+        if (entryOf) entryOf->push_back(keys ? keys->size() : 0);
         at += entry->valueLengths[i];
       }
     }
@@ -84,15 +85,18 @@ class GenericSorterTest : public qwtest::TempDirTest {
     KMVReaderDelete(reader);
     return pairs;
   }
-  // Writes random pairs (short keys over a small alphabet: many duplicates
-  // and prefixes) in runs of at most `perRun` pairs; returns them.
+  // Writes random pairs (short keys over the bytes 0, 'a' and 255: many
+  // duplicates and prefixes, some ending on either side of 8 and 16 bytes)
+  // in runs of at most `perRun` pairs; returns them. Values are the pairs'
+  // writing order, six digits.
   std::vector<Pair> WriteRandom(uint32_t count, uint32_t perRun, uint32_t seed, uint32_t maxKey = 4) {
     std::mt19937 random(seed);
     std::vector<Pair> pairs;
     GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 1 << 20);
     for (uint32_t i = 0; i < count; ++i) {
-      std::string key(random() % maxKey, 'a'), value = std::to_string(random() % 1000);
-      for (char &c : key) c = char('a' + random() % 3);
+      std::string key(random() % maxKey, 'a'), value = std::to_string(1000000 + i).substr(1);
+      for (char &c : key) c = "\0a\xff"[random() % 3];
+      if (random() % 4 == 0) key.insert(0, 6 + random() % 12, 'a');
       if (random() % 50 == 0) key.append(300, 'q');
       EXPECT_TRUE(GenericDBSorterWrite(writer, key.data(), uint32_t(key.size()), value.data(), uint32_t(value.size())));
       pairs.emplace_back(key, value);
@@ -116,9 +120,16 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
     std::vector<Pair> model = WriteRandom(6000, 700, 3 + mode);
     ASSERT_TRUE(GenericDBSorterSort(sorter, 3 * 8192, 250)) << QWErrorMessage();  // fan-in 3: several passes
     std::vector<std::string> keys;
-    std::vector<Pair> got = Result(&keys);
+    std::vector<size_t> entryOf;
+    std::vector<Pair> got = Result(&keys, &entryOf);
     auto keyOrder = [&](const Pair &a, const Pair &b) { return reverse ? a.first > b.first : a.first < b.first; };
     EXPECT_TRUE(std::is_sorted(got.begin(), got.end(), keyOrder));
+    // Inside an entry (one key of one run), values come in writing order,
+    // or by value when asked (reversed with the keys).
+    for (size_t i = 1; i < got.size(); ++i) {
+      if (entryOf[i] != entryOf[i - 1]) continue;
+      EXPECT_EQ(got[i - 1].second < got[i].second, !(reverse && compareValues)) << i;
+    }
     std::vector<Pair> sortedGot = got, sortedModel = model;
     std::sort(sortedGot.begin(), sortedGot.end());
     std::sort(sortedModel.begin(), sortedModel.end());
