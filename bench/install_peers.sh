@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the peer libraries the benchmarks compare against (Debian
 # packages). The benchmarks build without them and then measure only qwvm.
-#   LMDB (liblmdb-dev): bench/btree_bench.cpp
+#   LMDB (liblmdb-dev): bench/btree_bench.cpp, bench/commit_bench.cpp
 set -euo pipefail
 sudo=""
 if [ "$(id -u)" != 0 ]; then sudo=sudo; fi

@@ -14,6 +14,10 @@
 #include "qwvm/qwlog.h"
 #include "qwvm/vmarena.h"
 
+namespace qw {
+class SyncRound;
+}
+
 namespace qw::vm {
 
 // Per-block flag bits of the new generation.
@@ -60,6 +64,18 @@ int LocalBlockServer0RawBlockPrefetch(LocalBlockServer0 *server, uint32_t rawId)
 [[nodiscard]] int LocalBlockServer0FlushStart(LocalBlockServer0 *server, uint64_t flushedSerialOld,
                                               uint64_t flushedSerialNew);
 [[nodiscard]] int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server);
+// The flush execute in two halves, for a caller that syncs the files of
+// several servers in one round: FlushWrite folds the generation and writes
+// the data file and both index files without syncing them, adding their
+// syncs and the directory's to `round`; after the round has run, FlushFinish
+// closes and logs the index files and reads the old one back. Either half
+// failing ends the flush: the flush stop removes what was left unfinished.
+// LocalBlockServer0FlushFileExec = FlushWrite + round + FlushFinish.
+[[nodiscard]] int LocalBlockServer0FlushWrite(LocalBlockServer0 *server, qw::SyncRound *round);
+[[nodiscard]] int LocalBlockServer0FlushFinish(LocalBlockServer0 *server);
+// Hands the data file's dirty cached pages to the operating system without
+// syncing (flush start: most of the writing happens before the flush lock).
+int LocalBlockServer0MappingWriteBack(LocalBlockServer0 *server);
 // Renames the index files into place; with `durable` false the directory is
 // not synced (see IndexFileCommitNew).
 [[nodiscard]] int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable = true);

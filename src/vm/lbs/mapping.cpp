@@ -406,24 +406,32 @@ bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
   return true;
 }
 
-bool MemoryMappingFlush(MemoryMapping *mapping, int mode) {
+bool MemoryMappingWriteBack(MemoryMapping *mapping, int mode) {
   if (mapping->readOnly || mapping->fd == QWFILE_INVALID) return true;
   ScopedMutex lock(mapping->mutex);
   if (!mapping->Mapped()) {
     if (mode == 0 && !WriteAnonymousPart(mapping))
       return QWErrorRethrow("MemoryMappingFlush : could not flush read-write part");
-    // The cache's flush ends with a sync of the file.
-    if (!PageCacheFlushFile(mapping->cache, mapping->cacheFileId))
+    if (!PageCacheWriteBackFile(mapping->cache, mapping->cacheFileId))
       return QWErrorRethrow("MemoryMappingSync: cannot flush file cache: \"%s\"", mapping->path.c_str());
     return true;
   }
   // Extents become part of the data file only inside the flush execute.
   if (mapping->ExtentMode() && mode == 0 && !CopyExtents(mapping)) return false;
+  return true;
+}
+
+bool MemoryMappingSyncFile(MemoryMapping *mapping) {
+  if (mapping->readOnly || mapping->fd == QWFILE_INVALID) return true;
   // A sync of the file also writes back every page changed through its
   // mappings (the read part and the mapped read-write part): one sync of the
   // whole file instead of one per segment.
   if (!QWFileSync(mapping->fd)) return QWErrorRethrow("MemoryMappingSync: cannot fsync: \"%s\"", mapping->path.c_str());
   return true;
+}
+
+bool MemoryMappingFlush(MemoryMapping *mapping, int mode) {
+  return MemoryMappingWriteBack(mapping, mode) && MemoryMappingSyncFile(mapping);
 }
 
 bool MemoryMappingMSync(MemoryMapping *mapping) {
