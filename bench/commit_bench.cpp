@@ -329,6 +329,8 @@ int TraceOneCommit(const char *sideName) {
   raise(SIGSTOP);
   double total = 0, commit = 0;
   const bool ok = Transaction(Side(side), 1, &total, &commit);
+  std::printf("done\n");
+  std::fflush(stdout);
   raise(SIGSTOP);
   std::printf("%s: one put + commit %.1f us (commit %.1f us)%s\n", sideName, total * 1e6, commit * 1e6,
               ok ? "" : " FAILED");

@@ -145,6 +145,9 @@ struct VMArena {
 
   // Generation files a flush wrote and has not closed yet (genfile.cpp).
   std::vector<qw::vm::PendingArenaFile> pendingFiles;
+  // Files the disk commit's renames replaced (`N.old`), removed with the
+  // `committing` marker once the renames are durable.
+  std::vector<std::string> commitAsides;
 };
 
 namespace qw::vm {
@@ -205,8 +208,11 @@ uint32_t SizeClassOf(uint32_t size);
 uint32_t SlotBits(uint32_t sizeClass);
 
 // The `committing` marker (commit.cpp): created and removed durably.
+// Step 2 and step 4 of a commit (commit.cpp): the marker made durable (with
+// the replication log's records), and its removal made durable (while the
+// files that the renames replaced, `commitAsides`, are removed).
 [[nodiscard]] bool CreateCommittingMarker(const VMArena *arena);
-[[nodiscard]] bool RemoveCommittingMarker(const VMArena *arena);
+[[nodiscard]] bool RemoveCommittingMarker(VMArena *arena);
 
 // Crash stop of this arena.
 inline void ArenaCrashPoint(const VMArena *arena, const char *stop) { QWCrashPoint(stop, arena->directory.c_str()); }

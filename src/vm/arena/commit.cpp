@@ -39,12 +39,19 @@
 // place, so it reads the new generation. After the round the new generation
 // is durable under its final names.
 //
-// Step 4: the marker is removed and the arena directory synced. Without this
+// Step 4: the marker is removed and the arena directory synced; the files
+// the renames replaced (`N.old`) are removed beside it, since nothing reads
+// them once the renames are durable (FileAtomicRecover never prefers `N.old`
+// over `N`, and the next commit of N replaces a leftover). Without this
 // sync a power loss after the commit returned could bring the marker back
 // while the next commit's new files (created in the same directories) had
 // become durable without it: an open would then finish a commit of half-
 // written files. After it, the disk holds exactly the new generation, and a
 // read-only open is possible again at once.
+//
+// The protocol's floor is three ordered rounds (steps 1 to 3); step 4 is the
+// price of a marker whose removal must not be undone once the next commit
+// has begun writing files beside it.
 //
 // So a power loss at any point leaves either the previous generation (up to
 // step 2) or the new one (from step 2 on, finished by open when the marker is
@@ -54,6 +61,7 @@
 // syncing them: the writing (most of a large commit) happens before the flush
 // lock, and the data reaches the disk in step 1.
 #include <string>
+#include <vector>
 
 #include "platform/qwlib/sync_round.h"
 #include "qwvm/qwfile.h"
@@ -67,18 +75,40 @@ bool CreateCommittingMarker(const VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
   QWFILE file = QWFILE_INVALID;
   if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) return false;
-  return QWFileClose(file) && DirectorySync(arena->directory.c_str());
+  if (!QWFileClose(file)) return false;
+  SyncRound round;
+  round.AddDirectory(arena->directory, "");
+  // Every record of this commit was written by now.
+  if (ReplicationLog *log = arena->replicationLog)
+    round.Add([log] { return ReplicationLogSync(log); }, "could not sync the replication log");
+  return round.Run();
 }
 
-bool RemoveCommittingMarker(const VMArena *arena) {
+bool RemoveCommittingMarker(VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
-  return FileRemove(marker.c_str()) && DirectorySync(arena->directory.c_str());
+  if (!FileRemove(marker.c_str())) return false;
+  SyncRound round;
+  round.AddDirectory(arena->directory, "");
+  // The renames are durable: nothing needs the files they replaced. Like
+  // FileAtomicCommit, a removal that fails is ignored (a leftover `N.old` is
+  // never read, and the next commit of N replaces it).
+  std::vector<std::string> asides;
+  asides.swap(arena->commitAsides);
+  if (!asides.empty())
+    round.Add(
+        [&asides] {
+          for (const std::string &path : asides) (void)FileRemove(path.c_str());
+          QWErrorClear();
+          return 1;
+        },
+        "");
+  return round.Run();
 }
 
 namespace {
 
-bool CommitArenaFile(const VMArena *arena, const char *name) {
-  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name)) return true;
+bool CommitArenaFile(VMArena *arena, const char *name) {
+  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name, &arena->commitAsides)) return true;
   return QWErrorRethrow("could not atomically commit: \"%s/%s\"", arena->directory.c_str(), name) != 0;
 }
 
@@ -155,7 +185,7 @@ QW_API int VMArenaFlushCommitDisk(VMArena *arena) {
   // open finish any rename a power loss undid; the renames of both
   // directories are made durable together at the end (step 3).
   for (LocalBlockServer0 *server : arena->servers)
-    if (!LocalBlockServer0CommitDisk(server, false)) return 0;
+    if (!LocalBlockServer0CommitDisk(server, false, &arena->commitAsides)) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk1");
   // The arena files: new before old (the index files went old before new).
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.new")) return 0;
@@ -198,6 +228,7 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
 QW_API int VMArenaFlushStop(VMArena *arena) {
   qwassert_(!arena->readOnly);
   ArenaFilesAbandon(arena);  // generation files of a flush that failed before finishing them
+  arena->commitAsides.clear();  // leftovers of a failed commit: harmless, replaced by the next
   for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0FlushStop(server);
   if (!arena->mapped) ArenaReapplyLocks(arena);
   arena->flushedSerialOld = STATUS_NO_SERIAL;

@@ -384,13 +384,14 @@ auto OldIndexBody(const std::string &path, const FArray *blockMap) {
 
 // Commits index<suffix><kind>.new; 0 (no message of its own) when the
 // atomic commit fails.
-[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable) {
+[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable,
+                                  std::vector<std::string> *asides) {
   const std::string name = IndexFileName(suffix, kind);
   const std::string pending = StringPrintf("%s/%s.new", directory, name.c_str());
   // Already committed (or never written): finish an interrupted commit, if
   // any, and leave the rest alone.
   if (!FileExists(pending.c_str())) return FileAtomicRecover(directory, name.c_str());
-  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str());
+  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str(), asides);
   return FileAtomicCommit(directory, name.c_str());
 }
 
@@ -505,14 +506,14 @@ bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, u
   return written;
 }
 
-int IndexFileCommitNew(const char *directory, const char *suffix, bool durable) {
-  if (IndexFileCommit(directory, suffix, ".new", durable)) return 1;
+int IndexFileCommitNew(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
+  if (IndexFileCommit(directory, suffix, ".new", durable, asides)) return 1;
   return QWErrorRethrow("IndexFileCommitNew: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".new").c_str());
 }
 
-int IndexFileCommitOld(const char *directory, const char *suffix, bool durable) {
-  if (IndexFileCommit(directory, suffix, ".old", durable)) return 1;
+int IndexFileCommitOld(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
+  if (IndexFileCommit(directory, suffix, ".old", durable, asides)) return 1;
   return QWErrorRethrow("IndexFileCommitOld: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".old").c_str());
 }

@@ -279,6 +279,22 @@ void *CachePage(MemoryMapping *mapping, uint32_t rawId, bool overwrite) {
   return true;
 }
 
+// Cuts a writable data file down to the committed size (what lies beyond was
+// never committed).
+[[nodiscard]] bool CutToCommittedSize(MemoryMapping *mapping) {
+  if (mapping->readOnly) return true;
+  uint64_t size = 0;
+  if (!QWFileGetSize(mapping->fd, &size))
+    return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
+  if (size <= mapping->rsize) return true;
+  if (!QWFileSetSize(mapping->fd, mapping->rsize))
+    return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
+  if (mapping->log &&
+      !ReplicationLogWrite(mapping->log, REPLICATION_FILE_CHANGED, 0, 0, mapping->path.c_str(), nullptr, 0))
+    return QWErrorRethrow("MapAlloc: could not log file truncation \"%s\"", mapping->path.c_str());
+  return true;
+}
+
 // Extent mode, mode 0: the extents are copied into the data file in order.
 [[nodiscard]] bool CopyExtents(MemoryMapping *mapping) {
   if (!QWFileSetSize(mapping->fd, mapping->rsize + mapping->rwMappedBytes))
@@ -373,6 +389,20 @@ bool MemoryMappingRemapWrite(MemoryMapping *mapping, uint64_t rsize) {
 
 bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
   ScopedMutex lock(mapping->mutex);
+  // The file is the same and the mapping shared: a new committed size only
+  // resizes the read part, keeping every page already mapped.
+  if (mapping->readAddress && mapping->rsize > 0 && !invalidateCache) {
+    if (mapping->rsize != mapping->readLength) {
+      const uint32_t access = mapping->readOnly ? QW_MAP_READ : (QW_MAP_READ | QW_MAP_WRITE);
+      void *address = FileRemapSegment(mapping->fd, mapping->readAddress, 0, mapping->readLength, mapping->rsize, access);
+      if (!address)
+        return QWErrorRethrow("MapAlloc: could not map file \"%s/%s%s\"", mapping->directory.c_str(),
+                              mapping->base.c_str(), mapping->suffix.c_str());
+      mapping->readAddress = address;
+      mapping->readLength = mapping->rsize;
+    }
+    return CutToCommittedSize(mapping);
+  }
   if (mapping->readAddress) {
     if (!FileUnmap(mapping->readAddress, mapping->readLength))
       return QWErrorRethrow("MemoryMappingRemapRead: cannot unmap: \"%s/%s%s\"", mapping->directory.c_str(),
@@ -380,18 +410,7 @@ bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
     mapping->readAddress = nullptr;
     mapping->readLength = 0;
   }
-  if (!mapping->readOnly) {
-    uint64_t size = 0;
-    if (!QWFileGetSize(mapping->fd, &size))
-      return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
-    if (size > mapping->rsize) {
-      if (!QWFileSetSize(mapping->fd, mapping->rsize))
-        return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
-      if (mapping->log &&
-          !ReplicationLogWrite(mapping->log, REPLICATION_FILE_CHANGED, 0, 0, mapping->path.c_str(), nullptr, 0))
-        return QWErrorRethrow("MapAlloc: could not log file truncation \"%s\"", mapping->path.c_str());
-    }
-  }
+  if (!CutToCommittedSize(mapping)) return false;
   if (mapping->cache && invalidateCache && !PageCacheInvalidateFile(mapping->cache, mapping->cacheFileId))
     return QWErrorRethrow("MemoryMappingRemapRead: could not drop the cached pages of \"%s\"", mapping->path.c_str());
   if (mapping->Mapped() && mapping->rsize > 0) {
