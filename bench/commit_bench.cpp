@@ -310,7 +310,10 @@ void Register() {
       ->UseManualTime()
       ->Unit(benchmark::kMicrosecond)
       ->MinTime(1.0);
-  benchmark::RegisterBenchmark("BM_FloorFiles", BM_FloorFiles)->UseManualTime()->Unit(benchmark::kMicrosecond)->MinTime(1.0);
+  benchmark::RegisterBenchmark("BM_FloorFiles", BM_FloorFiles)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond)
+      ->MinTime(1.0);
 }
 
 void PrintSummary(const qwbench::SummaryReporter &reporter) {
@@ -322,7 +325,8 @@ void PrintSummary(const qwbench::SummaryReporter &reporter) {
   std::printf("\ndisk floor: 2 rounds %.1f us, 3 rounds %.1f us, 4 rounds %.1f us; "
               "4 rounds with the protocol's file operations %.1f us\n",
               us("BM_Floor/2"), floor3, us("BM_Floor/4"), us("BM_FloorFiles"));
-  std::printf("\ntime per durable transaction (N random puts + commit) in a 1M-key B-tree, us; ratios lower is better\n");
+  std::printf("\ntime per durable transaction (N random puts + commit) in a 1M-key B-tree, us; "
+              "ratios lower is better\n");
   const double files4 = us("BM_FloorFiles");
   std::printf("  %5s %10s %10s %10s %12s %13s %12s %13s %12s %13s\n", "N", "cache", "mapped", "lmdb", "cache/lmdb",
               "mapped/lmdb", "cache/floor3", "mapped/floor3", "cache/files4", "mapped/files4");
@@ -330,9 +334,9 @@ void PrintSummary(const qwbench::SummaryReporter &reporter) {
     const double cache = us(CommitName(kCache, puts)), mapped = us(CommitName(kMapped, puts)),
                  lmdb = us(CommitName(kLmdb, puts));
     auto ratio = [](double a, double b) { return b > 0 && a > 0 ? a / b : 0.0; };
-    std::printf("  %5lld %10.1f %10.1f %10.1f %12.2f %13.2f %12.2f %13.2f %12.2f %13.2f\n", static_cast<long long>(puts),
-                cache, mapped, lmdb, ratio(cache, lmdb), ratio(mapped, lmdb), ratio(cache, floor3), ratio(mapped, floor3),
-                ratio(cache, files4), ratio(mapped, files4));
+    std::printf("  %5lld %10.1f %10.1f %10.1f %12.2f %13.2f %12.2f %13.2f %12.2f %13.2f\n",
+                static_cast<long long>(puts), cache, mapped, lmdb, ratio(cache, lmdb), ratio(mapped, lmdb),
+                ratio(cache, floor3), ratio(mapped, floor3), ratio(cache, files4), ratio(mapped, files4));
   }
 }
 

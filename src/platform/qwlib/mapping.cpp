@@ -115,8 +115,9 @@ QW_API void *FileRemapSegment(QWFILE file, void *address, uint64_t offset, uint6
   if (!qw::ValidFile(file)) return nullptr;
   const char *path = file->path.c_str();
   if (!address || oldLength == 0 || newLength == 0 || newLength > SIZE_MAX) {
-    QWErrorThrow(EINVAL, QW_ERROR_CLASS_SYSTEM, "could not remap file \"%s\": bad segment (%" PRIu64 " to %" PRIu64 " bytes)",
-                 path, oldLength, newLength);
+    QWErrorThrow(EINVAL, QW_ERROR_CLASS_SYSTEM,
+                 "could not remap file \"%s\": bad segment (%" PRIu64 " to %" PRIu64 " bytes)", path, oldLength,
+                 newLength);
     return nullptr;
   }
   if (!qw::fault::Check(Op::Map, path)) {

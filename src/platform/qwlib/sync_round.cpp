@@ -71,7 +71,8 @@ bool SyncRound::Run() {
   size_t started = 1;  // items 1 .. started-1 run on threads of their own
   try {
     threads.reserve(items.size());
-    for (; started < items.size(); ++started) threads.emplace_back(RunItem, std::cref(items[started].sync), &errors[started]);
+    for (; started < items.size(); ++started)
+      threads.emplace_back(RunItem, std::cref(items[started].sync), &errors[started]);
   } catch (const std::exception &) {
     // No more threads to be had: the rest run here, one after the other.
   }

@@ -228,7 +228,8 @@ bool Pend(VMArena *arena, ChannelHandle *file, const std::string &path, const ch
 bool ArenaFileWriteNew(VMArena *arena, SyncRound *round) {
   std::string path = FlushTarget(arena, "arena.new", arena->flushedSerialNew);
   ChannelHandle file;
-  if (!file.Open(path, "w")) return QWErrorRethrow("VMArenaFileFlushNew: could not write data on: \"%s\"", path.c_str());
+  if (!file.Open(path, "w"))
+    return QWErrorRethrow("VMArenaFileFlushNew: could not write data on: \"%s\"", path.c_str());
   if (!packed::WriteScalar(file.channel, arena->bucketCount, 8))
     return QWErrorRethrow("VMArenaFileFlushNew : could not write bucket count");
   if (!WriteNewGeneration(arena, file.channel)) {

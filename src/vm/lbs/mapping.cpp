@@ -394,7 +394,8 @@ bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
   if (mapping->readAddress && mapping->rsize > 0 && !invalidateCache) {
     if (mapping->rsize != mapping->readLength) {
       const uint32_t access = mapping->readOnly ? QW_MAP_READ : (QW_MAP_READ | QW_MAP_WRITE);
-      void *address = FileRemapSegment(mapping->fd, mapping->readAddress, 0, mapping->readLength, mapping->rsize, access);
+      void *address =
+          FileRemapSegment(mapping->fd, mapping->readAddress, 0, mapping->readLength, mapping->rsize, access);
       if (!address)
         return QWErrorRethrow("MapAlloc: could not map file \"%s/%s%s\"", mapping->directory.c_str(),
                               mapping->base.c_str(), mapping->suffix.c_str());
