@@ -13,4 +13,4 @@ find "$build" -name '*.gcda' -delete
 ctest --test-dir "$build" -j"${JOBS:-2}" --output-on-failure >/dev/null
 # Branches the compiler adds for exceptions are not the code's own: leave them out.
 gcovr --root . --filter 'src/' --object-directory "$build" --exclude-throw-branches \
-  --exclude-unreachable-branches --print-summary -o /dev/null
+  --exclude-unreachable-branches --gcov-ignore-parse-errors --print-summary -o /dev/null "$build"

@@ -104,6 +104,10 @@ QW_API int FileTruncate(const char *path, uint64_t size);
 /* Creates a directory and any missing parents; an existing one is fine. */
 QW_API int DirectoryCreate(const char *path);
 
+/* DirectoryCreate, made durable: each directory it creates is synced into
+ * the directory that holds it, so that a power loss cannot take it back. */
+QW_API int DirectoryCreateDurably(const char *path);
+
 /* Removes an empty directory. */
 QW_API int DirectoryRemove(const char *path);
 

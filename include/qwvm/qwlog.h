@@ -1,5 +1,5 @@
 /*
- * qwvm/qwlog.h: status files and the replication log.
+ * qwvm/qwlog.h: serial-numbered logs, status files and the replication log.
  *
  * Conventions are those of qwvm/qwlib.h: 1 / non-NULL on success, 0 / NULL on
  * failure with the calling thread's error chain set; whatever a ...New /
@@ -231,6 +231,184 @@ QW_API int ReplicationLogFileRead(const char *path, ReplicationLogVisitor visit,
  * *blockSize (may be NULL) once the header is read. */
 QW_API int ReplicationLogFileRead_(const char *path, uint32_t *blockSize, ReplicationLogVisitor visit,
                                    void *context);
+
+/* ------------------------------------------------------------------------ */
+/* Serial-numbered logs                                                      */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * A log is a directory of numbered files holding typed records. Every record
+ * has a serial: the file number in the high 32 bits, the byte offset of the
+ * record in that file in the low 32 bits. Serials grow with every record
+ * written; a reader walks them forwards (each record names the serial that
+ * follows it) and backwards (each record names its predecessor).
+ *
+ * Files. `<dir>/NNNNNNNN.qwlog`, NNNNNNNN the file number in eight decimal
+ * digits, numbered from 1 upwards without gaps. Each file starts with a file
+ * header record (type LOG_FILE_HEADER); every file but the newest ends with a
+ * file trailer record (type LOG_FILE_TRAILER). A record that would take the
+ * newest file past the size limit (LogOpen_, default 64 MiB) closes it with a
+ * trailer and goes to a new file (a record larger than the limit gets a file
+ * of its own).
+ *
+ * Record layout (integers little-endian, records packed one after another):
+ *   offset 0   crc       4  CRC-32C of: the record's serial (8 bytes), bytes
+ *                            4..23 of this header, the payload
+ *   offset 4   size      4  payload bytes (at most LOG_MAX_RECORD_SIZE)
+ *   offset 8   type      4  the record type, never 0
+ *   offset 12  previous  8  serial of the record before this one in the log
+ *                            (LOG_NO_SERIAL for the first record of a new log)
+ *   offset 20  synced    4  how many bytes of this file were durable (synced)
+ *                            when the record was written
+ *   offset 24  payload   size bytes
+ * Seeding the checksum with the serial makes a record valid only at its own
+ * place: bytes copied or left over from elsewhere do not pass. The `synced`
+ * mark tells damage to durable records from a torn tail (below).
+ * File header payload, 16 bytes: "QWVMLOG\0", format version 1 (4 bytes),
+ * the file number (4 bytes). File trailer payload: empty.
+ *
+ * Durability and damage. LogWrite only buffers; LogFlush writes and syncs
+ * (fdatasync) everything written so far. A crash or power loss can leave the
+ * newest file ending in a torn tail: a record cut short, failing its
+ * checksum, or followed by garbage. A writable LogOpen cuts such a tail away
+ * (message of level 3 naming file, offset and bytes dropped) and syncs what
+ * remains; a read-only open leaves it and ends the log before it. Damage at
+ * offset D of the newest file starts a torn tail unless some valid record
+ * after it carries a `synced` mark above D (then D was durable and the
+ * damage is real); the valid records after a torn start were never synced
+ * and go with the tail. Any other bad record, a missing header or trailer in an older file, or a
+ * missing file in the numbering is an error (class QW_ERROR_CLASS_DATA, code
+ * EBADMSG) naming the file and the serial, never skipped.
+ *
+ * Threads. A log may be used from several threads: LogWrite, LogFlush and
+ * LogTruncate are serialised by the log's mutex, and concurrent LogFlush
+ * calls share one sync (a flush whose records a running sync covers waits
+ * for it; the next sync takes every record buffered meanwhile). A read
+ * context belongs to one thread at a time. One process writes a log
+ * directory at a time; read-only opens beside it see the log as it was when
+ * they opened it.
+ */
+typedef struct QWLog QWLog;
+typedef struct LogReadContext LogReadContext;
+
+#define LOG_NO_SERIAL 0xFFFFFFFFFFFFFFFFull
+#define LOG_FILE_HEADER 1u
+#define LOG_FILE_TRAILER 2u
+#define LOG_DEFAULT_FILE_SIZE (64ull << 20)
+#define LOG_MIN_FILE_SIZE 4096ull
+#define LOG_MAX_FILE_SIZE (1ull << 30)
+#define LOG_MAX_RECORD_SIZE (256u << 20)
+/* LogWrite flag: flush (LogFlush) after writing. */
+#define LOG_WRITE_FLUSH 1u
+
+#define LOG_SERIAL_FILE(serial) ((uint32_t)((serial) >> 32))
+#define LOG_SERIAL_OFFSET(serial) ((uint32_t)(serial))
+
+/*
+ * Opens the log in directory `path` (which must exist).
+ *  readOnly       non-zero: no write, flush or truncate; a torn tail is left
+ *                 in place and the log ends before it.
+ *  fileSizeLimit  (LogOpen_) the size past which a new file is started,
+ *                 between LOG_MIN_FILE_SIZE and LOG_MAX_FILE_SIZE; 0 means
+ *                 LOG_DEFAULT_FILE_SIZE. Only writers use it.
+ * A writable open of a directory without log files creates file 1 holding a
+ * header, so that every log has at least one record and LogLastSerial always
+ * names one. Returns the log, or NULL with an error: code 2 for a missing
+ * directory, or for a read-only open of a directory without log files;
+ * code 22 for a size limit out of range; class QW_ERROR_CLASS_DATA for a
+ * damaged log (see above); I/O errors. Messages name the directory.
+ */
+QW_API QWLog *LogOpen(const char *path, int readOnly);
+QW_API QWLog *LogOpen_(const char *path, int readOnly, uint64_t fileSizeLimit);
+
+/*
+ * Makes everything written durable (as LogFlush) and closes the log. NULL is
+ * accepted. Returns 1, or 0 with an error when the last flush failed (the
+ * log is closed in every case; records not flushed before may be lost).
+ */
+QW_API int LogClose(QWLog *log);
+
+/*
+ * Appends a record.
+ *  type     1 or above (types 1 and 2 are the log's own; callers use 3 and
+ *           above).
+ *  payload  `size` bytes (may be NULL when size is 0), at most
+ *           LOG_MAX_RECORD_SIZE.
+ *  flags    0, or LOG_WRITE_FLUSH to flush afterwards.
+ * The record's serial is LogLastSerial right after the call (read it under
+ * the caller's own lock when several threads write). Returns 1, or 0 with
+ * an error: code 22 for type 0 or a payload too large; a read-only log;
+ * I/O errors. After an I/O error the log is in error: every later write and
+ * flush fails until it is closed and opened again, which cuts the partial
+ * record the failure may have left.
+ */
+QW_API int LogWrite(QWLog *log, uint32_t type, const void *payload, uint32_t size, uint32_t flags);
+
+/*
+ * Writes every record buffered so far to its file and syncs it (fdatasync),
+ * or waits for a sync already running that covers them. Returns 1 once they
+ * are durable, or 0 with an error (the log is then in error, see LogWrite).
+ */
+QW_API int LogFlush(QWLog *log);
+
+/* Serial of the last record of the log (buffered ones included). */
+QW_API uint64_t LogLastSerial(QWLog *log);
+
+/*
+ * Removes every file whose records all lie before `serial`; the file holding
+ * `serial` and everything after it stay. Files go oldest first, each removal
+ * made durable (directory sync) before the next, so that a crash at any
+ * point leaves a log without gaps. Returns 1, or 0 with an error: code 22
+ * when `serial` lies beyond the last record; a read-only log; I/O errors
+ * (the files removed so far stay removed).
+ */
+QW_API int LogTruncate(QWLog *log, uint64_t serial);
+
+/*
+ * The range of files of the log: numbers of the first and the last file and
+ * their total size in bytes (each may be NULL). Returns 1, or 0 with an I/O
+ * error.
+ */
+QW_API int LogFiles(QWLog *log, uint32_t *firstFile, uint32_t *lastFile, uint64_t *bytes);
+
+/*
+ * A read context: its own file handles and read buffer over `log`, which
+ * must stay open while the context lives. NULL with an error when memory
+ * runs out.
+ */
+QW_API LogReadContext *LogReadContextNew(QWLog *log);
+
+/* Frees a context (NULL is accepted). Returns 1, or 0 with an error when
+ * closing one of its files failed (the context is freed anyway). */
+QW_API int LogReadContextDelete(LogReadContext *context);
+
+/*
+ * Finds the first record whose serial is `from` or above and stores its
+ * serial in *first (0 finds the first record of the log). Returns 1, or 0
+ * with an error: code 2 when no record lies at or after `from`; a damaged
+ * record on the way (class QW_ERROR_CLASS_DATA).
+ */
+QW_API int LogFirstSerial(LogReadContext *context, uint64_t from, uint64_t *first);
+
+/*
+ * Reads the record at `serial`.
+ *  type      (out) the record type.
+ *  buffer    (out, may be NULL) receives the payload, at most *size bytes.
+ *  size      (in/out) in: the capacity of buffer (ignored when buffer is
+ *            NULL); out: the payload size, which exceeds the capacity when
+ *            only the first bytes were copied.
+ *  next      (out, may be NULL) the serial after this record: the next
+ *            record's, or where the next record will go after the last one.
+ *  previous  (out, may be NULL) the serial of the record before it.
+ * The whole record is checked (layout, checksum) whatever the buffer takes.
+ * Returns 1, or 0 with an error: code 2 "no log record at serial ..." when
+ * the serial lies beyond the end of the log or in a removed file; class
+ * QW_ERROR_CLASS_DATA, code EBADMSG, "log file \"<path>\": no valid record
+ * at serial <serial> (file <n>, offset <o>): <reason>" when the bytes there
+ * are not a record; I/O errors.
+ */
+QW_API int LogRead(LogReadContext *context, uint64_t serial, uint32_t *type, void *buffer, uint32_t *size,
+                   uint64_t *next, uint64_t *previous);
 
 QW_END_DECLS
 

@@ -10,7 +10,9 @@
 #include "qwvm/qwfile.h"
 #include "qwvm/qwutil.h"
 #include "qwvm/qwlog.h"
+#include "qwvm/qwmime.h"
 #include "qwvm/qwcache.h"
+#include "qwvm/qwdict.h"
 #include "qwvm/vmarena.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/dbarray.h"
@@ -24,5 +26,11 @@
 #include "qwvm/fpbdict.h"
 #include "qwvm/pathdict.h"
 #include "qwvm/sfs.h"
+#include "qwvm/booleval.h"
+#include "qwvm/lvm.h"
+#include "qwvm/box.h"
+#include "qwvm/boxdata.h"
+#include "qwvm/lstrtable.h"
+#include "qwvm/sort.h"
 
 #endif /* QWVM_QWVM_H */

@@ -1,17 +1,10 @@
-// The fault campaign: every workload, in two phases (creating the store and
-// its first round; updating a committed store by a second round), run under
-//  - power loss at the n-th sync, for each n the phase reaches, with every
-//    write not yet durable dropped or garbled (seeded);
-//  - an I/O error at the n-th file operation, once transient and once
-//    persistent, for each n the phase reaches.
-// After each fault the store is reopened (with create, as its owner would)
-// and its committed content must be exactly the state before the phase or
-// after it, the latter whenever the commit had returned 1; when it is the
-// state before, the round is run again and must commit. Under the
-// sanitizers each child also checks itself for leaks after the error.
-//
-// Points are sampled evenly (first and last always) to keep the run
-// bounded; QWVM_FAULT_FULL=1 runs every point. Each test prints
+// The fault campaign (README.md): every workload, in a create and an update
+// phase, under power loss at each sync (writes not yet durable dropped or
+// garbled) and an I/O error at each operation (transient and persistent).
+// After each fault the reopened store holds exactly the state before or
+// after the phase (after, when the commit returned 1), and a state before
+// commits the round again. Points are sampled evenly (first and last
+// always); QWVM_FAULT_FULL=1 runs every point. Each test prints
 // "fault points: <workload> <phase> <kind> <run> of <reached>, x2".
 #include <gtest/gtest.h>
 
@@ -80,8 +73,7 @@ struct RunCache {
   PageCache *cache;
 };
 
-// Thousands of faulted runs print nothing: the checks read the error chain,
-// and a failed assertion still reaches stderr.
+// Faulted runs print nothing: the checks read the error chain.
 void Silent(void *, int, const char *, int, const char *) {}
 
 class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterface<WorkloadKind> {
@@ -102,9 +94,8 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
   std::string storeDir() const { return path("store"); }
   std::string snapshotDir() const { return path("snapshot"); }
 
-  // Builds the state before `phase`, snapshots it, and runs the phase once
-  // without faults to learn the dumps and how many syncs and operations it
-  // makes.
+  // Builds and snapshots the state before `phase`; a run without faults gives
+  // the dumps and how many syncs and operations the phase makes.
   void Prepare(const Phase &phase) {
     base = GetParam().make();
     fs::remove_all(storeDir());
@@ -142,7 +133,6 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
     if (fs::exists(snapshotDir())) fs::copy(snapshotDir(), storeDir(), fs::copy_options::recursive);
   }
 
-  // The committed content of the store as a fresh open of `model` sees it.
   std::string ReopenedDump(const Workload *model) {
     std::unique_ptr<Workload> w = model->Clone();
     RunCache run;
@@ -152,8 +142,6 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
     return dump;
   }
 
-  // After a fault: the store opens, holds `before` or `after` (only `after`
-  // when the commit returned), and a later round commits.
   void CheckRecovered(const Phase &phase, bool committed, const std::string &where) {
     std::unique_ptr<Workload> w = base->Clone();
     RunCache run;
@@ -174,9 +162,8 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
     w->Close();
   }
 
-  // Child of a power-loss point: exit 1 when the loss hit inside the phase,
-  // 2 when the commit returned and the loss followed, 3 (with the error on
-  // stdout) when the phase failed without a fault.
+  // Exit 1: the loss hit inside the phase; 2: the commit returned and the
+  // loss followed; 3: the phase failed without a fault (error on stdout).
   qwtest::ChildResult LosePowerAt(const Phase &phase, uint64_t sync, PowerLoss mode, uint64_t seed) {
     return qwtest::RunInChild([&] {
       qw::fault::Reset();
@@ -193,8 +180,7 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
     });
   }
 
-  // Child of an I/O error point: prints "committed" or "failed" and the
-  // error chain; exit 0, or 7 when the sanitizer finds a leak.
+  // Prints "committed" or "failed" and the chain; exit 7 on a leak (ASan).
   qwtest::ChildResult FailOperation(const Phase &phase, uint64_t n, bool persistent) {
     return qwtest::RunInChild([&] {
       qw::fault::Reset();
@@ -216,8 +202,6 @@ class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterfac
     });
   }
 
-  // `run` points of `reached`, each run in both variants (two loss modes, or
-  // transient and persistent).
   void Report(const Phase &phase, const char *kind, size_t run, uint64_t reached) {
     std::printf("fault points: %s %s %s %zu of %llu, x2\n", GetParam().name, phase.name, kind, run,
                 static_cast<unsigned long long>(reached));

@@ -10,6 +10,12 @@ std::unique_ptr<Workload> MakePITree();
 std::unique_ptr<Workload> MakeBTree();
 std::unique_ptr<Workload> MakeAVL();
 std::unique_ptr<Workload> MakeSFS();
+std::unique_ptr<Workload> MakeBoolEval();
+std::unique_ptr<Workload> MakeLvmReplayed();
+std::unique_ptr<Workload> MakeLvmCommitted();
+std::unique_ptr<Workload> MakeBoxReplayed();
+std::unique_ptr<Workload> MakeBoxCommitted();
+std::unique_ptr<Workload> MakeStrTable();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -21,6 +27,12 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"btree", MakeBTree},
       {"avl", MakeAVL},
       {"sfs", MakeSFS},
+      {"booleval", MakeBoolEval},
+      {"lvm_replayed", MakeLvmReplayed},
+      {"lvm_committed", MakeLvmCommitted},
+      {"box_replayed", MakeBoxReplayed},
+      {"box_committed", MakeBoxCommitted},
+      {"strtable", MakeStrTable},
   };
   return kinds;
 }

@@ -1,18 +1,9 @@
-// Workloads of the fault campaign: each keeps one kind of store (arena
-// blocks and arrays, DBArray, LDBArray, PITree with the name service, B-tree,
-// AVL dictionary, small file store) together with a model of what it should
-// hold.
-//
-// A workload moves from round to round: Apply(r) makes the changes of round
-// r (deterministic: the same changes from the same state), Commit() makes
-// them the committed generation. Dump(gen) renders what the store holds in
-// a canonical text; ModelDump() renders the model the same way, so that a
-// run without faults can prove the store and the model agree. The campaign
-// compares dumps only: after a fault the committed generation must render
-// exactly as one of the rounds did.
-//
-// Copying a closed workload copies its model, which is how a forked child
-// and the checking parent start from the same round.
+// Workloads of the fault campaign: one kind of store beside a model of what
+// it holds. Apply(r) makes round r's changes (the same from the same state),
+// Commit() commits them; Dump(gen) renders the store as canonical text and
+// ModelDump() renders the model alike, so the campaign compares dumps only.
+// Copying a closed workload copies its model (how a forked child and the
+// checking parent start from the same round).
 #pragma once
 
 #include <cstdint>

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <thread>
 #include <sstream>
 
 namespace qwtest {
@@ -120,6 +121,41 @@ uint64_t SweepStride(uint64_t sanitizedStride) {
 
 bool InSweep(uint64_t i, uint64_t first, uint64_t last, uint64_t stride) {
   return i == first || i == last || (i - first) % stride == 0;
+}
+
+std::vector<uint64_t> SweepPoints(uint64_t first, uint64_t last, uint64_t sanitizedStride) {
+  std::vector<uint64_t> points;
+  const uint64_t stride = SweepStride(sanitizedStride);
+  for (uint64_t i = first; i <= last; ++i)
+    if (InSweep(i, first, last, stride)) points.push_back(i);
+  return points;
+}
+
+void ReadersBesideWriter(int readers, const std::function<void(const std::atomic<bool> &writing)> &read,
+                         const std::function<void()> &write) {
+  std::atomic<bool> writing{true};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < readers; ++i) threads.emplace_back([&] { read(writing); });
+  write();
+  writing = false;
+  for (std::thread &thread : threads) thread.join();
+}
+
+void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
+              const std::function<void(int step)> &after) {
+  for (int step = 0; step < steps; ++step) {
+    SCOPED_TRACE("model step " + std::to_string(step));
+    unsigned draw = unsigned(rng() % 100);
+    for (const ModelStep &entry : table) {
+      if (draw < entry.percent) {
+        entry.run();
+        break;
+      }
+      draw -= entry.percent;
+    }
+    if (after && !::testing::Test::HasFatalFailure()) after(step);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
 }
 
 }  // namespace qwtest

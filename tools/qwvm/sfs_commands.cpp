@@ -14,10 +14,7 @@
 namespace qwtool {
 namespace {
 
-int Fail(const char *what) {
-  std::fprintf(stderr, "qwvm sfs: %s:\n%s\n", what, QWErrorMessage());
-  return 1;
-}
+int Fail(const char *what) { return FailWithChain("sfs", what); }
 
 int SfsUsage() {
   std::fprintf(stderr,

@@ -205,6 +205,10 @@ int RunTour(const char *directory) {
   if (status == 0) status = TourArrays(directory, cache);
   if (status == 0) status = TourStructures(directory, cache);
   if (status == 0) status = TourFiles(directory);
+  if (status == 0) status = TourQueries(directory);
+  if (status == 0) status = TourLogged(directory);
+  if (status == 0) status = TourBox(directory);
+  if (status == 0) status = TourStrTable(directory);
   PageCacheFree(cache);
   if (status == 0) std::printf("\ntour complete: everything read back as written\n");
   return status;

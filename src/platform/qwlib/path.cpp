@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/qwlib/durability.h"
 #include "platform/qwlib/fault.h"
@@ -125,6 +126,24 @@ QW_API int DirectoryCreate(const char *path) {
   if (full.back() != '/' && !MakeOne(full, tracking)) {
     const int error = errno;
     return QWErrorThrowErrno(error, "could not create directory \"%s\"", path);
+  }
+  return 1;
+}
+
+QW_API int DirectoryCreateDurably(const char *path) {
+  if (!path || !*path) return NoPath("create a directory");
+  std::vector<std::string> missing;  // deepest first
+  for (std::string at = path; !at.empty() && !FileExists(at.c_str());) {
+    missing.push_back(at);
+    const size_t slash = at.find_last_of('/');
+    at = slash == std::string::npos ? std::string() : at.substr(0, slash);
+  }
+  if (missing.empty()) return 1;
+  if (!DirectoryCreate(path)) return 0;
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    const size_t slash = it->find_last_of('/');
+    const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : it->substr(0, slash);
+    if (!DirectorySync(parent.c_str())) return 0;
   }
   return 1;
 }

@@ -129,28 +129,9 @@ bool AnyArenaFileExists(const VMArena *arena, uint64_t oldSerial, uint64_t newSe
 
 std::string CreatingMarkerPath(const std::string &directory) { return directory + "/creating"; }
 
-// Creates `directory` and any missing parent, each made durable by a sync of
-// the directory that holds it.
-bool CreateDirectoryDurably(const std::string &directory) {
-  std::vector<std::string> missing;  // deepest first
-  for (std::string path = directory; !path.empty() && !FileExists(path.c_str());) {
-    missing.push_back(path);
-    const size_t slash = path.find_last_of('/');
-    path = slash == std::string::npos ? std::string() : path.substr(0, slash);
-  }
-  if (missing.empty()) return true;
-  if (!DirectoryCreate(directory.c_str())) return false;
-  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-    const size_t slash = it->find_last_of('/');
-    const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : it->substr(0, slash);
-    if (!DirectorySync(parent.c_str())) return false;
-  }
-  return true;
-}
-
 bool CreateCreatingMarker(const std::string &directory) {
   QWFILE file = QWFILE_INVALID;
-  if (!CreateDirectoryDurably(directory) ||
+  if (!DirectoryCreateDurably(directory.c_str()) ||
       !QWFileOpen(&file, CreatingMarkerPath(directory).c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE) ||
       !QWFileClose(file) || !DirectorySync(directory.c_str()))
     return QWErrorRethrow("could not mark the creation of VM in \"%s\"", directory.c_str());

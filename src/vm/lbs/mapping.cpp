@@ -107,18 +107,6 @@ void *AllocAnonymous(MemoryMapping *mapping, size_t length) {
     return nullptr;
   }
   std::memset(chunk, 0, length);
-  const uintptr_t at = reinterpret_cast<uintptr_t>(chunk);
-  try {
-    mapping->anonymousChunks.insert(at);
-  } catch (const std::bad_alloc &) {
-    std::free(chunk);
-    QWErrorThrow(ENOMEM, QW_ERROR_CLASS_SYSTEM, "MapAlloc: out of memory");
-    return nullptr;
-  }
-  if (at < mapping->anonymousLow.load(std::memory_order_relaxed))
-    mapping->anonymousLow.store(at, std::memory_order_relaxed);
-  if (at + length > mapping->anonymousHigh.load(std::memory_order_relaxed))
-    mapping->anonymousHigh.store(at + length, std::memory_order_relaxed);
   return chunk;
 }
 
@@ -186,7 +174,6 @@ int MapFree(void *context, void *chunk, size_t length) {
     if (!FileUnmap(chunk, length)) return QWErrorRethrow("MapFree: cannot unmap: \"%s\"", mapping->path.c_str());
     return 1;
   }
-  mapping->anonymousChunks.erase(reinterpret_cast<uintptr_t>(chunk));
   if (mapping->spareChunks.size() < kSpareChunkLimit) {
     try {
       mapping->spareChunks.push_back(chunk);
@@ -226,13 +213,10 @@ uint32_t Log2Ceil(uint32_t value) {
   return shift;
 }
 
-bool IsAnonymous(MemoryMapping *mapping, const void *address) {
-  const uintptr_t at = reinterpret_cast<uintptr_t>(address);
-  if (at < mapping->anonymousLow.load(std::memory_order_relaxed) ||
-      at >= mapping->anonymousHigh.load(std::memory_order_relaxed))
-    return false;
-  ScopedMutex lock(mapping->mutex);
-  return mapping->anonymousChunks.count(at & ~uintptr_t(mapping->ChunkBytes() - 1)) != 0;
+// Page-cache mode hands out cache pages (committed blocks) and read-write
+// memory of its own; the cache tells its pages apart without a lock.
+bool IsCachePage(MemoryMapping *mapping, const void *address) {
+  return mapping->cache && PageCacheContains(mapping->cache, address);
 }
 
 void *CachePage(MemoryMapping *mapping, uint32_t rawId, bool overwrite) {
@@ -378,9 +362,6 @@ bool MemoryMappingRemapWrite(MemoryMapping *mapping, uint64_t rsize) {
   bool ok = FArrayFree(&mapping->rw) != 0;
   if (!ok) QWErrorRethrow("MemoryMappingRemapWrite: could not free read-write part");
   mapping->rwMappedBytes = 0;
-  mapping->anonymousChunks.clear();
-  mapping->anonymousLow.store(UINTPTR_MAX, std::memory_order_relaxed);
-  mapping->anonymousHigh.store(0, std::memory_order_relaxed);
   mapping->rsize = rsize;
   mapping->rawBase = uint32_t(rsize / mapping->blockSize);
   if (!InitReadWritePart(mapping)) return false;
@@ -543,12 +524,11 @@ void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool over
 }
 
 void MemoryMappingRawBlockFilled(MemoryMapping *mapping, void *address) {
-  if (mapping->cache && !IsAnonymous(mapping, address)) PageCacheSetValid(mapping->cache, address);
+  if (IsCachePage(mapping, address)) PageCacheSetValid(mapping->cache, address);
 }
 
 void MemoryMappingRawBlockRelease(MemoryMapping *mapping, void *address, int dirty, int keep, int keepLong) {
-  if (!mapping->cache || IsAnonymous(mapping, address)) return;
-  PageCacheRelease(mapping->cache, address, dirty, keep, keepLong);
+  if (IsCachePage(mapping, address)) PageCacheRelease(mapping->cache, address, dirty, keep, keepLong);
 }
 
 bool MemoryMappingRawBlockPrefetch(MemoryMapping *mapping, uint32_t rawId) {

@@ -29,10 +29,8 @@
 // this one, never the other way round.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "qwvm/qwcache.h"
@@ -86,15 +84,9 @@ struct MemoryMapping {
   void *readAddress = nullptr;  // mapped mode: [0, readLength) of the file
   uint64_t readLength = 0;
 
-  // Page-cache mode: the anonymous chunks (aligned to their size), so that a
-  // release can tell read-write memory from cache pages; the atomics bound
-  // them for a lock-free first test.
-  std::unordered_set<uintptr_t> anonymousChunks;
   // Chunks of earlier generations kept for the next ones: fresh memory costs
   // a page fault per page, reused memory only a clear.
   std::vector<void *> spareChunks;
-  std::atomic<uintptr_t> anonymousLow{UINTPTR_MAX};
-  std::atomic<uintptr_t> anonymousHigh{0};
 
   bool Mapped() const { return (flags & kMappingMapped) != 0; }
   bool ExtentMode() const { return (flags & (kMappingMapped | kMappingExtents)) == (kMappingMapped | kMappingExtents); }

@@ -2,10 +2,8 @@
 // want them, claimed pages waited for, write-back under eviction pressure,
 // flush and invalidation racing with readers, failing loads with waiters.
 // CI runs these suites again under ThreadSanitizer.
-#include <atomic>
 #include <barrier>
 #include <mutex>
-#include <random>
 #include <shared_mutex>
 #include <thread>
 
@@ -14,16 +12,15 @@
 namespace qwtest {
 namespace {
 
-class PageCacheConcurrency : public PageCacheTest {
- protected:
-  // Runs body(t) on `count` threads and waits for them.
-  template <typename Body>
-  static void RunThreads(int count, Body body) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
-    for (std::thread &thread : threads) thread.join();
-  }
-};
+// Runs body(t) on `count` threads and waits for them.
+template <typename Body>
+void RunThreads(int count, Body body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+  for (std::thread &thread : threads) thread.join();
+}
+
+using PageCacheConcurrency = PageCacheTest;
 
 TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
   MakeCache(64);
@@ -36,30 +33,24 @@ TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
     for (int r = 0; r < rounds; ++r) {
       start.arrive_and_wait();
       void *page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), uint64_t(r) * kPage, &page) ||
-          Bytes(page) != Pattern(3, uint64_t(r) * kPage, kPage))
+      if (!PageCacheRead(cache_, Id(f), uint64_t(r) * kPage, &page) || Bytes(page) != Pattern(3, r * kPage, kPage))
         ++wrong;
-      seen[t * rounds + r] = page;
-      if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+      if ((seen[t * rounds + r] = page)) Release(page);
     }
   });
   EXPECT_EQ(wrong.load(), 0);
   for (int r = 0; r < rounds; ++r)
     for (int t = 1; t < threads; ++t) EXPECT_EQ(seen[t * rounds + r], seen[r]);
-  PageCacheStats stats = Stats();
-  EXPECT_EQ(stats.reads, uint64_t(rounds));
-  EXPECT_EQ(stats.misses, uint64_t(rounds));
-  EXPECT_EQ(stats.hits, uint64_t(rounds) * (threads - 1));
-  EXPECT_EQ(stats.pinned, 0u);
+  PageCacheStats s = Stats();
+  EXPECT_EQ(std::vector<uint64_t>({s.reads, s.misses, s.hits, s.pinned}),
+            std::vector<uint64_t>({rounds, rounds, rounds * (threads - 1), 0}));
 }
 
 TEST_F(PageCacheConcurrency, ClaimedPageIsWaitedFor) {
   MakeCache(8);
   size_t f = AddFile("data", 4 * kPage, 1);
   for (bool fill : {true, false}) {
-    SCOPED_TRACE(fill);
-    const uint64_t offset = fill ? kPage : 2 * kPage;
-    PageCacheStats before = Stats();
+    const uint64_t offset = fill ? kPage : 2 * kPage, readsBefore = Stats().reads;
     int valid = -2;
     void *claimed = PageCacheLookup(cache_, Id(f), offset, 1, &valid);
     ASSERT_NE(claimed, nullptr);
@@ -67,23 +58,17 @@ TEST_F(PageCacheConcurrency, ClaimedPageIsWaitedFor) {
     std::string got;
     std::thread reader([&] {
       void *page = nullptr;
-      if (PageCacheRead(cache_, Id(f), offset, &page)) {
-        got = Bytes(page);
-        PageCacheRelease(cache_, page, 0, 0, 0);
-      }
+      if (PageCacheRead(cache_, Id(f), offset, &page)) got = Bytes(page);
+      if (page) Release(page);
     });
-    if (fill) {
-      // The reader gets the claimer's bytes, never the file's.
+    if (fill) {  // the reader gets the claimer's bytes, never the file's
       std::memset(claimed, 'c', kPage);
       PageCacheSetValid(cache_, claimed);
-      PageCacheRelease(cache_, claimed, 1, 0, 0);
-    } else {
-      // Dropped unfilled: the reader loads the page itself.
-      PageCacheRelease(cache_, claimed, 0, 0, 0);
     }
+    Release(claimed, fill);  // dropped unfilled: the reader loads the page itself
     reader.join();
-    EXPECT_EQ(got, fill ? std::string(kPage, 'c') : Pattern(1, offset, kPage));
-    EXPECT_EQ(Stats().reads - before.reads, fill ? 0u : 1u);
+    EXPECT_EQ(got, fill ? std::string(kPage, 'c') : Pattern(1, offset, kPage)) << fill;
+    EXPECT_EQ(Stats().reads - readsBefore, fill ? 0u : 1u);
   }
 }
 
@@ -104,8 +89,7 @@ TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   std::thread flusher([&] {
-    std::mt19937 random(7);
-    while (!done.load()) {
+    for (std::mt19937 random(7); !done.load();) {
       std::unique_lock<std::shared_mutex> exclusive(flushLock);
       if (!PageCacheFlushFile(cache_, Id(random() % files))) ++failures;
     }
@@ -115,24 +99,16 @@ TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
     for (int step = 0; step < 3000; ++step) {
       size_t f = random() % files;
       uint64_t p = (random() % (pages / threads)) * threads + uint64_t(t);  // this thread's pages
-      std::string &bytes = model[f];
       std::shared_lock<std::shared_mutex> shared(flushLock);
       void *page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), p * kPage, &page)) {
+      if (!PageCacheRead(cache_, Id(f), p * kPage, &page) || Bytes(page) != model[f].substr(p * kPage, kPage)) {
         ++failures;
-        continue;
+        if (!page) continue;
       }
-      if (Bytes(page) != bytes.substr(p * kPage, kPage)) ++failures;
-      bool write = random() % 2 == 0;
-      if (write) {
-        size_t at = random() % (kPage - 64);
-        for (size_t i = 0; i < 64; ++i) {
-          char byte = static_cast<char>(random());
-          static_cast<char *>(page)[at + i] = byte;
-          bytes[p * kPage + at + i] = byte;
-        }
-      }
-      PageCacheRelease(cache_, page, write, 0, 0);
+      const bool write = random() % 2 == 0;
+      for (size_t at = random() % (kPage - 64), i = 0; write && i < 64; ++i)
+        static_cast<char *>(page)[at + i] = model[f][p * kPage + at + i] = static_cast<char>(random());
+      Release(page, write);
     }
   });
   done = true;
@@ -167,30 +143,20 @@ TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
         std::lock_guard<std::mutex> lock(pageLock);
         static_cast<uint64_t *>(page)[t] += 1;
       }
-      PageCacheRelease(cache_, page, 1, 0, 0);
+      Release(page, 1);
       uint64_t other = 1 + random() % 63;
-      page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), other * kPage, &page)) {
-        ++failures;
-        continue;
-      }
-      if (Bytes(page) != Pattern(2, other * kPage, kPage)) ++failures;
-      PageCacheRelease(cache_, page, 0, 0, 0);
+      if (!ReadMatches(f, other, Pattern(2, other * kPage, kPage))) ++failures;
     }
   });
   EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
   ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
-  std::string disk = Disk(f, 0);
-  for (int t = 0; t < threads; ++t) {
-    uint64_t count = 0;
-    std::memcpy(&count, disk.data() + t * sizeof count, sizeof count);
-    EXPECT_EQ(count, uint64_t(increments));
-  }
-  // Only the shared page is ever dirty: more than the final flush wrote it.
-  EXPECT_GT(Stats().writes, 1u);
+  std::vector<uint64_t> counts(threads);
+  std::memcpy(counts.data(), Disk(f, 0).data(), threads * sizeof(uint64_t));
+  EXPECT_EQ(counts, std::vector<uint64_t>(threads, increments));
+  EXPECT_GT(Stats().writes, 1u);  // only the shared page is ever dirty: written before the final flush too
 }
 
-// Readers check a file that never changes while other threads keep
+// Readers check a file that never changes while another thread keeps
 // invalidating, prefetching and flushing it: pages detached or dropped under
 // them must never show wrong bytes or leak pins.
 TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
@@ -200,11 +166,9 @@ TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   std::thread disturber([&] {
-    std::mt19937 random(3);
-    while (!done.load()) {
-      uint64_t first = random() % pages;
+    for (std::mt19937 random(3); !done.load();) {
       if (!PageCacheInvalidateFile(cache_, Id(f)) ||
-          !PageCachePrefetch(cache_, Id(f), first * kPage, (1 + random() % 8) * kPage) ||
+          !PageCachePrefetch(cache_, Id(f), (random() % pages) * kPage, (1 + random() % 8) * kPage) ||
           !PageCacheFlushFile(cache_, Id(f)))
         ++failures;
     }
@@ -213,21 +177,14 @@ TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
     std::mt19937 random(500 + t);
     for (int i = 0; i < 4000; ++i) {
       uint64_t p = random() % pages;
-      void *page = nullptr;
-      if (!PageCacheRead(cache_, Id(f), p * kPage, &page)) {
-        ++failures;
-        continue;
-      }
-      if (Bytes(page) != Pattern(9, p * kPage, kPage)) ++failures;
-      PageCacheRelease(cache_, page, 0, random() % 2, 0);
+      if (!ReadMatches(f, p, Pattern(9, p * kPage, kPage), random() % 2)) ++failures;
     }
   });
   done = true;
   disturber.join();
   EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
-  PageCacheStats stats = Stats();
-  EXPECT_EQ(stats.pinned, 0u);
-  EXPECT_LE(stats.resident, pages);
+  EXPECT_EQ(Stats().pinned, 0u);
+  EXPECT_LE(Stats().resident, pages);
   // Every page detached under a reader was freed by whichever came last, the
   // reader's release or the invalidation: none is left behind.
   ASSERT_EQ(PageCacheInvalidateFile(cache_, Id(f)), 1);
@@ -247,14 +204,12 @@ TEST_F(PageCacheConcurrency, FailingLoadWakesWaiters) {
     start.arrive_and_wait();
     void *page = nullptr;
     if (!PageCacheRead(cache_, Id(f), kPage, &page) && page == nullptr && QWErrorCode() == 5) ++failed;
-    if (page) PageCacheRelease(cache_, page, 0, 0, 0);
+    if (page) Release(page);
   });
   EXPECT_EQ(failed.load(), threads);
   EXPECT_EQ(Stats().resident, 0u);
   qw::fault::Disable();
-  void *page = ReadPage(f, kPage);
-  EXPECT_EQ(Bytes(page), Pattern(5, kPage, kPage));
-  PageCacheRelease(cache_, page, 0, 0, 0);
+  EXPECT_TRUE(ReadMatches(f, 1, Pattern(5, kPage, kPage)));
 }
 
 }  // namespace

@@ -1,33 +1,27 @@
 // Shared fixture of the page cache tests: a cache, files filled with a
-// reproducible pattern and registered in it, and direct (uncached) access to
-// the files' bytes for checking what reached the disk.
+// reproducible pattern and registered in it, and the files' bytes as the
+// disk has them (read past the cache).
 #pragma once
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
-#include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace qwtest {
 
 constexpr uint32_t kPage = 8192;
 
-// The byte at `position` of the pattern numbered `seed`.
-inline char PatternByte(uint32_t seed, uint64_t position) {
-  uint64_t x = (position + 1) * 0x9E3779B97F4A7C15ULL + seed * 0xD1B54A32D192ED03ULL;
-  x ^= x >> 29;
-  return static_cast<char>(x & 0xFF);
-}
-
+// `size` bytes of the pattern numbered `seed`, from `offset` on.
 inline std::string Pattern(uint32_t seed, uint64_t offset, size_t size) {
   std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = PatternByte(seed, offset + i);
+  for (size_t i = 0; i < size; ++i) {
+    uint64_t x = (offset + i + 1) * 0x9E3779B97F4A7C15ULL + seed * 0xD1B54A32D192ED03ULL;
+    bytes[i] = static_cast<char>((x ^ (x >> 29)) & 0xFF);
+  }
   return bytes;
 }
 
@@ -35,7 +29,7 @@ inline std::string Bytes(const void *page, size_t size = kPage) {
   return std::string(static_cast<const char *>(page), size);
 }
 
-class PageCacheTest : public TempDirTest {
+class PageCacheTest : public FaultTempDirTest {
  protected:
   struct File {
     std::string path;
@@ -46,25 +40,19 @@ class PageCacheTest : public TempDirTest {
   void TearDown() override {
     qw::fault::Disable();
     for (File &file : files_) {
-      if (cache_ && file.id != PAGECACHE_INVALID_FILE) {
-        EXPECT_EQ(PageCacheUnregisterFile(cache_, file.id), 1);
-      }
+      EXPECT_TRUE(!cache_ || file.id == PAGECACHE_INVALID_FILE || PageCacheUnregisterFile(cache_, file.id));
       QWFileClose(file.handle);
     }
     PageCacheFree(cache_);
-    TempDirTest::TearDown();
+    FaultTempDirTest::TearDown();
   }
 
-  void MakeCache(uint64_t pages, uint32_t pageSize = kPage) {
-    cache_ = PageCacheNew(pages * pageSize, pageSize);
-    ASSERT_NE(cache_, nullptr) << QWErrorMessage();
-  }
+  void MakeCache(uint64_t pages) { ASSERT_NE(cache_ = PageCacheNew(pages * kPage, kPage), nullptr) << QWErrorMessage(); }
 
   // Creates `name` holding `size` bytes of pattern `seed`, opens it read-write
   // and registers it. Returns the index in files_.
   size_t AddFile(const std::string &name, uint64_t size, uint32_t seed) {
-    File file;
-    file.path = path(name);
+    File file{path(name)};
     WriteFileBytes(file.path, Pattern(seed, 0, size));
     EXPECT_EQ(QWFileOpen(&file.handle, file.path.c_str(), QWFILE_READ | QWFILE_WRITE), 1) << QWErrorMessage();
     file.id = PageCacheRegisterFile(cache_, file.handle);
@@ -81,24 +69,17 @@ class PageCacheTest : public TempDirTest {
     files_[index].id = PAGECACHE_INVALID_FILE;
   }
 
-  // The file's bytes as the disk has them, bypassing the cache.
   std::string Disk(size_t index, uint64_t offset, size_t size = kPage) const {
     std::string bytes(size, '\0');
-    int fd = ::open(files_[index].path.c_str(), O_RDONLY);
-    EXPECT_GE(fd, 0);
-    ssize_t got = ::pread(fd, bytes.data(), size, static_cast<off_t>(offset));
-    ::close(fd);
-    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    std::ifstream in(files_[index].path, std::ios::binary);
+    bytes.resize(in.seekg(std::streamoff(offset)).read(bytes.data(), std::streamsize(size)).gcount());
     return bytes;
   }
 
   // Changes the file underneath the cache.
   void DiskWrite(size_t index, uint64_t offset, const std::string &bytes) const {
-    int fd = ::open(files_[index].path.c_str(), O_WRONLY);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)),
-              static_cast<ssize_t>(bytes.size()));
-    ::close(fd);
+    std::fstream file(files_[index].path, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(std::streamoff(offset)).write(bytes.data(), std::streamsize(bytes.size()));
   }
 
   PageCacheStats Stats() const {
@@ -114,12 +95,31 @@ class PageCacheTest : public TempDirTest {
     return page;
   }
 
+  void Release(void *page, int dirty = 0) { PageCacheRelease(cache_, page, dirty, 0, 0); }
+
+  // Whether page `p` of the file is in the cache (looked up without loading).
+  bool Resident(size_t index, uint64_t p) {
+    void *page = PageCacheLookup(cache_, files_[index].id, p * kPage, 0, nullptr);
+    if (page) Release(page);
+    return page != nullptr;
+  }
+
+  // Thread-safe (no assertion inside): reads page `p`, compares it with
+  // `expected` and releases it with the `keep` hint.
+  bool ReadMatches(size_t index, uint64_t p, const std::string &expected, int keep = 0) {
+    void *page = nullptr;
+    if (!PageCacheRead(cache_, files_[index].id, p * kPage, &page)) return false;
+    const bool same = Bytes(page) == expected;
+    PageCacheRelease(cache_, page, 0, keep, 0);
+    return same;
+  }
+
   // Overwrites a whole page through the cache and releases it dirty.
   void WritePage(size_t index, uint64_t offset, const std::string &bytes) {
     void *page = ReadPage(index, offset);
     ASSERT_NE(page, nullptr);
     std::memcpy(page, bytes.data(), kPage);
-    PageCacheRelease(cache_, page, 1, 0, 0);
+    Release(page, 1);
   }
 
   PageCache *cache_ = nullptr;

@@ -1,58 +1,38 @@
 // The per-thread error chain, messages and assertions.
-#include <string>
 #include <thread>
 
 #include "support/test_support.h"
 
 namespace {
 
-int FailInner() { return QWErrorThrow(2, QW_ERROR_CLASS_SYSTEM, "could not open \"%s\"", "a/b"); }
-
-int FailMiddle() {
-  if (!FailInner()) return QWErrorRethrow("reading index %d", 7);
-  return 1;
-}
-
-int FailOuter() {
-  if (!FailMiddle()) return QWErrorRethrow("opening arena");
-  return 1;
-}
-
-TEST(ErrorChain, ReadsOutwardFromTheInnermostFailure) {
-  EXPECT_EQ(FailOuter(), 0);
+void ExpectChain(int code, int errorClass, const std::string &message) {
   EXPECT_TRUE(QWErrorIsSet());
-  EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
-  EXPECT_STREQ(QWErrorMessage(), "could not open \"a/b\"\nreading index 7\nopening arena");
+  EXPECT_EQ(QWErrorCode(), code);
+  EXPECT_EQ(QWErrorClass(), errorClass);
+  EXPECT_EQ(QWErrorMessage(), message);
+}
 
-  // A fresh throw forgets the previous chain entirely.
-  QWErrorThrow(5, QW_ERROR_CLASS_DATA, "bad block");
-  EXPECT_EQ(QWErrorCode(), 5);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
-  EXPECT_STREQ(QWErrorMessage(), "bad block");
-
+TEST(ErrorChain, ReadsOutwardSavesAndRestores) {
+  auto middle = [] {
+    return QWErrorThrow(2, QW_ERROR_CLASS_SYSTEM, "could not open \"%s\"", "a/b") ? 1
+                                                                                     : QWErrorRethrow("reading index %d", 7);
+  };
+  EXPECT_EQ(middle() ? 1 : QWErrorRethrow("opening arena"), 0);
+  ExpectChain(2, QW_ERROR_CLASS_SYSTEM, "could not open \"a/b\"\nreading index 7\nopening arena");
+  QWErrorThrow(5, QW_ERROR_CLASS_DATA, "bad block");  // a fresh throw forgets the previous chain
+  ExpectChain(5, QW_ERROR_CLASS_DATA, "bad block");
   QWErrorClear();
   EXPECT_FALSE(QWErrorIsSet());
   EXPECT_EQ(QWErrorCode(), 0);
   EXPECT_STREQ(QWErrorMessage(), "");
-
-  // Rethrow with nothing set starts a general error.
-  QWErrorRethrow("only outer");
-  EXPECT_EQ(QWErrorCode(), 0);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_GENERAL);
-  EXPECT_STREQ(QWErrorMessage(), "only outer");
-  QWErrorClear();
-}
-
-TEST(ErrorChain, ErrnoErrorsCarryCodeAndText) {
+  QWErrorRethrow("only outer");  // with nothing set: a general error
+  ExpectChain(0, QW_ERROR_CLASS_GENERAL, "only outer");
   QWErrorThrowErrno(2, "could not open file \"%s\"", "x");
-  EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
-  EXPECT_EQ(std::string(QWErrorMessage()), "could not open file \"x\": No such file or directory");
-  QWErrorClear();
-}
-
-TEST(ErrorChain, SaveAndRestoreKeepTheFirstFailureThroughNestedCleanUp) {
+  ExpectChain(2, QW_ERROR_CLASS_SYSTEM, "could not open file \"x\": No such file or directory");
+  const std::string big(5000, 'x');  // long messages are not truncated
+  QWErrorThrow(1, 0, "%s|", big.c_str());
+  EXPECT_EQ(std::string(QWErrorMessage()), big + "|");
+  // Save and restore keep the first failure through nested clean-up.
   QWErrorThrow(2, QW_ERROR_CLASS_SYSTEM, "first");
   QWErrorSave();
   EXPECT_FALSE(QWErrorIsSet());
@@ -60,17 +40,9 @@ TEST(ErrorChain, SaveAndRestoreKeepTheFirstFailureThroughNestedCleanUp) {
   QWErrorSave();
   QWErrorThrow(11, QW_ERROR_CLASS_GENERAL, "nested clean-up failed");
   QWErrorRestore();
-  EXPECT_STREQ(QWErrorMessage(), "clean-up failed");
+  ExpectChain(9, QW_ERROR_CLASS_GENERAL, "clean-up failed");
   QWErrorRestore();
-  EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_STREQ(QWErrorMessage(), "first");
-  QWErrorClear();
-}
-
-TEST(ErrorChain, LongMessagesAreNotTruncated) {
-  std::string big(5000, 'x');
-  QWErrorThrow(1, 0, "%s|", big.c_str());
-  EXPECT_EQ(std::string(QWErrorMessage()), big + "|");
+  ExpectChain(2, QW_ERROR_CLASS_SYSTEM, "first");
   QWErrorClear();
 }
 
@@ -87,26 +59,19 @@ TEST(ErrorChainConcurrency, EachThreadHasItsOwnChain) {
   QWErrorClear();
 }
 
-TEST(Messages, HandlerReceivesLevelAndExactText) {
-  qwtest::MessageCapture capture;
-  QWMessage(QW_LEVEL_PROGRESS, "mounting arena generation[%u,%u] in directory %s", 1u, 2u, "/d");
-  QWMessage(QW_LEVEL_WARNING, "careful");
-  auto messages = capture.messages();
-  ASSERT_EQ(messages.size(), 2u);
-  EXPECT_EQ(messages[0].level, QW_LEVEL_PROGRESS);
-  EXPECT_EQ(messages[0].text, "mounting arena generation[1,2] in directory /d");
-  EXPECT_TRUE(capture.contains("careful", QW_LEVEL_WARNING));
-  EXPECT_FALSE(capture.contains("careful", QW_LEVEL_ERROR));
-}
-
-TEST(Messages, SetMessageContextChoosesTheLevelOfQWMessage_) {
-  qwtest::MessageCapture capture;
-  QWSetMessageContext_(__FILE__, __LINE__, QW_LEVEL_DEBUG, 0);
-  QWMessage_(">>> new block: %u [%u]", 5u, 9u);
-  EXPECT_TRUE(capture.contains(">>> new block: 5 [9]", QW_LEVEL_DEBUG));
-}
-
-TEST(Messages, HandlerCanBeRestored) {
+TEST(Messages, HandlerGetsLevelAndExactTextAndCanBeRestored) {
+  {
+    qwtest::MessageCapture capture;
+    QWMessage(QW_LEVEL_PROGRESS, "mounting arena generation[%u,%u] in directory %s", 1u, 2u, "/d");
+    QWMessage(QW_LEVEL_WARNING, "careful");
+    QWSetMessageContext_(__FILE__, __LINE__, QW_LEVEL_DEBUG, 0);  // chooses the level of QWMessage_
+    QWMessage_(">>> new block: %u [%u]", 5u, 9u);
+    ASSERT_EQ(capture.messages().size(), 3u);
+    EXPECT_TRUE(capture.contains("mounting arena generation[1,2] in directory /d", QW_LEVEL_PROGRESS));
+    EXPECT_TRUE(capture.contains("careful", QW_LEVEL_WARNING));
+    EXPECT_FALSE(capture.contains("careful", QW_LEVEL_ERROR));
+    EXPECT_TRUE(capture.contains(">>> new block: 5 [9]", QW_LEVEL_DEBUG));
+  }
   void *previousContext = nullptr;
   int calls = 0;
   auto counting = [](void *context, int, const char *, int, const char *) { ++*static_cast<int *>(context); };

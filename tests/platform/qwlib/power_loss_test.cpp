@@ -1,72 +1,59 @@
 // Simulated power loss through the fault seam. Each workload runs in a forked
-// child with durability tracking on; the child loses power and exits with
-// status 1; the parent then inspects what survived on disk.
+// child with durability tracking on; the child loses power and exits; the
+// parent then inspects what survived on disk.
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <map>
-#include <random>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "support/fault_support.h"
+#include "support/platform_support.h"
 
 namespace {
 
-namespace fault = qw::fault;
-using fault::PowerLoss;
+using qw::fault::PowerLoss;
 using qwtest::ReadFileBytes;
-using qwtest::WriteFileBytes;
 
 using DiskState = std::map<std::string, std::string>;  // relative name -> content ("<dir>")
+using Workload = std::function<bool()>;
 
-class PowerLossTest : public qwtest::TempDirTest {
+class PowerLossTest : public qwtest::FaultTempDirTest {
  protected:
-  void TearDown() override {
-    fault::Disable();
-    TempDirTest::TearDown();
+  // Empties the directory and creates `before` ("<dir>" entries as directories).
+  void Start(const DiskState &before) {
+    for (const auto &entry : std::filesystem::directory_iterator(dir())) std::filesystem::remove_all(entry.path());
+    for (const auto &[name, content] : before) {
+      if (content == "<dir>") std::filesystem::create_directories(P(name));
+      else qwtest::WriteFileBytes(P(name), content);
+    }
   }
-
-  // Runs `workload` in a child with tracking on, then loses power there.
-  void RunThenLosePower(const std::function<bool()> &workload, PowerLoss mode, uint64_t seed = 0) {
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      fault::Reset();
-      fault::EnableDurabilityTracking(true);
-      if (!workload()) {
-        std::printf("workload failed: %s\n", QWErrorMessage());
-        std::fflush(stdout);
-        _exit(3);
-      }
-      fault::SimulatePowerLoss(mode, seed);
-      _exit(1);
-    });
-    ASSERT_TRUE(child.exited) << child.out;
-    ASSERT_EQ(child.exitStatus, 1) << child.out;
+  // Start(before), then `workload` in a child with tracking on that loses
+  // power afterwards.
+  void RunThenLosePower(const DiskState &before, const Workload &workload, PowerLoss mode, uint64_t seed = 0) {
+    Start(before);
+    const qwtest::PowerLossRun run = qwtest::PowerLossChild(0, {mode, seed}, nullptr, workload);
+    ASSERT_EQ(run.status, 2) << run.out;
   }
-
   // Everything under the test directory, hidden names included (so that a
   // leftover backup shows up as a difference).
   DiskState State() const {
     DiskState state;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir())) {
-      const std::string name = std::filesystem::relative(entry.path(), dir()).string();
-      state[name] = entry.is_directory() ? "<dir>" : ReadFileBytes(entry.path().string());
-    }
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir()))
+      state[std::filesystem::relative(entry.path(), dir()).string()] =
+          entry.is_directory() ? "<dir>" : ReadFileBytes(entry.path().string());
     return state;
   }
-
-  void Clean() {
-    for (const auto &entry : std::filesystem::directory_iterator(dir())) std::filesystem::remove_all(entry.path());
+  void ExpectAfterLoss(const DiskState &before, const Workload &workload, PowerLoss mode, const DiskState &expected) {
+    RunThenLosePower(before, workload, mode);
+    EXPECT_EQ(State(), expected) << int(mode);
   }
-
- public:
   std::string P(const std::string &name) const { return path(name); }
+  // A path that lives as long as the test (for the C calls in a workload).
+  const char *C(const std::string &name) { return names_.try_emplace(name, path(name)).first->second.c_str(); }
+  std::map<std::string, std::string> names_;
 };
 
 // Child-side helpers: they return false (error chain set) on any failure.
@@ -81,26 +68,10 @@ bool CreateFile(const std::string &path, const std::string &content, bool sync) 
   return QWFileClose(file) && ok;
 }
 
-TEST_F(PowerLossTest, UnsyncedWritesAndSizesAreDroppedSyncedKept) {
-  for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep}) {
-    SCOPED_TRACE(mode == PowerLoss::Drop ? "drop" : "keep");
-    Clean();
-    WriteFileBytes(P("f"), "AAAAAAAA");
-    WriteFileBytes(P("g"), "123456");
-    RunThenLosePower(
-        [&] {
-          QWFILE f, g;
-          return QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE) && Write(f, 0, "BBBB") && QWFileSync(f) &&
-                 Write(f, 2, "CC") && Write(f, 10, "DDDD") && QWFileSetSize(f, 12) && QWFileClose(f) &&
-                 QWFileOpen(&g, P("g").c_str(), QWFILE_WRITE) && QWFileSetSize(g, 1) && Write(g, 3, "z") &&
-                 QWFileClose(g);
-        },
-        mode);
-    if (mode == PowerLoss::Drop)
-      EXPECT_EQ(State(), (DiskState{{"f", "BBBBAAAA"}, {"g", "123456"}}));
-    else
-      EXPECT_EQ(State(), (DiskState{{"f", std::string("BBCCAAAA\0\0DD", 12)}, {"g", std::string("1\0\0z", 4)}}));
-  }
+// Maps `length` bytes of `path` read-write; nullptr on failure.
+char *Map(const std::string &path, size_t length, QWFILE *file) {
+  if (!QWFileOpen(file, path.c_str(), QWFILE_READ | QWFILE_WRITE)) return nullptr;
+  return static_cast<char *>(FileMapSegment(*file, 0, length, QW_MAP_READ | QW_MAP_WRITE));
 }
 
 // Random writes, size changes and syncs of one file against two models: what
@@ -116,160 +87,92 @@ TEST_F(PowerLossTest, RandomWorkloadMatchesDurableAndCurrentModels) {
     std::vector<Action> actions;
     std::string current(3000, 'i'), durable = current;
     for (int i = 0; i < 200; ++i) {
-      Action action{int(random() % 10 < 6 ? 0 : random() % 2 + 1), random() % 4000, ""};
-      if (action.kind == 0) {
-        action.bytes.resize(random() % 200 + 1);
-        for (char &c : action.bytes) c = char('a' + random() % 26);
-        if (current.size() < action.offset + action.bytes.size()) current.resize(action.offset + action.bytes.size());
-        current.replace(action.offset, action.bytes.size(), action.bytes);
-      } else if (action.kind == 1) {
-        current.resize(action.offset);
-      } else {
-        durable = current;
+      Action a{int(random() % 10 < 6 ? 0 : random() % 2 + 1), random() % 4000, ""};
+      if (a.kind == 0) {
+        a.bytes.resize(random() % 200 + 1);
+        for (char &c : a.bytes) c = char('a' + random() % 26);
+        current.resize(std::max(current.size(), a.offset + a.bytes.size()));
+        current.replace(a.offset, a.bytes.size(), a.bytes);
       }
-      actions.push_back(action);
+      if (a.kind == 1) current.resize(a.offset);
+      if (a.kind == 2) durable = current;
+      actions.push_back(a);
     }
-    for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep}) {
-      SCOPED_TRACE(testing::Message() << "seed " << seed << (mode == PowerLoss::Drop ? " drop" : " keep"));
-      WriteFileBytes(P("f"), std::string(3000, 'i'));
-      RunThenLosePower(
+    const Workload workload = [&] {
+      QWFILE f;
+      if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
+      for (const Action &a : actions)
+        if (!(a.kind == 0 ? Write(f, a.offset, a.bytes) : a.kind == 1 ? QWFileSetSize(f, a.offset) : QWFileSync(f)))
+          return false;
+      return QWFileClose(f) == 1;
+    };
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    ExpectAfterLoss({{"f", std::string(3000, 'i')}}, workload, PowerLoss::Drop, {{"f", durable}});
+    ExpectAfterLoss({{"f", std::string(3000, 'i')}}, workload, PowerLoss::Keep, {{"f", current}});
+  }
+}
+
+// Names: a created file, a rename and a removal, new directories and a
+// rename between directories survive only once their directories are synced.
+TEST_F(PowerLossTest, NameOperationsNeedTheirDirectoriesSynced) {
+  for (const bool first : {false, true}) {
+    for (const bool second : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "first sync " << first << ", second sync " << second);
+      // A new file: first = file sync, second = directory sync.
+      ExpectAfterLoss(
+          {}, [&] { return CreateFile(P("new"), "content", first) && (!second || DirectorySync(dir().c_str())); },
+          PowerLoss::Drop, second ? DiskState{{"new", first ? "content" : ""}} : DiskState{});
+      // Across directories: first = source synced, second = target synced.
+      ExpectAfterLoss(
+          {{"a", "<dir>"}, {"b", "<dir>"}, {"a/x", "X"}},
           [&] {
-            QWFILE f;
-            if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
-            for (const Action &a : actions) {
-              const bool ok = a.kind == 0   ? Write(f, a.offset, a.bytes)
-                              : a.kind == 1 ? QWFileSetSize(f, a.offset) == 1
-                                            : QWFileSync(f) == 1;
-              if (!ok) return false;
-            }
-            return QWFileClose(f) == 1;
+            return FileRename(C("a/x"), C("b/y")) && (!first || DirectorySync(C("a"))) &&
+                   (!second || DirectorySync(C("b")));
           },
-          mode);
-      EXPECT_EQ(ReadFileBytes(P("f")), mode == PowerLoss::Drop ? durable : current);
+          PowerLoss::Drop, {{"a", "<dir>"}, {"b", "<dir>"}, {first && second ? "b/y" : "a/x", "X"}});
+      // New directories: first = top synced, second = "a" synced.
+      DiskState made;
+      if (first) made["a"] = "<dir>";
+      if (first && second) made.insert({{"a/b", "<dir>"}, {"a/b/f", "F"}});
+      ExpectAfterLoss(
+          {},
+          [&] {
+            return DirectoryCreate(C("a/b")) && CreateFile(P("a/b/f"), "F", true) && DirectorySync(C("a/b")) &&
+                   (!first || DirectorySync(dir().c_str())) && (!second || DirectorySync(C("a")));
+          },
+          PowerLoss::Drop, made);
     }
-  }
-}
-
-struct CreationCase {
-  bool fileSync;
-  bool dirSync;
-};
-
-TEST_F(PowerLossTest, CreatedFileNeedsDirectorySync) {
-  const CreationCase cases[] = {{false, false}, {true, false}, {false, true}, {true, true}};
-  for (const CreationCase &c : cases) {
-    SCOPED_TRACE(testing::Message() << "file sync " << c.fileSync << ", dir sync " << c.dirSync);
-    Clean();
-    RunThenLosePower(
-        [&] { return CreateFile(P("new"), "content", c.fileSync) && (!c.dirSync || DirectorySync(dir().c_str())); },
-        PowerLoss::Drop);
-    if (!c.dirSync)
-      EXPECT_EQ(State(), DiskState{});
-    else
-      EXPECT_EQ(State(), (DiskState{{"new", c.fileSync ? "content" : ""}}));
-  }
-}
-
-TEST_F(PowerLossTest, RenameAndRemoveWithoutDirectorySyncAreUndone) {
-  for (const bool dirSync : {false, true}) {
-    SCOPED_TRACE(dirSync ? "directory synced" : "directory not synced");
-    Clean();
-    WriteFileBytes(P("old"), "OLD");
-    WriteFileBytes(P("target"), "TGT");
-    WriteFileBytes(P("gone"), "GONE");
-    RunThenLosePower(
+    // A rename and a removal in one directory.
+    const DiskState before{{"old", "OLD"}, {"target", "TGT"}, {"gone", "GONE"}};
+    ExpectAfterLoss(
+        before,
         [&] {
-          return FileRename(P("old").c_str(), P("target").c_str()) && FileRemove(P("gone").c_str()) &&
-                 (!dirSync || DirectorySync(dir().c_str()));
+          return FileRename(C("old"), C("target")) && FileRemove(C("gone")) && (!first || DirectorySync(dir().c_str()));
         },
-        PowerLoss::Drop);
-    if (dirSync)
-      EXPECT_EQ(State(), (DiskState{{"target", "OLD"}}));
-    else
-      EXPECT_EQ(State(), (DiskState{{"old", "OLD"}, {"target", "TGT"}, {"gone", "GONE"}}));
+        PowerLoss::Drop, first ? DiskState{{"target", "OLD"}} : before);
   }
+  // The usual replace-by-rename commit without its final directory sync.
+  for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep})
+    ExpectAfterLoss(
+        {{"target", "TGT"}}, [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
+        mode, {{"target", mode == PowerLoss::Drop ? "TGT" : "NEW"}});
 }
-
-// The usual replace-by-rename commit without its final directory sync.
-TEST_F(PowerLossTest, AtomicReplaceWithoutDirectorySync) {
-  for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep}) {
-    Clean();
-    WriteFileBytes(P("target"), "TGT");
-    RunThenLosePower(
-        [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(P("tmp").c_str(), P("target").c_str()); }, mode);
-    EXPECT_EQ(State(), (DiskState{{"target", mode == PowerLoss::Drop ? "TGT" : "NEW"}}));
-  }
-}
-
-struct TwoDirCase {
-  bool syncSource;
-  bool syncTarget;
-};
-
-TEST_F(PowerLossTest, RenameAcrossDirectoriesNeedsBothSynced) {
-  const TwoDirCase cases[] = {{false, false}, {true, false}, {false, true}, {true, true}};
-  for (const TwoDirCase &c : cases) {
-    SCOPED_TRACE(testing::Message() << "source " << c.syncSource << ", target " << c.syncTarget);
-    Clean();
-    std::filesystem::create_directories(P("a"));
-    std::filesystem::create_directories(P("b"));
-    WriteFileBytes(P("a/x"), "X");
-    RunThenLosePower(
-        [&] {
-          return FileRename(P("a/x").c_str(), P("b/y").c_str()) && (!c.syncSource || DirectorySync(P("a").c_str())) &&
-                 (!c.syncTarget || DirectorySync(P("b").c_str()));
-        },
-        PowerLoss::Drop);
-    if (c.syncSource && c.syncTarget)
-      EXPECT_EQ(State(), (DiskState{{"a", "<dir>"}, {"b", "<dir>"}, {"b/y", "X"}}));
-    else
-      EXPECT_EQ(State(), (DiskState{{"a", "<dir>"}, {"a/x", "X"}, {"b", "<dir>"}}));
-  }
-}
-
-TEST_F(PowerLossTest, NewDirectoriesNeedTheirParentsSynced) {
-  const CreationCase cases[] = {{false, false}, {true, false}, {false, true}, {true, true}};
-  for (const CreationCase &c : cases) {  // fileSync: sync the top dir; dirSync: sync "a"
-    SCOPED_TRACE(testing::Message() << "top " << c.fileSync << ", a " << c.dirSync);
-    Clean();
-    RunThenLosePower(
-        [&] {
-          return DirectoryCreate(P("a/b").c_str()) && CreateFile(P("a/b/f"), "F", true) &&
-                 DirectorySync(P("a/b").c_str()) && (!c.fileSync || DirectorySync(dir().c_str())) &&
-                 (!c.dirSync || DirectorySync(P("a").c_str()));
-        },
-        PowerLoss::Drop);
-    DiskState expected;
-    if (c.fileSync) expected["a"] = "<dir>";
-    if (c.fileSync && c.dirSync) expected.insert({{"a/b", "<dir>"}, {"a/b/f", "F"}});
-    EXPECT_EQ(State(), expected);
-  }
-}
-
-struct MappedCase {
-  const char *name;
-  bool syncFirstPage;
-  bool unmap;
-  bool fileSync;
-};
 
 TEST_F(PowerLossTest, MappedWritesNeedASync) {
-  const MappedCase cases[] = {
-      {"map sync of the first page", true, false, false},
-      {"file sync covers the mapping", false, false, true},
-      {"unmapped, never synced", false, true, false},
-      {"unmapped, then file sync", false, true, true},
-  };
+  const struct {
+    bool syncFirstPage, unmap, fileSync;
+  } cases[] = {{true, false, false}, {false, false, true}, {false, true, false}, {false, true, true}};
   const size_t page = PageSize();
-  for (const MappedCase &c : cases) {
+  for (const auto &c : cases) {
     for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep}) {
-      SCOPED_TRACE(testing::Message() << c.name << (mode == PowerLoss::Drop ? ", drop" : ", keep"));
-      WriteFileBytes(P("m"), std::string(2 * page, 'x'));
-      RunThenLosePower(
+      SCOPED_TRACE(testing::Message() << c.syncFirstPage << c.unmap << c.fileSync);
+      const bool firstKept = mode == PowerLoss::Keep || c.syncFirstPage || c.fileSync;
+      const bool secondKept = mode == PowerLoss::Keep || c.fileSync;
+      ExpectAfterLoss(
+          {{"m", std::string(2 * page, 'x')}},
           [&] {
             QWFILE file;
-            if (!QWFileOpen(&file, P("m").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
-            auto *bytes = static_cast<char *>(FileMapSegment(file, 0, 2 * page, QW_MAP_READ | QW_MAP_WRITE));
+            char *bytes = Map(P("m"), 2 * page, &file);
             if (!bytes) return false;
             std::memset(bytes, 'y', page);
             if (c.syncFirstPage && !FileMapSync(bytes, page)) return false;
@@ -277,138 +180,96 @@ TEST_F(PowerLossTest, MappedWritesNeedASync) {
             if (c.unmap && !FileUnmap(bytes, 2 * page)) return false;
             return !c.fileSync || QWFileSync(file);
           },
-          mode);
-      const bool firstKept = mode == PowerLoss::Keep || c.syncFirstPage || c.fileSync;
-      const bool secondKept = mode == PowerLoss::Keep || c.fileSync;
-      EXPECT_EQ(ReadFileBytes(P("m")),
-                std::string(page, firstKept ? 'y' : 'x') + std::string(page, secondKept ? 'z' : 'x'));
+          mode, {{"m", std::string(page, firstKept ? 'y' : 'x') + std::string(page, secondKept ? 'z' : 'x')}});
     }
   }
-}
-
-// What Garble made of a range that had pending new bytes.
-enum class Outcome { Kept, Dropped, Garbled };
-
-Outcome Classify(const std::string &after, const std::string &before, const std::string &written) {
-  if (after == written) return Outcome::Kept;
-  return after == before ? Outcome::Dropped : Outcome::Garbled;
 }
 
 // Garble touches pending ranges only, reproducibly for a seed, and over a
-// few seeds keeps, drops and garbles some of them.
+// few seeds keeps, drops and garbles some of them: pending writes of a file,
+// and the changed span of each page of a mapping.
 TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
-  constexpr int kRanges = 24;
-  constexpr size_t kLength = 64, kStride = 600, kSyncedAt = 15000;
+  enum Outcome { Kept, Dropped, Garbled };
+  constexpr int kRanges = 24, kPages = 4;
+  constexpr size_t kLength = 64, kStride = 600, kSyncedAt = 15000, kMapAt = 50, kMapLength = 100;
+  const size_t page = PageSize();
   std::string original(16384, '\0');
   for (size_t i = 0; i < original.size(); ++i) original[i] = char('0' + i % 10);
   const std::string synced(kLength, 'S');
-  const auto pending = [](int i) { return std::string(kLength, char('A' + i)); };
-  const auto workload = [&] {
-    QWFILE f;
-    if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE) || !Write(f, kSyncedAt, synced) || !QWFileSync(f))
-      return false;
-    for (int i = 0; i < kRanges; ++i)
-      if (!Write(f, i * kStride, pending(i))) return false;
-    return QWFileClose(f) == 1;
+  const struct {
+    const char *name;  // also the file's name
+    std::string original;
+    int ranges;
+    std::function<size_t(int)> at;
+    size_t length;
+    Workload workload;
+  } kinds[] = {
+      {"f", original, kRanges, [](int i) { return i * kStride; }, kLength,
+       [&] {
+         QWFILE f;
+         if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE) || !Write(f, kSyncedAt, synced) ||
+             !QWFileSync(f))
+           return false;
+         for (int i = 0; i < kRanges; ++i)
+           if (!Write(f, i * kStride, std::string(kLength, char('A' + i)))) return false;
+         return QWFileClose(f) == 1;
+       }},
+      {"m", std::string(kPages * page, 'x'), kPages, [&](int p) { return p * page + kMapAt; }, kMapLength,
+       [&] {
+         QWFILE file;
+         char *bytes = Map(P("m"), kPages * page, &file);
+         for (int p = 0; bytes && p < kPages; ++p) std::memset(bytes + p * page + kMapAt, 'A' + p, kMapLength);
+         return bytes != nullptr;
+       }},
   };
-  std::map<Outcome, int> outcomes;
-  for (uint64_t seed = 1; seed <= 6; ++seed) {
-    SCOPED_TRACE(testing::Message() << "seed " << seed);
-    WriteFileBytes(P("f"), original);
-    RunThenLosePower(workload, PowerLoss::Garble, seed);
-    const std::string after = ReadFileBytes(P("f"));
-    ASSERT_EQ(after.size(), original.size());
-    std::string expected = original;  // with the pending ranges copied from `after`
-    expected.replace(kSyncedAt, kLength, synced);
-    for (int i = 0; i < kRanges; ++i) {
-      const size_t at = i * kStride;
-      outcomes[Classify(after.substr(at, kLength), original.substr(at, kLength), pending(i))]++;
-      expected.replace(at, kLength, after.substr(at, kLength));
+  for (const auto &kind : kinds) {
+    std::map<Outcome, int> outcomes;
+    for (uint64_t seed = 1; seed <= 6; ++seed) {
+      SCOPED_TRACE(testing::Message() << kind.name << ", seed " << seed);
+      RunThenLosePower({{kind.name, kind.original}}, kind.workload, PowerLoss::Garble, seed);
+      const std::string after = ReadFileBytes(P(kind.name));
+      ASSERT_EQ(after.size(), kind.original.size());
+      std::string expected = kind.original;  // with the pending ranges copied from `after`
+      if (kind.ranges == kRanges) expected.replace(kSyncedAt, kLength, synced);  // the file's synced write
+      for (int i = 0; i < kind.ranges; ++i) {
+        const std::string range = after.substr(kind.at(i), kind.length);
+        outcomes[range == std::string(kind.length, char('A' + i))        ? Kept
+                 : range == kind.original.substr(kind.at(i), kind.length) ? Dropped
+                                                                          : Garbled]++;
+        expected.replace(kind.at(i), kind.length, range);
+      }
+      EXPECT_EQ(after, expected);
+      RunThenLosePower({{kind.name, kind.original}}, kind.workload, PowerLoss::Garble, seed);
+      EXPECT_EQ(ReadFileBytes(P(kind.name)), after) << "same seed, different result";
     }
-    EXPECT_EQ(after, expected);
-
-    WriteFileBytes(P("f"), original);
-    RunThenLosePower(workload, PowerLoss::Garble, seed);
-    EXPECT_EQ(ReadFileBytes(P("f")), after) << "same seed, different result";
+    EXPECT_TRUE(outcomes[Kept] && outcomes[Dropped] && outcomes[Garbled]) << kind.name;
   }
-  EXPECT_GT(outcomes[Outcome::Kept], 0);
-  EXPECT_GT(outcomes[Outcome::Dropped], 0);
-  EXPECT_GT(outcomes[Outcome::Garbled], 0);
 }
-
-// For mappings the unit is the changed span of each page.
-TEST_F(PowerLossTest, GarbleOfMappedPages) {
-  constexpr int kPages = 4;
-  constexpr size_t kAt = 50, kLength = 100;
-  const size_t page = PageSize();
-  const std::string original(kPages * page, 'x');
-  std::map<Outcome, int> outcomes;
-  for (uint64_t seed = 1; seed <= 6; ++seed) {
-    SCOPED_TRACE(testing::Message() << "seed " << seed);
-    WriteFileBytes(P("m"), original);
-    RunThenLosePower(
-        [&] {
-          QWFILE file;
-          if (!QWFileOpen(&file, P("m").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
-          auto *bytes = static_cast<char *>(FileMapSegment(file, 0, kPages * page, QW_MAP_READ | QW_MAP_WRITE));
-          if (!bytes) return false;
-          for (int p = 0; p < kPages; ++p) std::memset(bytes + p * page + kAt, 'A' + p, kLength);
-          return true;
-        },
-        PowerLoss::Garble, seed);
-    const std::string after = ReadFileBytes(P("m"));
-    ASSERT_EQ(after.size(), original.size());
-    std::string expected = original;
-    for (int p = 0; p < kPages; ++p) {
-      const size_t at = p * page + kAt;
-      outcomes[Classify(after.substr(at, kLength), original.substr(at, kLength),
-                        std::string(kLength, char('A' + p)))]++;
-      expected.replace(at, kLength, after.substr(at, kLength));
-    }
-    EXPECT_EQ(after, expected);
-  }
-  EXPECT_GT(outcomes[Outcome::Kept], 0);
-  EXPECT_GT(outcomes[Outcome::Dropped], 0);
-  EXPECT_GT(outcomes[Outcome::Garbled], 0);
-}
-
-struct NameScenario {
-  const char *name;
-  DiskState before;
-  std::function<bool(const PowerLossTest &)> workload;
-  std::set<DiskState> allowed;  // the states some prefix of the operations leaves
-};
 
 // Garbled name operations stay consistent: an operation on a name that a
 // lost operation produced is lost too, so every outcome is the state after
 // some prefix of the operations.
 TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
-  const NameScenario scenarios[] = {
-      {"create then rename over a file",
-       {{"target", "OLD"}},
-       [](const PowerLossTest &t) {
-         return CreateFile(t.P("tmp"), "NEW", true) && FileRename(t.P("tmp").c_str(), t.P("target").c_str());
-       },
+  const struct {
+    DiskState before;
+    Workload workload;
+    std::set<DiskState> allowed;  // the states some prefix of the operations leaves
+  } scenarios[] = {
+      {{{"target", "OLD"}},  // create then rename over a file
+       [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
        {{{"target", "OLD"}}, {{"target", "OLD"}, {"tmp", "NEW"}}, {{"target", "NEW"}}}},
-      {"chained renames",
-       {{"a", "A"}, {"b", "B"}},
-       [](const PowerLossTest &t) {
-         return FileRename(t.P("a").c_str(), t.P("b").c_str()) && FileRename(t.P("b").c_str(), t.P("c").c_str());
-       },
+      {{{"a", "A"}, {"b", "B"}},  // chained renames
+       [&] { return FileRename(C("a"), C("b")) && FileRename(C("b"), C("c")); },
        {{{"a", "A"}, {"b", "B"}}, {{"b", "A"}}, {{"c", "A"}}}},
   };
-  for (const NameScenario &scenario : scenarios) {
+  for (const auto &scenario : scenarios) {
     std::set<DiskState> seen;
     for (uint64_t seed = 0; seed < 24; ++seed) {
-      SCOPED_TRACE(testing::Message() << scenario.name << ", seed " << seed);
-      Clean();
-      for (const auto &[name, content] : scenario.before) WriteFileBytes(P(name), content);
-      RunThenLosePower([&] { return scenario.workload(*this); }, PowerLoss::Garble, seed);
-      const DiskState state = State();
-      EXPECT_TRUE(scenario.allowed.count(state)) << testing::PrintToString(state);
-      seen.insert(state);
+      RunThenLosePower(scenario.before, scenario.workload, PowerLoss::Garble, seed);
+      EXPECT_TRUE(scenario.allowed.count(State())) << "seed " << seed << testing::PrintToString(State());
+      seen.insert(State());
     }
-    EXPECT_EQ(seen, scenario.allowed) << scenario.name;
+    EXPECT_EQ(seen, scenario.allowed);
   }
 }
 
@@ -418,9 +279,9 @@ TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
 bool CommitVersions(const std::string &dir, int stopAfterSyncs) {
   int syncs = 0;
   const auto stop = [&] { return ++syncs == stopAfterSyncs; };
-  const std::string data = dir + "/data", tmp = dir + "/data.new", counterPath = dir + "/counter";
+  const std::string data = dir + "/data", tmp = dir + "/data.new";
   QWFILE counterFile;
-  if (!QWFileOpen(&counterFile, counterPath.c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
+  if (!QWFileOpen(&counterFile, (dir + "/counter").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
   for (int version = 1; version <= 3; ++version) {
     QWChannel *channel = ChannelNew(16);
     const std::string text = "version " + std::to_string(version) + std::string(size_t(version) * 20, '+');
@@ -443,69 +304,40 @@ bool CommitVersions(const std::string &dir, int stopAfterSyncs) {
 // Crashing at every sync of the workload leaves exactly the state that a
 // clean stop after some earlier sync leaves, and never goes backwards.
 TEST_F(PowerLossTest, CrashAtEverySyncLeavesASyncedPrefix) {
-  const auto setUp = [&] {
-    Clean();
-    WriteFileBytes(P("data"), "version 0");
-    WriteFileBytes(P("counter"), std::string(PageSize(), '0'));
-  };
-  setUp();
-  const qwtest::ChildResult counting = qwtest::RunInChild([&] {
-    fault::Reset();
-    const int completed = CommitVersions(dir(), 0) ? 1 : 0;
-    std::printf("%d %llu", completed, (unsigned long long)fault::SyncCount());
-  });
-  int completed = 0;
-  unsigned long long syncCount = 0;
-  ASSERT_EQ(std::sscanf(counting.out.c_str(), "%d %llu", &completed, &syncCount), 2) << counting.out;
-  ASSERT_EQ(completed, 1);
+  const DiskState initial{{"data", "version 0"}, {"counter", std::string(PageSize(), '0')}};
+  const Workload commit = [&] { return CommitVersions(dir(), 0); };
+  Start(initial);
+  const qwtest::PowerLossRun counting = qwtest::PowerLossChild(0, {PowerLoss::Keep}, nullptr, commit, false);
+  ASSERT_EQ(counting.status, 2) << counting.out;
+  const uint64_t syncCount = counting.syncs;
   ASSERT_EQ(syncCount, 9u);
 
   std::vector<DiskState> prefixes;  // prefixes[k]: clean stop after k syncs
-  for (unsigned long long k = 0; k <= syncCount; ++k) {
-    setUp();
-    if (k > 0) {
-      const qwtest::ChildResult child = qwtest::RunInChild([&] { _exit(CommitVersions(dir(), int(k)) ? 0 : 3); });
-      ASSERT_EQ(child.exitStatus, 0);
-    }
+  for (uint64_t k = 0; k <= syncCount; ++k) {
+    Start(initial);
+    ASSERT_EQ(k == 0 ? 0 : qwtest::RunInChild([&] { _exit(CommitVersions(dir(), int(k)) ? 0 : 3); }).exitStatus, 0);
     prefixes.push_back(State());
   }
-
+  std::set<std::string> versions;
+  for (const DiskState &state : prefixes) versions.insert(state.at("data"));
   size_t previous = 0;
-  for (unsigned long long n = 1; n <= syncCount; ++n) {
+  for (uint64_t n = 1; n <= syncCount; ++n) {
     SCOPED_TRACE(testing::Message() << "crash at sync " << n);
-    setUp();
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      fault::Reset();
-      fault::CrashAtSync(n, PowerLoss::Drop);
-      _exit(CommitVersions(dir(), 0) ? 0 : 3);
-    });
-    ASSERT_TRUE(child.exited);
-    ASSERT_EQ(child.exitStatus, 1) << "the crash did not happen";
-    const DiskState state = State();
-    const auto found = std::find(prefixes.begin(), prefixes.end(), state);
-    ASSERT_NE(found, prefixes.end()) << testing::PrintToString(state);
+    Start(initial);
+    ASSERT_EQ(qwtest::PowerLossChild(n, {PowerLoss::Drop}, nullptr, commit, false).status, 1) << "no crash";
+    const auto found = std::find(prefixes.begin(), prefixes.end(), State());
+    ASSERT_NE(found, prefixes.end()) << testing::PrintToString(State());
     const size_t index = size_t(found - prefixes.begin());
     EXPECT_LT(index, n);  // the crashing sync itself never completed
     EXPECT_GE(index, previous);
     previous = index;
-  }
-
-  // Garbled crashes may keep any pending part, but "data" is always one
-  // whole committed version.
-  std::set<std::string> versions;
-  for (const DiskState &state : prefixes) versions.insert(state.at("data"));
-  for (unsigned long long n = 1; n <= syncCount; ++n) {
+    // Garbled crashes may keep any pending part, but "data" is always one
+    // whole committed version.
     for (uint64_t seed = 1; seed <= 3; ++seed) {
-      SCOPED_TRACE(testing::Message() << "garbled crash at sync " << n << ", seed " << seed);
-      setUp();
-      const qwtest::ChildResult child = qwtest::RunInChild([&] {
-        fault::Reset();
-        fault::CrashAtSync(n, PowerLoss::Garble, seed);
-        _exit(CommitVersions(dir(), 0) ? 0 : 3);
-      });
-      ASSERT_EQ(child.exitStatus, 1);
-      EXPECT_TRUE(versions.count(ReadFileBytes(P("data")))) << ReadFileBytes(P("data"));
-      for (const auto &[name, content] : State()) EXPECT_EQ(name.find(".qwfault-backup-"), std::string::npos);
+      Start(initial);
+      ASSERT_EQ(qwtest::PowerLossChild(n, {PowerLoss::Garble, seed}, nullptr, commit, false).status, 1);
+      EXPECT_TRUE(versions.count(ReadFileBytes(P("data")))) << "seed " << seed << ": " << ReadFileBytes(P("data"));
+      for (const auto &entry : State()) EXPECT_EQ(entry.first.find(".qwfault-backup-"), std::string::npos);
     }
   }
 }

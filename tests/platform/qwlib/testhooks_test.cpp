@@ -15,19 +15,15 @@ class TestHooks : public qwtest::TempDirTest {
 };
 
 TEST_F(TestHooks, CrashStopFiresOnlyForItsNameAndDirectory) {
-  struct Case {
-    const char *exit;
-    const char *vmExit;
+  const struct {
+    const char *exit, *vmExit;
     bool crashes;
-  };
-  const Case cases[] = {
-      {"arenaflushexec1", "/vm/a", true},
-      {"arenaflushexec1", "/vm/b", false},  // another arena
+  } cases[] = {
+      {"arenaflushexec1", "/vm/a", true},   {"arenaflushexec1", "/vm/b", false},  // another arena
       {"arenaflushexec2", "/vm/a", false},  // another stop
-      {"arenaflushexec1", nullptr, false},
-      {nullptr, "/vm/a", false},
+      {"arenaflushexec1", nullptr, false},  {nullptr, "/vm/a", false},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     auto result = qwtest::RunInChild([&] {
       QWSetEnvironmentVariable("QWEXIT", c.exit);
       QWSetEnvironmentVariable("QWVMEXIT", c.vmExit);
@@ -35,45 +31,37 @@ TEST_F(TestHooks, CrashStopFiresOnlyForItsNameAndDirectory) {
       std::printf("survived\n");
     });
     ASSERT_TRUE(result.exited);
-    if (c.crashes) {
-      EXPECT_EQ(result.exitStatus, 1);
-      EXPECT_EQ(result.out, "########## SIMULATED CRASH vm = /vm/a, stop = arenaflushexec1\n");
-    } else {
-      EXPECT_EQ(result.exitStatus, 0);
-      EXPECT_EQ(result.out, "survived\n");
-    }
+    EXPECT_EQ(result.exitStatus, c.crashes ? 1 : 0);
+    EXPECT_EQ(result.out, c.crashes ? "########## SIMULATED CRASH vm = /vm/a, stop = arenaflushexec1\n" : "survived\n");
   }
 }
 
-TEST_F(TestHooks, ForcedErrorWithoutFuzzAlwaysFailsTheNamedFunction) {
+// Without QWRETURNFALSEFUZZ (or with 0, counted as 1) the named function
+// always fails; with N, about one call in N.
+TEST_F(TestHooks, ForcedErrorFailsTheNamedFunction) {
   QWSetEnvironmentVariable("QWRETURNFALSE", "VMArenaCommit");
   EXPECT_EQ(QWForcedError("VMArenaFlushExec", 2, 0), 0);
   EXPECT_FALSE(QWErrorIsSet());
-  for (int i = 0; i < 10; ++i) {
-    ASSERT_EQ(QWForcedError("VMArenaCommit", 2, 0), 1);
-    EXPECT_EQ(QWErrorCode(), 2);
-    EXPECT_STREQ(QWErrorMessage(), "forced error in VMArenaCommit");
-    QWErrorClear();
+  for (const char *fuzz : {static_cast<const char *>(nullptr), "0"}) {
+    QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", fuzz);
+    for (int i = 0; i < 10; ++i) {
+      ASSERT_EQ(QWForcedError("VMArenaCommit", 2, 0), 1);
+      EXPECT_EQ(QWErrorCode(), 2);
+      EXPECT_STREQ(QWErrorMessage(), "forced error in VMArenaCommit");
+      QWErrorClear();
+    }
   }
-  QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", "0");  // 0 counts as 1
-  EXPECT_EQ(QWForcedError("VMArenaCommit", 2, 0), 1);
-  QWErrorClear();
-}
-
-TEST_F(TestHooks, ForcedErrorWithFuzzFailsAboutOneCallInN) {
   QWSetEnvironmentVariable("QWRETURNFALSE", "BoxLVMDataBlockWrite");
   QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", "3");
   std::srand(7);
   int failures = 0;
   for (int i = 0; i < 3000; ++i) {
-    if (QWForcedError("BoxLVMDataBlockWrite", 0, QW_ERROR_CLASS_SYSTEM)) {
-      ++failures;
-      EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
-      QWErrorClear();
-    }
+    if (!QWForcedError("BoxLVMDataBlockWrite", 0, QW_ERROR_CLASS_SYSTEM)) continue;
+    ++failures;
+    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
+    QWErrorClear();
   }
-  EXPECT_GT(failures, 800);
-  EXPECT_LT(failures, 1200);
+  EXPECT_TRUE(failures > 800 && failures < 1200) << failures;
 }
 
 }  // namespace

@@ -1,24 +1,17 @@
 // Status files: round trips against a std::map model, the exact text
 // layout, missing and garbled files, the status.new recovery rule, injected
-// I/O failures, and crashes (SIGKILL and simulated power loss) that must
-// leave the old or the new file, never a torn one.
-#include <signal.h>
-#include <sys/types.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
+// I/O failures, and power lost at each sync of a write, which must leave the
+// old or the new file, never a torn one.
 #include <cstdio>
 #include <map>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace {
+
+using Parameters = std::map<uint32_t, uint64_t>;
+using qwtest::ReadFileBytes;
+using qwtest::WriteFileBytes;
 
 // CRC-32C computed bit by bit, independent of the library's table version.
 uint32_t ReferenceCrc32c(const std::string &bytes) {
@@ -30,23 +23,18 @@ uint32_t ReferenceCrc32c(const std::string &bytes) {
   return ~crc;
 }
 
-std::string ExpectedFile(const std::map<uint32_t, uint64_t> &parameters) {
+// `text` followed by its end line ("end <count> <crc>"), the checksum in
+// `crcFormat`.
+std::string WithEnd(const std::string &text, size_t count, const char *crcFormat = "%08x") {
+  char crc[16];
+  std::snprintf(crc, sizeof crc, crcFormat, ReferenceCrc32c(text));
+  return text + "end " + std::to_string(count) + " " + crc + "\n";
+}
+
+std::string ExpectedFile(const Parameters &parameters) {
   std::string text = "qwvm status 1\n";
   for (const auto &[number, value] : parameters) text += std::to_string(number) + " " + std::to_string(value) + "\n";
-  char end[64];
-  std::snprintf(end, sizeof end, "end %zu %08x\n", parameters.size(), ReferenceCrc32c(text));
-  return text + end;
-}
-
-int CollectParameter(void *context, uint32_t number, uint64_t value) {
-  (*static_cast<std::map<uint32_t, uint64_t> *>(context))[number] = value;
-  return 1;
-}
-
-std::map<uint32_t, uint64_t> Parameters(const QWStatus *status) {
-  std::map<uint32_t, uint64_t> all;
-  EXPECT_EQ(StatusEnumerate(status, CollectParameter, &all), 1);
-  return all;
+  return WithEnd(text, parameters.size());
 }
 
 struct StatusDeleter {
@@ -54,30 +42,54 @@ struct StatusDeleter {
 };
 using StatusPtr = std::unique_ptr<QWStatus, StatusDeleter>;
 
-class StatusTest : public qwtest::TempDirTest {
+Parameters All(const StatusPtr &status) {
+  Parameters all;
+  auto collect = [](void *context, uint32_t number, uint64_t value) {
+    (*static_cast<Parameters *>(context))[number] = value;
+    return 1;
+  };
+  EXPECT_EQ(StatusEnumerate(status.get(), collect, &all), 1);
+  return all;
+}
+
+class StatusTest : public qwtest::FaultTempDirTest {
  protected:
-  void TearDown() override {
-    qw::fault::Disable();
-    qwtest::TempDirTest::TearDown();
-  }
-  void Write(const std::map<uint32_t, uint64_t> &parameters) {
+  // Removes the status and any leftover, then writes `parameters` unless empty.
+  void Start(const Parameters &parameters) {
+    FileRemove(path("status").c_str());
+    FileRemove(path("status.new").c_str());
+    QWErrorClear();
+    if (parameters.empty()) return;
     StatusPtr status(StatusNew());
     for (const auto &[number, value] : parameters) ASSERT_EQ(StatusSetParameter(status.get(), number, value), 1);
     ASSERT_EQ(StatusWrite(status.get(), dir().c_str()), 1) << QWErrorMessage();
   }
+  StatusPtr Read() { return StatusPtr(StatusRead(dir().c_str())); }
+  void ExpectMalformed(const std::string &label) {
+    QWErrorClear();
+    EXPECT_EQ(Read(), nullptr) << label;
+    EXPECT_TRUE(qwtest::HasDataError()) << label;
+    EXPECT_TRUE(qwtest::HasError(74, "malformed status file \"" + dir() + "/status\": ", qwtest::Match::Prefix))
+        << label;
+  }
 };
 
-TEST(CrcReference, KnownCheckValue) { EXPECT_EQ(ReferenceCrc32c("123456789"), 0xE3069283u); }
-
 TEST_F(StatusTest, RoundTripMatchesModelAndExactText) {
+  ASSERT_EQ(ReferenceCrc32c("123456789"), 0xE3069283u);  // the reference itself
   std::mt19937_64 random(5);
-  std::map<uint32_t, uint64_t> model;
+  Parameters model;
   StatusPtr status(StatusNew());
   ASSERT_NE(status, nullptr);
   EXPECT_EQ(StatusGetParameter(status.get(), 99), 0u);
-  ASSERT_EQ(StatusWrite(status.get(), dir().c_str()), 1) << QWErrorMessage();
-  EXPECT_EQ(qwtest::ReadFileBytes(path("status")), ExpectedFile({}));
   for (int round = 0; round < 40; ++round) {
+    ASSERT_EQ(StatusWrite(status.get(), dir().c_str()), 1) << QWErrorMessage();
+    EXPECT_EQ(ReadFileBytes(path("status")), ExpectedFile(model));
+    EXPECT_FALSE(FileExists(path("status.new").c_str()));
+    StatusPtr back = Read();
+    ASSERT_NE(back, nullptr) << QWErrorMessage();
+    EXPECT_EQ(All(back), model);
+    for (const auto &[number, value] : model) EXPECT_EQ(StatusGetParameter(back.get(), number), value);
+    EXPECT_EQ(StatusGetParameter(back.get(), 12345678u), model.count(12345678u) ? model[12345678u] : 0u);
     for (int k = 0; k < 5; ++k) {
       uint32_t number = round % 3 == 0 ? uint32_t(random() % 200) : uint32_t(random());
       uint64_t value = random() % 4 == 0 ? 0 : random();
@@ -85,246 +97,147 @@ TEST_F(StatusTest, RoundTripMatchesModelAndExactText) {
       ASSERT_EQ(StatusSetParameter(status.get(), number, value), 1);
       model[number] = value;
     }
-    ASSERT_EQ(StatusWrite(status.get(), dir().c_str()), 1) << QWErrorMessage();
-    EXPECT_EQ(qwtest::ReadFileBytes(path("status")), ExpectedFile(model));
-    EXPECT_FALSE(FileExists(path("status.new").c_str()));
-    StatusPtr back(StatusRead(dir().c_str()));
-    ASSERT_NE(back, nullptr) << QWErrorMessage();
-    EXPECT_EQ(Parameters(back.get()), model);
-    for (const auto &[number, value] : model) EXPECT_EQ(StatusGetParameter(back.get(), number), value);
-    EXPECT_EQ(StatusGetParameter(back.get(), 12345678u), model.count(12345678u) ? model[12345678u] : 0u);
   }
 }
 
-TEST_F(StatusTest, MissingFileIsCodeTwo) {
+TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
+  EXPECT_EQ(Read(), nullptr);
+  EXPECT_TRUE(qwtest::HasExactError(2, "no status file in \"" + dir() + "\""));
+  auto ExpectEmptyWhenMissingOk = [&] {
+    StatusPtr empty(StatusRead_(dir().c_str(), STATUS_READ_MISSING_OK));
+    ASSERT_NE(empty, nullptr);
+    EXPECT_TRUE(All(empty).empty());
+  };
   QWErrorClear();
-  EXPECT_EQ(StatusRead(dir().c_str()), nullptr);
-  EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_EQ(std::string(QWErrorMessage()), "no status file in \"" + dir() + "\"");
-
-  StatusPtr empty(StatusRead_(dir().c_str(), STATUS_READ_MISSING_OK));
-  ASSERT_NE(empty, nullptr);
-  EXPECT_TRUE(Parameters(empty.get()).empty());
+  ExpectEmptyWhenMissingOk();
   EXPECT_FALSE(QWErrorIsSet());
-
   EXPECT_EQ(StatusRead((dir() + "/no/such/dir").c_str()), nullptr);
   EXPECT_EQ(QWErrorCode(), 2);
-  StatusPtr status(StatusNew());
-  EXPECT_EQ(StatusWrite(status.get(), (dir() + "/no/such/dir").c_str()), 0);
+  EXPECT_EQ(StatusWrite(StatusPtr(StatusNew()).get(), (dir() + "/no/such/dir").c_str()), 0);
   EXPECT_TRUE(QWErrorIsSet());
-}
 
-void ExpectMalformed(const std::string &dir, const std::string &label) {
-  QWErrorClear();
-  StatusPtr status(StatusRead(dir.c_str()));
-  EXPECT_EQ(status, nullptr) << label;
-  EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA) << label << ": " << QWErrorMessage();
-  EXPECT_EQ(QWErrorCode(), 74) << label;
-  EXPECT_EQ(std::string(QWErrorMessage()).rfind("malformed status file \"" + dir + "/status\": ", 0), 0u)
-      << label << ": " << QWErrorMessage();
+  // A complete status.new without status: the rename was lost, use it.
+  Start({{5, 50}});
+  ASSERT_EQ(FileRename(path("status").c_str(), path("status.new").c_str()), 1);
+  StatusPtr recovered = Read();
+  ASSERT_NE(recovered, nullptr) << QWErrorMessage();
+  EXPECT_EQ(StatusGetParameter(recovered.get(), 5), 50u);
+  // An incomplete one without status: the first write never finished.
+  const std::string complete = ReadFileBytes(path("status.new"));
+  WriteFileBytes(path("status.new"), complete.substr(0, complete.size() - 3));
+  EXPECT_EQ(Read(), nullptr);
+  EXPECT_EQ(QWErrorCode(), 2);
+  ExpectEmptyWhenMissingOk();
+  // Beside a status, a leftover status.new (complete or not) is ignored.
+  Start({{5, 51}});
+  WriteFileBytes(path("status.new"), complete);
+  StatusPtr current = Read();
+  ASSERT_NE(current, nullptr);
+  EXPECT_EQ(StatusGetParameter(current.get(), 5), 51u);
 }
 
 TEST_F(StatusTest, GarbledFilesAreRejected) {
-  const std::string body = "qwvm status 1\n7 70\n9 90\n";
-  auto withEnd = [](const std::string &text, size_t count) {
-    char end[64];
-    std::snprintf(end, sizeof end, "end %zu %08x\n", count, ReferenceCrc32c(text));
-    return text + end;
-  };
-  struct Case {
-    const char *label;
-    std::string content;
-  };
-  const Case cases[] = {
-      {"empty file", ""},
-      {"other format", withEnd("qwvm status 2\n", 0)},
-      {"no end line", body},
-      {"end without newline", withEnd(body, 2).substr(0, withEnd(body, 2).size() - 1)},
-      {"wrong count", withEnd(body, 3)},
-      {"wrong checksum", body + "end 2 00000000\n"},
-      {"upper-case checksum", body + "end 2 " + [&] {
-         char crc[9];
-         std::snprintf(crc, sizeof crc, "%08X", ReferenceCrc32c(body));
-         return std::string(crc);
-       }() + "\n"},
-      {"data after end", withEnd(body, 2) + "x"},
-      {"out of order", withEnd("qwvm status 1\n9 90\n7 70\n", 2)},
-      {"duplicate", withEnd("qwvm status 1\n7 70\n7 71\n", 2)},
-      {"number too large", withEnd("qwvm status 1\n4294967296 1\n", 1)},
-      {"value too large", withEnd("qwvm status 1\n1 18446744073709551616\n", 1)},
-      {"negative value", withEnd("qwvm status 1\n1 -1\n", 1)},
-      {"three fields", withEnd("qwvm status 1\n1 2 3\n", 1)},
-      {"blank line", withEnd("qwvm status 1\n\n", 0)},
-      {"hex value", withEnd("qwvm status 1\n1 0x10\n", 1)},
+  const std::string body = "qwvm status 1\n7 70\n9 90\n", whole = WithEnd(body, 2);
+  const std::pair<const char *, std::string> cases[] = {
+      {"other format", WithEnd("qwvm status 2\n", 0)},
+      {"wrong count", WithEnd(body, 3)},
+      {"upper-case checksum", WithEnd(body, 2, "%08X")},
+      {"data after end", whole + "x"},
+      {"out of order", WithEnd("qwvm status 1\n9 90\n7 70\n", 2)},
+      {"duplicate", WithEnd("qwvm status 1\n7 70\n7 71\n", 2)},
+      {"number too large", WithEnd("qwvm status 1\n4294967296 1\n", 1)},
+      {"value too large", WithEnd("qwvm status 1\n1 18446744073709551616\n", 1)},
+      {"negative value", WithEnd("qwvm status 1\n1 -1\n", 1)},
+      {"three fields", WithEnd("qwvm status 1\n1 2 3\n", 1)},
+      {"blank line", WithEnd("qwvm status 1\n\n", 0)},
+      {"hex value", WithEnd("qwvm status 1\n1 0x10\n", 1)},
       {"binary garbage", std::string("\0\xff\x10qwvm", 7)},
   };
-  for (const Case &c : cases) {
-    qwtest::WriteFileBytes(path("status"), c.content);
-    ExpectMalformed(dir(), c.label);
+  for (const auto &[label, content] : cases) {
+    WriteFileBytes(path("status"), content);
+    ExpectMalformed(label);
   }
-  // Every single flipped bit and every truncation of a valid file is caught.
-  Write({{1, 11}, {98, 4}, {99, 1}, {4000000000u, 18446744073709551615ull}});
-  const std::string valid = qwtest::ReadFileBytes(path("status"));
+  // Every single flipped bit and every truncation of a valid file (so an
+  // empty file, a missing end line or newline, a wrong checksum) is caught.
+  Start({{1, 11}, {98, 4}, {99, 1}, {4000000000u, 18446744073709551615ull}});
+  const std::string valid = ReadFileBytes(path("status"));
   for (size_t i = 0; i < valid.size(); ++i) {
     for (int bit = 0; bit < 8; ++bit) {
       std::string garbled = valid;
       garbled[i] = char(garbled[i] ^ (1 << bit));
-      qwtest::WriteFileBytes(path("status"), garbled);
-      ExpectMalformed(dir(), "bit " + std::to_string(bit) + " of byte " + std::to_string(i));
+      WriteFileBytes(path("status"), garbled);
+      ExpectMalformed("bit " + std::to_string(bit) + " of byte " + std::to_string(i));
     }
-    qwtest::WriteFileBytes(path("status"), valid.substr(0, i));
-    ExpectMalformed(dir(), "cut at " + std::to_string(i));
+    WriteFileBytes(path("status"), valid.substr(0, i));
+    ExpectMalformed("cut at " + std::to_string(i));
   }
-}
-
-TEST_F(StatusTest, LeftoverStatusNewFollowsTheRecoveryRule) {
-  // A complete status.new without status: the rename was lost, use it.
-  Write({{5, 50}});
-  ASSERT_EQ(FileRename(path("status").c_str(), path("status.new").c_str()), 1);
-  StatusPtr recovered(StatusRead(dir().c_str()));
-  ASSERT_NE(recovered, nullptr) << QWErrorMessage();
-  EXPECT_EQ(StatusGetParameter(recovered.get(), 5), 50u);
-
-  // An incomplete one without status: the first write never finished.
-  const std::string complete = qwtest::ReadFileBytes(path("status.new"));
-  qwtest::WriteFileBytes(path("status.new"), complete.substr(0, complete.size() - 3));
-  EXPECT_EQ(StatusRead(dir().c_str()), nullptr);
-  EXPECT_EQ(QWErrorCode(), 2);
-  StatusPtr empty(StatusRead_(dir().c_str(), STATUS_READ_MISSING_OK));
-  ASSERT_NE(empty, nullptr);
-  EXPECT_TRUE(Parameters(empty.get()).empty());
-
-  // Beside a status, a leftover status.new (complete or not) is ignored.
-  Write({{5, 51}});
-  qwtest::WriteFileBytes(path("status.new"), complete);
-  StatusPtr current(StatusRead(dir().c_str()));
-  ASSERT_NE(current, nullptr);
-  EXPECT_EQ(StatusGetParameter(current.get(), 5), 51u);
 }
 
 // Each file operation of a write failing in turn: the write reports it and
 // the previous status stays readable and unchanged.
 TEST_F(StatusTest, InjectedFailuresLeaveOldStatus) {
-  Write({{1, 100}});
-  qw::fault::Reset();
   StatusPtr next(StatusNew());
   ASSERT_EQ(StatusSetParameter(next.get(), 1, 200), 1);
-  ASSERT_EQ(StatusWrite(next.get(), dir().c_str()), 1);
-  const uint64_t operations = qw::fault::OperationCount();
-  ASSERT_GE(operations, 5u);  // open, write, sync, close, rename, dirsync
-  Write({{1, 100}});
-  for (uint64_t n = 1; n <= operations; ++n) {
+  uint64_t operations = 0;
+  for (uint64_t n = 0; n <= operations; ++n) {  // n = 0 counts the operations
+    Start({{1, 100}});
     qw::fault::Reset();
-    qw::fault::FailNth(n, false);
-    QWErrorClear();
+    if (n > 0) qw::fault::FailNth(n, false);
     const int result = StatusWrite(next.get(), dir().c_str());
+    if (n == 0) operations = qw::fault::OperationCount();
     qw::fault::Disable();
+    if (n == 0) {
+      ASSERT_GE(operations, 5u);  // open, write, sync, close, rename, dirsync
+      continue;
+    }
     EXPECT_EQ(result, 0) << "failing operation " << n << " was not reported";
     EXPECT_EQ(QWErrorCode(), 5) << QWErrorMessage();
-    StatusPtr back(StatusRead(dir().c_str()));
+    StatusPtr back = Read();
     ASSERT_NE(back, nullptr) << "failing operation " << n << ": " << QWErrorMessage();
     // Only the directory sync comes after the rename: then the new value is
     // in place, merely not known to be durable.
     const uint64_t value = StatusGetParameter(back.get(), 1);
     EXPECT_TRUE(value == 100 || (value == 200 && n == operations)) << "operation " << n << " value " << value;
-    Write({{1, 100}});
   }
 }
 
-// A simulated power loss at every sync of a write (dropping or garbling what
-// was not synced) leaves the old or the new status.
+// A simulated power loss at every sync of a write (dropping, keeping or,
+// over several seeds, garbling what was not synced) leaves the old or the
+// new status.
 TEST_F(StatusTest, PowerLossAtEverySyncLeavesOldOrNew) {
+  using qw::fault::PowerLoss;
+  std::vector<std::pair<PowerLoss, uint64_t>> losses = {{PowerLoss::Drop, 0}, {PowerLoss::Keep, 0}};
+  for (uint64_t seed = 1; seed <= 12; ++seed) losses.emplace_back(PowerLoss::Garble, seed);
   for (bool firstWrite : {false, true}) {
     for (uint64_t syncNumber = 1; syncNumber <= 3; ++syncNumber) {
-      // Garbling is seeded: several seeds give different mixes of kept,
-      // dropped and overwritten writes.
-      struct Loss {
-        qw::fault::PowerLoss mode;
-        uint64_t seed;
-      };
-      std::vector<Loss> losses = {{qw::fault::PowerLoss::Drop, 0}, {qw::fault::PowerLoss::Keep, 0}};
-      for (uint64_t seed = 1; seed <= 12; ++seed) losses.push_back({qw::fault::PowerLoss::Garble, seed});
-      for (const Loss &loss : losses) {
-        const auto mode = loss.mode;
+      for (const auto &[mode, seed] : losses) {
         SCOPED_TRACE(testing::Message() << "first " << firstWrite << " sync " << syncNumber << " mode " << int(mode)
-                                        << " seed " << loss.seed);
-        FileRemove(path("status").c_str());
-        FileRemove(path("status.new").c_str());
-        QWErrorClear();
-        if (!firstWrite) Write({{1, 1}, {2, 7}});
+                                        << " seed " << seed);
+        Start(firstWrite ? Parameters{} : Parameters{{1, 1}, {2, 7}});
         qwtest::ChildResult child = qwtest::RunInChild([&] {
-          qw::fault::CrashAtSync(syncNumber, mode, loss.seed);
+          qw::fault::CrashAtSync(syncNumber, mode, seed);
           StatusPtr status(StatusNew());
           StatusSetParameter(status.get(), 1, 2);
           StatusSetParameter(status.get(), 2, 14);
           StatusWrite(status.get(), dir().c_str());
           std::printf("completed");
         });
-        ASSERT_TRUE(child.exited);
         // A write has two syncs (the file, then the directory): the first two
         // crash, the third is never reached.
+        ASSERT_TRUE(child.exited);
         EXPECT_EQ(child.exitStatus, syncNumber <= 2 ? 1 : 0);
         EXPECT_EQ(child.out.find("completed") != std::string::npos, syncNumber > 2) << child.out;
-        StatusPtr back(StatusRead(dir().c_str()));
+        // The old status (when there was one) or the new one.
+        StatusPtr back = Read();
         if (back == nullptr) {
           EXPECT_TRUE(firstWrite) << QWErrorMessage();
           EXPECT_EQ(QWErrorCode(), 2) << QWErrorMessage();
           continue;
         }
         const uint64_t p1 = StatusGetParameter(back.get(), 1);
-        EXPECT_TRUE(p1 == 1 || p1 == 2) << p1;
-        EXPECT_EQ(StatusGetParameter(back.get(), 2), p1 * 7);
+        EXPECT_TRUE(p1 >= 1 && p1 <= 2 && StatusGetParameter(back.get(), 2) == p1 * 7) << p1;
       }
     }
-  }
-}
-
-// A writer killed with SIGKILL at random moments: the status is always a
-// complete one, old or new.
-TEST_F(StatusTest, KilledWriterLeavesOldOrNew) {
-  std::mt19937 random(99);
-  const std::string pidFile = path("writer.pid");
-  for (int round = 0; round < 16; ++round) {
-    FileRemove(path("status").c_str());
-    FileRemove(path("status.new").c_str());
-    FileRemove(pidFile.c_str());
-    QWErrorClear();
-    const bool firstWrite = round % 4 == 0;
-    if (!firstWrite) Write({{1, 0}, {2, 3}});
-    const auto delay = std::chrono::microseconds(random() % 30000);
-    std::atomic<bool> childEnded{false};
-    std::thread killer([&] {
-      std::string pid;
-      while (pid.empty() && !childEnded) {
-        pid = qwtest::ReadFileBytes(pidFile);
-        std::this_thread::yield();
-      }
-      std::this_thread::sleep_for(delay);
-      if (!pid.empty()) kill(pid_t(std::stol(pid)), SIGKILL);
-    });
-    qwtest::ChildResult child = qwtest::RunInChild([&] {
-      qwtest::WriteFileBytes(pidFile + ".tmp", std::to_string(getpid()));
-      std::rename((pidFile + ".tmp").c_str(), pidFile.c_str());
-      StatusPtr status(StatusNew());
-      for (uint64_t i = 1; i < 1000000; ++i) {
-        StatusSetParameter(status.get(), 1, i);
-        StatusSetParameter(status.get(), 2, i * 7 + 3);
-        StatusSetParameter(status.get(), 1000 + uint32_t(i % 50), i);  // files of varying length
-        if (!StatusWrite(status.get(), dir().c_str())) _exit(3);
-      }
-    });
-    childEnded = true;
-    killer.join();
-    ASSERT_FALSE(child.exited) << "writer exited with " << child.exitStatus;
-    EXPECT_EQ(child.signal, SIGKILL);
-    StatusPtr back(StatusRead(dir().c_str()));
-    if (back == nullptr) {
-      EXPECT_TRUE(firstWrite) << QWErrorMessage();
-      EXPECT_EQ(QWErrorCode(), 2);
-      continue;
-    }
-    const uint64_t p1 = StatusGetParameter(back.get(), 1);
-    EXPECT_EQ(StatusGetParameter(back.get(), 2), p1 * 7 + 3) << "round " << round;
   }
 }
 

@@ -1,14 +1,10 @@
 // Block arrays: insert, remove, grow and round against a model of block sizes
-// and contents, across commits and reopenings; their errors and assertions.
-#include <filesystem>
-
-#include "arrays_support.h"
+// and contents, across commits and reopenings; their errors.
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::kBlock;
+using namespace arenatest;
 
 struct ModelBlock {
   uint32_t size;
@@ -44,15 +40,14 @@ void ExpectModel(VMArena *arena, uint32_t id, uint32_t gen, const std::vector<Mo
     ASSERT_NO_FATAL_FAILURE(ExpectBlock(arena, id, n, gen, model[n].size, model[n].tag, model[n].size));
 }
 
-class BlockArrays : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {};
+class BlockArrays : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
 
 TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
-  VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE, 2)) << QWErrorMessage();
   VMAArrayHandle handle;
   ASSERT_TRUE(VMABlockArrayInitFromPath(&handle, arena, "blocks", "list")) << QWErrorMessage();
   const uint32_t id = handle.id[NEWGEN];
-  EXPECT_EQ(arraytest::TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
+  EXPECT_EQ(TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
   std::vector<ModelBlock> model, committed;
   std::mt19937 rng(99);
   uint32_t nextTag = 1;
@@ -84,13 +79,11 @@ TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
       model[n].tag = nextTag;
       ASSERT_NO_FATAL_FAILURE(FillBlock(arena, id, n, nextTag++));
     } else if (op < 98) {
-      ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+      ASSERT_TRUE(Commit()) << QWErrorMessage();
       committed = model;
       ASSERT_NO_FATAL_FAILURE(ExpectModel(arena, id, OLDGEN, committed));
     } else {
-      VMArenaClose(arena);
-      arena = Open(GetParam(), 0, 2);
-      ASSERT_NE(arena, nullptr) << QWErrorMessage();
+      ASSERT_TRUE(Reopen(GetParam(), 0, 2)) << QWErrorMessage();
       ASSERT_TRUE(VMABlockArrayInitFromPath(&handle, arena, "blocks", "list")) << QWErrorMessage();
       ASSERT_EQ(handle.id[NEWGEN], id);
       model = committed;
@@ -103,30 +96,21 @@ TEST_P(BlockArrays, RandomBlockEditsMatchTheModel) {
   // Clear keeps a block array a block array.
   ASSERT_TRUE(VMAArrayClear_(arena, id, 0, NEWGEN));
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, id, NEWGEN), 0u);
-  EXPECT_EQ(arraytest::TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
-  VMArenaClose(arena);
+  EXPECT_EQ(TypeOf(arena, id), FULL_BLOCK_ARRAY_TYPE);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, BlockArrays, ::testing::Values(kModes[0], kModes[3]),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Modes, BlockArrays, ::testing::Values(kCache, kMappedSerial), ModeName);
 
 TEST_F(ArenaTest, BlockRoundGivesTheSmallestClass) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   const uint32_t cases[][3] = {{0, 8192, 64},       {1, 8192, 64},       {64, 8192, 64},   {65, 8192, 88},
                                {1025, 8192, 1632},  {2729, 4096, 4096},  {4096, 4096, 4096}, {4097, 8192, 8192},
                                {8192, 8192, 8192}};
   for (const auto &c : cases) EXPECT_EQ(VMABlockArrayBlockRound_(arena, c[0], c[1]), c[2]) << c[0];
-  GTEST_FLAG_SET(death_test_style, "fast");
-  EXPECT_DEATH(VMABlockArrayBlockRound_(arena, 4097, 4096), "assertion failed: maxBlockSize >= sizes\\[s\\]");
-  EXPECT_TRUE(std::filesystem::exists(path("arena/corrupted")));
-  VMArenaClose(arena);
 }
 
-TEST_F(ArenaTest, BlockArrayErrorsAndAssertions) {
-  GTEST_FLAG_SET(death_test_style, "fast");
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+TEST_F(ArenaTest, BlockArrayErrors) {
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 1, kBlock, NEWGEN);
   ASSERT_TRUE(VMABlockArrayInsert_(arena, id, 0, kBlock, 0, 100, NEWGEN));
   EXPECT_FALSE(VMABlockArrayInsert_(arena, id, 0, kBlock, 2, 100, NEWGEN));
@@ -139,20 +123,11 @@ TEST_F(ArenaTest, BlockArrayErrorsAndAssertions) {
   EXPECT_EQ(size, 0u);
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, id, NEWGEN), 1u);
   VMABlockArrayPrefetch(arena, id, 5, NEWGEN);  // nothing to prefetch: no effect
-  // The new size must be a class; the list must be one of max-size blocks.
-  EXPECT_DEATH(VMABlockArrayBlockGrowNth_(arena, id, 0, 100, 0, 0, NEWGEN),
-               "assertion failed: newBlockSize == actualSize");
-  EXPECT_DEATH(VMABlockArrayInsert_(arena, id, 0, 4096, 0, 64, NEWGEN),
-               "assertion failed: array->log2size == Log2\\(maxBlockSize\\)");
-  uint32_t ordinary = VMAArrayNew(arena, 0, kBlock, NEWGEN);
-  EXPECT_DEATH(VMABlockArrayInsert_(arena, ordinary, 0, kBlock, 0, 64, NEWGEN),
-               "assertion failed: array->type == FULL_BLOCK_ARRAY_TYPE");
   // A small-block array of 4096-byte blocks takes blocks up to that size.
   uint32_t small = VMAArrayNew(arena, 1, 4096, NEWGEN);
   ASSERT_TRUE(VMABlockArrayInsert_(arena, small, 0, 4096, 0, 4096, NEWGEN));
   EXPECT_FALSE(VMABlockArrayInsert_(arena, small, 0, 4096, 0, 5000, NEWGEN));
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, small, NEWGEN), 1u);
-  VMArenaClose(arena);
 }
 
 }  // namespace

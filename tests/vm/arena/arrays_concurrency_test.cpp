@@ -4,23 +4,20 @@
 #include <atomic>
 #include <thread>
 
-#include "arrays_support.h"
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::Bytes;
-using arraytest::kBlock;
+using namespace arenatest;
 
-class ArraysConcurrency : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {};
+
+class ArraysConcurrency : public ArenaTest, public ::testing::WithParamInterface<Mode> {};
 
 // Each thread makes its own named arrays (and races the others for shared
 // names), fills them and reads them back while ids keep being created and
 // freed around it.
 TEST_P(ArraysConcurrency, CreationRacesWithAccessToOtherArrays) {
-  VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE, 2)) << QWErrorMessage();
   constexpr int kThreads = 4, kArrays = 40, kShared = 10;
   std::vector<std::vector<uint32_t>> sharedIds(kThreads, std::vector<uint32_t>(kShared));
   std::vector<std::vector<uint32_t>> ownIds(kThreads);
@@ -45,13 +42,13 @@ TEST_P(ArraysConcurrency, CreationRacesWithAccessToOtherArrays) {
       // Grow every own array a little, then check them all.
       models.emplace_back();
       for (int k = 0; k <= a; ++k) {
-        Bytes more = arraytest::RandomBytes(rng, 8 * (1 + rng() % 400));
+        Bytes more = RandomBytes(rng, 8 * (1 + rng() % 400));
         if (!VMAArrayAppend_(arena, ownIds[t][k], 0, kBlock, more.data(), uint32_t(more.size() / 8), NEWGEN, 8))
           ++failures;
         models[k].insert(models[k].end(), more.begin(), more.end());
       }
       for (int k = 0; k <= a; ++k)
-        if (arraytest::ReadAll(arena, ownIds[t][k], NEWGEN, 8) != models[k]) ++failures;
+        if (ReadAll(arena, ownIds[t][k], NEWGEN, 8) != models[k]) ++failures;
     }
     VMArenaNewGenRelease(arena, 0);
   };
@@ -66,24 +63,20 @@ TEST_P(ArraysConcurrency, CreationRacesWithAccessToOtherArrays) {
   std::sort(all.begin(), all.end());
   EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end()) << "an id was handed out twice";
   // Every name is where the name list says, after a commit and a reopen.
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(GetParam(), 0, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(GetParam(), 0, 2)) << QWErrorMessage();
   for (int t = 0; t < kThreads; ++t)
     for (int a = 0; a < kArrays; a += 9) {
       std::string name = "thread/" + std::to_string(t) + "/" + std::to_string(a);
       EXPECT_EQ(VMAArrayFind(arena, OLDGEN, name.data(), uint32_t(name.size()), 1, nullptr, 0, kBlock),
                 ownIds[t][a]);
     }
-  VMArenaClose(arena);
 }
 
 // Readers of the committed generation see one whole commit of an array that
 // a writer grows and rewrites between commits.
 TEST_P(ArraysConcurrency, OldGenerationReadersSeeWholeCommits) {
-  VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(GetParam(), VM_FLAG_CREATE, 2)) << QWErrorMessage();
   VMAArrayHandle handle;
   ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "versions", "v"));
   const uint32_t id = handle.id[NEWGEN];
@@ -97,46 +90,42 @@ TEST_P(ArraysConcurrency, OldGenerationReadersSeeWholeCommits) {
     return ok;
   };
   ASSERT_TRUE(write(0));
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  std::atomic<bool> done{false};
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
   std::atomic<int> mixes{0}, reads{0};
-  auto reader = [&] {
-    VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena, id, kBlock, 8, OLDGEN, 1);
-    while (!done.load()) {
-      VMArenaOldGenAcquire(arena);
-      uint32_t length = VMAArrayLength_(arena, id, OLDGEN);
-      uint64_t version = 0;
-      for (uint32_t i = 0; i < length; ++i) {
-        uint32_t end = 0;
-        auto *value = static_cast<const uint64_t *>(VMAArrayRangeAcquire_(cache, i, &end));
-        if (!value) {
-          ++mixes;
-          break;
+  qwtest::ReadersBesideWriter(
+      2,
+      [&](const std::atomic<bool> &writing) {
+        VMAArrayRangeCache *cache = VMAArrayRangeCacheNew(arena, id, kBlock, 8, OLDGEN, 1);
+        while (writing.load()) {
+          VMArenaOldGenAcquire(arena);
+          const uint32_t length = VMAArrayLength_(arena, id, OLDGEN);
+          uint64_t version = 0;
+          for (uint32_t i = 0, end = 0; i < length; ++i) {
+            auto *value = static_cast<const uint64_t *>(VMAArrayRangeAcquire_(cache, i, &end));
+            if (!value) {
+              ++mixes;
+              break;
+            }
+            if (i == 0) version = *value;
+            mixes += *value != version;
+          }
+          mixes += lengthOf(version) != length;
+          VMAArrayRangeRelease_(cache);
+          VMArenaOldGenRelease(arena);
+          ++reads;
         }
-        if (i == 0) version = *value;
-        if (*value != version) ++mixes;
-      }
-      if (lengthOf(version) != length) ++mixes;
-      VMAArrayRangeRelease_(cache);
-      VMArenaOldGenRelease(arena);
-      ++reads;
-    }
-    VMAArrayRangeCacheFree(cache);
-  };
-  std::thread r1(reader), r2(reader);
-  for (uint64_t version = 1; version <= 30; ++version) {
-    ASSERT_TRUE(write(version)) << QWErrorMessage();
-    ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  }
-  done = true;
-  r1.join();
-  r2.join();
+        VMAArrayRangeCacheFree(cache);
+      },
+      [&] {
+        for (uint64_t version = 1; version <= 30; ++version) {
+          ASSERT_TRUE(write(version)) << QWErrorMessage();
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+        }
+      });
   EXPECT_EQ(mixes.load(), 0);
   EXPECT_GT(reads.load(), 0);
-  VMArenaClose(arena);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, ArraysConcurrency, ::testing::Values(kModes[0], kModes[2]),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Modes, ArraysConcurrency, ::testing::Values(kCache, kMapped), ModeName);
 
 }  // namespace

@@ -6,15 +6,12 @@
 #include <algorithm>
 #include <string>
 
-#include "arrays_support.h"
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::Bytes;
-using arraytest::kBlock;
-using arraytest::ReadAll;
+using namespace arenatest;
+
 
 struct ModelArray {
   std::string name;
@@ -25,11 +22,10 @@ struct ModelArray {
   bool reachedFullLayout = false;
 };
 
-class ArraysModel : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {
+class ArraysModel : public ArenaTest, public ::testing::WithParamInterface<Mode> {
  protected:
   void OpenAll(uint32_t flags) {
-    arena = Open(GetParam(), flags, 2);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_TRUE(Reopen(GetParam(), flags)) << QWErrorMessage();
     for (ModelArray &m : arrays) {
       VMAArrayHandle handle;
       ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "model", m.name.c_str())) << QWErrorMessage();
@@ -48,13 +44,12 @@ class ArraysModel : public ArenaTest, public ::testing::WithParamInterface<arena
         ASSERT_EQ(ReadAll(arena, m.id, OLDGEN, m.elementSize), m.committed)
             << m.name << " old, " << when << " " << step;
       }
-      arraytest::ExpectLayout(arena, m.id, m.elementSize);
+      ExpectLayout(arena, m.id, m.elementSize);
     }
     VMArenaOldGenRelease(arena);
   }
   void Step(ModelArray &m, std::mt19937 &rng);
 
-  VMArena *arena = nullptr;
   bool committedOnce = false;
   std::vector<ModelArray> arrays;
   ModelArray copyTarget;  // a copy of whichever array was copied last
@@ -68,12 +63,12 @@ void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
   VMArenaNewGenAcquire(arena, 0);
   if (op < 30) {  // append, up to half a block at once
     uint32_t count = 1 + rng() % std::max(1u, perBlock / 2);
-    Bytes more = arraytest::RandomBytes(rng, size_t(count) * e);
+    Bytes more = RandomBytes(rng, size_t(count) * e);
     ASSERT_TRUE(VMAArrayAppend_(arena, m.id, 0, kBlock, more.data(), count, NEWGEN, e)) << QWErrorMessage();
     m.data.insert(m.data.end(), more.begin(), more.end());
   } else if (op < 45) {  // insert anywhere, the end included
     uint32_t index = rng() % (length + 1);
-    Bytes element = arraytest::RandomBytes(rng, e);
+    Bytes element = RandomBytes(rng, e);
     ASSERT_TRUE(VMAArrayInsert_(arena, m.id, 0, kBlock, index, element.data(), NEWGEN, e)) << QWErrorMessage();
     m.data.insert(m.data.begin() + size_t(index) * e, element.begin(), element.end());
   } else if (op < 62 && length > 0) {  // remove
@@ -83,7 +78,7 @@ void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
   } else if (op < 77 && length > 0) {  // overwrite a run, often across a block boundary
     uint32_t index = rng() % length;
     uint32_t count = 1 + rng() % std::min(length - index, perBlock + 3);
-    Bytes run = arraytest::RandomBytes(rng, size_t(count) * e);
+    Bytes run = RandomBytes(rng, size_t(count) * e);
     ASSERT_TRUE(VMAArraySetRange_(arena, m.id, 0, kBlock, index, run.data(), count, NEWGEN, e)) << QWErrorMessage();
     std::copy(run.begin(), run.end(), m.data.begin() + size_t(index) * e);
   } else if (op < 85) {  // shrink, or grow within an ensured capacity
@@ -95,7 +90,7 @@ void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
       uint32_t longer = length + 1 + rng() % perBlock;
       ASSERT_TRUE(VMAArrayEnsureCapacity_(arena, m.id, 0, kBlock, longer, NEWGEN, 0, e)) << QWErrorMessage();
       ASSERT_TRUE(VMAArrayLengthSet_(arena, m.id, longer, NEWGEN, e));
-      Bytes filler = arraytest::RandomBytes(rng, size_t(longer - length) * e);
+      Bytes filler = RandomBytes(rng, size_t(longer - length) * e);
       ASSERT_TRUE(VMAArraySetRange_(arena, m.id, 0, kBlock, length, filler.data(), longer - length, NEWGEN, e));
       m.data.insert(m.data.end(), filler.begin(), filler.end());
     }
@@ -107,7 +102,7 @@ void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
     ASSERT_EQ(ReadAll(arena, copyTarget.id, NEWGEN, e), copyTarget.data) << "copy of " << m.name;
   }
   VMArenaNewGenRelease(arena, 0);
-  m.reachedFullLayout |= arraytest::TypeOf(arena, m.id) == FULL_ARRAY_TYPE;
+  m.reachedFullLayout |= TypeOf(arena, m.id) == FULL_ARRAY_TYPE;
 }
 
 TEST_P(ArraysModel, RandomEditsCommitsAndReopeningsMatchTheModel) {
@@ -127,14 +122,13 @@ TEST_P(ArraysModel, RandomEditsCommitsAndReopeningsMatchTheModel) {
     ASSERT_NO_FATAL_FAILURE(Step(m, rng));
     uint32_t event = rng() % 1000;
     if (event < 12) {
-      ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+      ASSERT_TRUE(Commit()) << QWErrorMessage();
       for (ModelArray &a : arrays) a.committed = a.data;
       committedOnce = true;
       ASSERT_NO_FATAL_FAILURE(ExpectAll("commit", step));
     } else if (event < 16) {
       // Close drops what was not committed; the spare array goes too unless
       // it was committed, so it is made afresh.
-      VMArenaClose(arena);
       for (ModelArray &a : arrays) a.data = a.committed;
       ASSERT_NO_FATAL_FAILURE(OpenAll(0));
       copyTarget.id = VMAArrayNew(arena, 0, kBlock, NEWGEN);
@@ -145,10 +139,8 @@ TEST_P(ArraysModel, RandomEditsCommitsAndReopeningsMatchTheModel) {
   }
   ASSERT_NO_FATAL_FAILURE(ExpectAll("end", kSteps));
   for (const ModelArray &m : arrays) EXPECT_TRUE(m.reachedFullLayout) << m.name << " never outgrew its tail layout";
-  VMArenaClose(arena);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllModes, ArraysModel, ::testing::ValuesIn(kModes),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(AllModes, ArraysModel, ::testing::ValuesIn(kModes), ModeName);
 
 }  // namespace

@@ -1,22 +1,20 @@
 // The array name service: find-or-create by path, old-generation ids, the
 // rule for freed named arrays, names across blocks of array 0, reopening,
-// mounting, read-only arenas and damaged name lists.
+// read-only arenas and damaged name lists (mounting: lifecycle_test).
 #include <filesystem>
 #include <string>
 
-#include "arrays_support.h"
+#include "arena_fixture.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::kModes;
-using arraytest::Bytes;
-using arraytest::kBlock;
+using namespace arenatest;
+
 
 // The names kept in array 0 of `gen`, slot by slot (slot k is array k + 1),
 // after those of the name service's own arrays, which every arena has first.
 std::vector<std::string> Slots(VMArena *arena, uint32_t gen) {
-  Bytes bytes = arraytest::ReadAll(arena, 0, gen, 1);
+  Bytes bytes = ReadAll(arena, 0, gen, 1);
   std::vector<std::string> slots;
   std::string current;
   for (uint8_t b : bytes) {
@@ -40,8 +38,7 @@ uint32_t Lookup(VMArena *arena, uint32_t gen, const std::string &name, int scan)
 }
 
 TEST_F(ArenaTest, InitFromPathCreatesOnceAndFindsAfterCommitAndReopen) {
-  VMArena *arena = Open(kModes[1]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCacheSerial, VM_FLAG_CREATE)) << QWErrorMessage();
   VMAArrayHandle a, again, b;
   ASSERT_TRUE(VMAArrayInitFromPath(&a, arena, "dict/7", "keys")) << QWErrorMessage();
   EXPECT_EQ(a.arena, arena);
@@ -60,13 +57,10 @@ TEST_F(ArenaTest, InitFromPathCreatesOnceAndFindsAfterCommitAndReopen) {
   EXPECT_EQ(Lookup(arena, OLDGEN, "dict/7/keys", 1), VMA_NO_ARRAY);
   const uint32_t value = 42;
   ASSERT_TRUE(VMAArrayAppend_(arena, a.id[NEWGEN], 0, kBlock, &value, 1, NEWGEN, 4));
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
   ASSERT_TRUE(VMAArrayInitFromPath(&again, arena, "dict/7", "keys"));
   EXPECT_EQ(again.id[OLDGEN], a.id[NEWGEN]);
-  VMArenaClose(arena);
-
-  arena = Open(kModes[1], 0);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCacheSerial, 0)) << QWErrorMessage();
   ASSERT_TRUE(VMAArrayInitFromPath(&again, arena, "dict/7", "keys"));
   EXPECT_EQ(again.id[NEWGEN], a.id[NEWGEN]);
   EXPECT_EQ(again.id[OLDGEN], a.id[NEWGEN]);
@@ -92,14 +86,12 @@ TEST_F(ArenaTest, InitFromPathCreatesOnceAndFindsAfterCommitAndReopen) {
   EXPECT_EQ(ArrayLength(scratch), 1u);
   EXPECT_EQ(scratch[0], 'q');
   ArrayFree(scratch);
-  VMArenaClose(arena);
 }
 
 // Unnamed arrays take empty slots once a named array follows them; freed
 // named arrays keep their ids, freed unnamed ones are reused.
 TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t u1 = VMAArrayNew(arena, 0, kBlock, NEWGEN), u2 = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   VMAArrayHandle named;
   ASSERT_TRUE(VMAArrayInitFromPath(&named, arena, "n", "a"));
@@ -131,7 +123,7 @@ TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
   // A block array under a name is found as one, and only as one.
   VMAArrayHandle blocks;
   ASSERT_TRUE(VMABlockArrayInitFromPath_(&blocks, arena, "n", "b", 1));
-  EXPECT_EQ(arraytest::TypeOf(arena, blocks.id[NEWGEN]), FULL_BLOCK_ARRAY_TYPE);
+  EXPECT_EQ(TypeOf(arena, blocks.id[NEWGEN]), FULL_BLOCK_ARRAY_TYPE);
   EXPECT_FALSE(VMAArrayInitFromPath(&found, arena, "n", "b"));
   EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_FALSE(VMABlockArrayInitFromPath(&found, arena, "n", "a"));
@@ -139,14 +131,12 @@ TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
   ASSERT_TRUE(VMAArrayFree(arena, blocks.id[NEWGEN]));
   ASSERT_TRUE(VMABlockArrayInitFromPath(&found, arena, "n", "b")) << QWErrorMessage();
   EXPECT_EQ(found.id[NEWGEN], blocks.id[NEWGEN]);
-  VMArenaClose(arena);
 }
 
 // Enough names to fill several blocks of array 0, so that names straddle
 // block boundaries; they survive a commit and a reopen.
 TEST_F(ArenaTest, ManyNamesAcrossBlocksOfTheNameArray) {
-  VMArena *arena = Open(kModes[2]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kMapped, VM_FLAG_CREATE)) << QWErrorMessage();
   std::vector<std::pair<std::string, uint32_t>> names;
   for (int i = 0; i < 1500; ++i) {
     std::string name = "structure/" + std::to_string(i * 7919 % 100000) + std::string(size_t(i % 23), 'x');
@@ -158,9 +148,7 @@ TEST_F(ArenaTest, ManyNamesAcrossBlocksOfTheNameArray) {
   }
   EXPECT_GT(VMAArrayLength_(arena, 0, NEWGEN), 3 * kBlock);
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(kModes[2], 0);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kMapped, 0)) << QWErrorMessage();
   for (size_t i = 0; i < names.size(); i += 7) {
     EXPECT_EQ(Lookup(arena, NEWGEN, names[i].first, 1), names[i].second) << names[i].first;
     EXPECT_EQ(Lookup(arena, OLDGEN, names[i].first, 0), names[i].second) << names[i].first;
@@ -170,57 +158,12 @@ TEST_F(ArenaTest, ManyNamesAcrossBlocksOfTheNameArray) {
                          kBlock),
             names[1000].second);
   EXPECT_EQ(create, 0);
-  VMArenaClose(arena);
-}
-
-TEST_F(ArenaTest, ReadOnlyArenaFindsButDoesNotCreate) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  VMAArrayHandle handle;
-  ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "p", "q"));
-  ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(kModes[0], VM_FLAG_READ_ONLY);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  VMAArrayHandle found;
-  ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "p", "q")) << QWErrorMessage();
-  EXPECT_EQ(found.id[NEWGEN], handle.id[NEWGEN]);
-  EXPECT_EQ(found.id[OLDGEN], handle.id[NEWGEN]);
-  EXPECT_FALSE(VMAArrayInitFromPath(&found, arena, "p", "absent"));
-  EXPECT_EQ(QWErrorCode(), 2);
-  VMArenaClose(arena);
-}
-
-// A reader that mounts the generation a writer committed sees its names.
-TEST_F(ArenaTest, MountedGenerationBringsItsNames) {
-  VMArena *writer = Open(kModes[1]);
-  ASSERT_NE(writer, nullptr) << QWErrorMessage();
-  VMArena *reader = Open(kModes[1], VM_FLAG_READ_ONLY);
-  ASSERT_NE(reader, nullptr) << QWErrorMessage();
-  VMAArrayHandle handle;
-  ASSERT_TRUE(VMAArrayInitFromPath(&handle, writer, "mounted", "array"));
-  const uint16_t values[3] = {5, 6, 7};
-  ASSERT_TRUE(VMAArrayAppend_(writer, handle.id[NEWGEN], 0, kBlock, values, 3, NEWGEN, 2));
-  uint64_t o = 0, n = 0;
-  ASSERT_TRUE(VMArenaCommit(writer, &o, &n, 0)) << QWErrorMessage();
-  EXPECT_EQ(Lookup(reader, NEWGEN, "mounted/array", 1), VMA_NO_ARRAY);
-  ASSERT_TRUE(VMArenaMountGeneration(reader, o, n)) << QWErrorMessage();
-  ASSERT_TRUE(VMArenaFlushCommitMemory(reader, 1)) << QWErrorMessage();
-  VMAArrayHandle found;
-  ASSERT_TRUE(VMAArrayInitFromPath(&found, reader, "mounted", "array")) << QWErrorMessage();
-  EXPECT_EQ(found.id[NEWGEN], handle.id[NEWGEN]);
-  EXPECT_EQ(found.id[OLDGEN], handle.id[NEWGEN]);
-  EXPECT_EQ(arraytest::ReadAll(reader, found.id[OLDGEN], OLDGEN, 2),
-            Bytes(reinterpret_cast<const uint8_t *>(values), reinterpret_cast<const uint8_t *>(values) + 6));
-  VMArenaClose(reader);
-  VMArenaClose(writer);
 }
 
 // A name list that names more arrays than exist cannot be trusted: the open
 // fails, and nothing is tagged.
 TEST_F(ArenaTest, NameListThatDisagreesWithTheTableFailsTheOpen) {
-  VMArena *arena = Open(kModes[0]);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   VMAArrayHandle handle;
   ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "x", "y"));
   const char extra[] = "ghost\0";
@@ -229,10 +172,9 @@ TEST_F(ArenaTest, NameListThatDisagreesWithTheTableFailsTheOpen) {
   EXPECT_EQ(VMAArrayFind(arena, NEWGEN, "new", 3, 1, &create, 0, kBlock), VMA_NO_ARRAY);
   EXPECT_EQ(QWErrorCode(), 22);  // array 0 was written behind the name service's back
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  VMArenaClose(arena);
-  EXPECT_EQ(Open(kModes[0], 0), nullptr);
+  EXPECT_FALSE(Reopen(kCache));
   EXPECT_NE(std::string(QWErrorMessage()).find("cannot create name service"), std::string::npos) << QWErrorMessage();
-  EXPECT_FALSE(std::filesystem::exists(path("arena/corrupted")));
+  EXPECT_FALSE(Tagged());
   QWErrorClear();
 }
 

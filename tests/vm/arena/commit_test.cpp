@@ -1,128 +1,128 @@
-// Commit: the crash matrix (a child stopped at every stop point, in every
-// access mode), forced errors, and readers of the old generation during
-// commits.
-#include <atomic>
+// Commit: the crash matrix (a child stopped at every stop, in every access
+// mode, with blocks and named arrays changed) and forced errors. Power loss
+// and I/O errors: the fault campaign and io_error_test.
 #include <filesystem>
-#include <thread>
 
 #include "arena_fixture.h"
+#include "support/fault_support.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::Fill;
-using arenatest::Holds;
-using arenatest::kModes;
+using namespace arenatest;
 
 const char *const kStops[] = {
     "arenaflushstart0",      "arenaflushstart1",      "arenaflushexec0",         "arenaflushexec1",
     "arenaflushexec2",       "arenaflushexec3",       "arenaflushcommitdisk0",   "arenaflushcommitdisk1",
     "arenaflushcommitdisk2", "arenaflushcommitdisk3", "arenaflushcommitmemory0", "arenaflushcommitmemory1",
 };
-constexpr int kFirstMarkedStop = 6;      // "arenaflushcommitdisk0": `committing` exists from here
-constexpr int kFirstUnmarkedStop = 10;   // "arenaflushcommitmemory0": marker removed
-constexpr int kFirstCompleteFiles = 5;   // "arenaflushexec3": every new file written
+constexpr int kFirstMarkedStop = 6;     // "arenaflushcommitdisk0": `committing` exists from here
+constexpr int kFirstUnmarkedStop = 10;  // "arenaflushcommitmemory0": marker removed
+constexpr int kFirstCompleteFiles = 5;  // "arenaflushexec3": every new file written
+constexpr uint32_t kElement = 24;
 
 struct CrashCase {
-  arenatest::Mode mode;
+  Mode mode;
   int stop;
 };
 
 class CrashMatrix : public ArenaTest, public ::testing::WithParamInterface<CrashCase> {
  protected:
-  // The committed state every case starts from: blocks of many classes with
-  // tag 1.
-  void Prepare(const arenatest::Mode &mode) {
-    VMArena *arena = Open(mode, VM_FLAG_CREATE, 2);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  // The committed start: blocks of many classes with tag 1, three named arrays.
+  void Prepare(const Mode &mode) {
+    ASSERT_TRUE(Reopen(mode, VM_FLAG_CREATE)) << QWErrorMessage();
     for (uint32_t i = 0; i < 60; ++i) {
-      uint32_t size = i % 4 == 0 ? 8192 : 40 + (i * 137) % 8000;
-      ids.push_back(VMArenaBlockNew(arena, 0, size, nullptr, 0));
+      ids.push_back(VMArenaBlockNew(arena, 0, i % 4 == 0 ? 8192 : 40 + (i * 137) % 8000, nullptr, 0));
       Fill(arena, ids.back(), 1);
     }
-    ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-    VMArenaClose(arena);
+    std::mt19937 rng(5);
+    for (int a = 0; a < 3; ++a) {
+      VMAArrayHandle handle;
+      ASSERT_TRUE(VMAArrayInitFromPath(&handle, arena, "crash", std::to_string(a).c_str()));
+      const uint32_t count = 100 + 200 * a;
+      before.push_back(RandomBytes(rng, size_t(count) * kElement));
+      ASSERT_TRUE(VMAArrayAppend_(arena, handle.id[NEWGEN], 0, kBlock, before.back().data(), count, NEWGEN, kElement));
+    }
+    ASSERT_TRUE(Commit()) << QWErrorMessage();
+    CloseArena();
+    after = before;
+    for (Bytes &bytes : after) {
+      const Bytes more = RandomBytes(rng, 500 * kElement);  // grows past the tail block
+      bytes.insert(bytes.begin() + 3 * kElement, more.begin(), more.begin() + kElement);
+      bytes.insert(bytes.end(), more.begin(), more.end());
+    }
   }
-  // The new generation the child commits: every block rewritten with tag 2,
-  // some freed, some added.
-  void WriteNewGeneration(VMArena *arena) {
+  // What the child commits: every block rewritten with tag 2, some added; an
+  // insert and a growth in each array; a new name.
+  bool WriteNewGeneration() {
     for (uint64_t id : ids) Fill(arena, id, 2);
     for (int i = 0; i < 10; ++i) Fill(arena, VMArenaBlockNew(arena, 0, 100 + 800 * i, nullptr, 0), 2);
+    for (int a = 0; a < 3; ++a) {
+      const uint32_t id = Find(NEWGEN, "crash/" + std::to_string(a));
+      const uint8_t *more = after[a].data() + before[a].size() + kElement;
+      if (!VMAArrayInsert_(arena, id, 0, kBlock, 3, after[a].data() + 3 * kElement, NEWGEN, kElement) ||
+          !VMAArrayAppend_(arena, id, 0, kBlock, more, 500, NEWGEN, kElement))
+        return false;
+    }
+    VMAArrayHandle extra;
+    return VMAArrayInitFromPath(&extra, arena, "crash", "new");
   }
-  // All blocks hold `tag` in the committed generation: never a mix.
-  void ExpectAll(VMArena *arena, uint32_t tag) {
-    int matching = 0;
-    for (uint64_t id : ids) matching += Holds(arena, id, OLDGEN, tag);
-    EXPECT_EQ(matching, int(ids.size())) << "tag " << tag;
+  uint32_t Find(uint32_t gen, const std::string &name) {
+    return VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 1, nullptr, 0, kBlock);
   }
+  void ExpectAll(VMArena *on, uint32_t tag) { EXPECT_EQ(CountHolding(on, ids, OLDGEN, tag), ids.size()) << tag; }
+  void ExpectReadOnly(const Mode &mode, bool marked, uint32_t tag) {
+    VMArena *readOnly = Open(mode, VM_FLAG_READ_ONLY);
+    EXPECT_EQ(readOnly != nullptr, !marked) << QWErrorMessage();
+    if (readOnly) ExpectAll(readOnly, tag), VMArenaClose(readOnly);
+    QWErrorClear();
+  }
+
   std::vector<uint64_t> ids;
+  std::vector<Bytes> before, after;  // the committed arrays, and what the child writes
 };
 
 TEST_P(CrashMatrix, ReopenSeesExactlyTheOldOrTheNewStateAndCommitsAgain) {
   const CrashCase &c = GetParam();
   const char *stop = kStops[c.stop];
-  Prepare(c.mode);
-  uint64_t oldS = serialOld, oldN = serialNew;
-  auto child = qwtest::RunInChild([&] {
-    VMArena *arena = Open(c.mode, 0, 2);
-    if (!arena) _exit(3);
-    WriteNewGeneration(arena);
-    QWSetEnvironmentVariable("QWEXIT", stop);
-    QWSetEnvironmentVariable("QWVMEXIT", arenaDir().c_str());
-    VMArenaCommit(arena, nullptr, nullptr, 0);
-    _exit(0);  // the stop did not fire
-  });
-  ASSERT_TRUE(child.exited);
-  ASSERT_EQ(child.exitStatus, 1) << stop;
-  EXPECT_EQ(child.out, "########## SIMULATED CRASH vm = " + arenaDir() + ", stop = " + stop + "\n");
+  ASSERT_NO_FATAL_FAILURE(Prepare(c.mode));
+  const uint64_t oldS = serialOld, oldN = serialNew;
+  ASSERT_TRUE(qwtest::CrashAtStop(
+      stop, arenaDir(), [&] { return Reopen(c.mode) && WriteNewGeneration(); },
+      [&] { (void)VMArenaCommit(arena, nullptr, nullptr, 0); }));
 
-  bool marked = std::filesystem::exists(path("arena/committing"));
+  const bool marked = std::filesystem::exists(path("arena/committing"));
+  const bool newSurvives = !c.mode.serialised && c.stop >= kFirstMarkedStop;
   if (!c.mode.serialised) {
     EXPECT_EQ(marked, c.stop >= kFirstMarkedStop && c.stop < kFirstUnmarkedStop) << stop;
-    VMArena *readOnly = Open(c.mode, VM_FLAG_READ_ONLY, 2);
-    if (marked) {
-      EXPECT_EQ(readOnly, nullptr);
-    } else {
-      ASSERT_NE(readOnly, nullptr) << QWErrorMessage();
-      ExpectAll(readOnly, c.stop >= kFirstMarkedStop ? 2 : 1);
-      VMArenaClose(readOnly);
-    }
-    QWErrorClear();
+    ExpectReadOnly(c.mode, marked, newSurvives ? 2 : 1);
   } else if (c.stop >= kFirstCompleteFiles) {
     // The generation the child wrote is complete and can be opened by serial
     // (read-only only once no commit is marked incomplete).
-    serialOld = oldS + 1;
-    serialNew = oldN + 1;
-    VMArena *next = Open(c.mode, VM_FLAG_READ_ONLY, 2);
-    if (marked) {
-      EXPECT_EQ(next, nullptr);
-    } else {
-      ASSERT_NE(next, nullptr) << QWErrorMessage();
-      ExpectAll(next, 2);
-      VMArenaClose(next);
-    }
-    QWErrorClear();
-    serialOld = oldS;
-    serialNew = oldN;
+    serialOld = oldS + 1, serialNew = oldN + 1;
+    ExpectReadOnly(c.mode, marked, 2);
+    serialOld = oldS, serialNew = oldN;
   }
 
-  VMArena *arena = Open(c.mode, 0, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(c.mode)) << QWErrorMessage();
   EXPECT_FALSE(std::filesystem::exists(path("arena/committing")));
-  uint32_t expected = (!c.mode.serialised && c.stop >= kFirstMarkedStop) ? 2 : 1;
-  ExpectAll(arena, expected);
+  ExpectAll(arena, newSurvives ? 2 : 1);
+  const std::vector<Bytes> &expected = newSurvives ? after : before;
+  for (int a = 0; a < 3; ++a) {
+    const uint32_t id = Find(NEWGEN, "crash/" + std::to_string(a));
+    ASSERT_NE(id, VMA_NO_ARRAY);
+    EXPECT_EQ(ReadAll(arena, id, OLDGEN, kElement), expected[a]) << a;
+    EXPECT_EQ(ReadAll(arena, id, NEWGEN, kElement), expected[a]) << a;
+  }
+  EXPECT_EQ(Find(OLDGEN, "crash/new") != VMA_NO_ARRAY, newSurvives);
   for (uint64_t id : ids) Fill(arena, id, 3);
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(c.mode, 0, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(c.mode)) << QWErrorMessage();
   ExpectAll(arena, 3);
-  VMArenaClose(arena);
 }
 
 std::vector<CrashCase> AllCrashCases() {
   std::vector<CrashCase> cases;
-  for (const arenatest::Mode &mode : kModes)
+  for (const Mode &mode : kModes)
     for (int stop = 0; stop < int(std::size(kStops)); ++stop) cases.push_back({mode, stop});
   return cases;
 }
@@ -132,23 +132,18 @@ INSTANTIATE_TEST_SUITE_P(EveryStop, CrashMatrix, ::testing::ValuesIn(AllCrashCas
 });
 
 TEST_F(ArenaTest, CrashStopNamingAnotherArenaDoesNothing) {
-  VMArena *arena = Open(kModes[0], VM_FLAG_CREATE, 1);
-  ASSERT_NE(arena, nullptr);
-  uint64_t id = VMArenaBlockNew(arena, 0, 512, nullptr, 0);
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
+  const uint64_t id = VMArenaBlockNew(arena, 0, 512, nullptr, 0);
   Fill(arena, id, 1);
-  QWSetEnvironmentVariable("QWEXIT", "arenaflushexec1");
-  QWSetEnvironmentVariable("QWVMEXIT", path("other").c_str());
+  qwtest::SetCrashStop("arenaflushexec1", path("other"));
   EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  QWSetEnvironmentVariable("QWEXIT", nullptr);
-  QWSetEnvironmentVariable("QWVMEXIT", nullptr);
+  qwtest::SetCrashStop(nullptr);
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 1));
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
-  VMArena *arena = Open(kModes[0], VM_FLAG_CREATE, 1);
-  ASSERT_NE(arena, nullptr);
-  uint64_t id = VMArenaBlockNew(arena, 0, 8192, nullptr, 0);
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
+  const uint64_t id = VMArenaBlockNew(arena, 0, 8192, nullptr, 0);
   QWSetEnvironmentVariable("QWRETURNFALSE", "VMArenaCommit");
   QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", "3");
   std::srand(11);
@@ -162,7 +157,7 @@ TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
       EXPECT_STREQ(QWErrorMessage(), "forced error in VMArenaCommit");
       QWErrorClear();
     }
-    ASSERT_TRUE(Holds(arena, id, OLDGEN, uint32_t(committedTag)) || committedTag == 0);
+    ASSERT_TRUE(committedTag == 0 || Holds(arena, id, OLDGEN, uint32_t(committedTag)));
   }
   QWSetEnvironmentVariable("QWRETURNFALSE", nullptr);
   QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", nullptr);
@@ -170,52 +165,65 @@ TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
   EXPECT_LT(failed, 40);
   ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0));
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 60));
-  VMArenaClose(arena);
 }
 
-// Readers of the committed generation, under the generation lock, see one
-// whole commit at a time while a writer commits over and over.
-class ArenaConcurrency : public ArenaTest, public ::testing::WithParamInterface<arenatest::Mode> {};
-
-TEST_P(ArenaConcurrency, OldGenerationReadersNeverSeeAMixDuringCommits) {
-  VMArena *arena = Open(GetParam(), VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  std::vector<uint64_t> ids;
-  for (int i = 0; i < 24; ++i) {
-    ids.push_back(VMArenaBlockNew(arena, 0, i % 2 ? 8192 : 700, nullptr, 0));
-    Fill(arena, ids.back(), 0);
-  }
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew));
-  std::atomic<bool> done{false};
-  std::atomic<int> mixes{0}, reads{0};
-  auto reader = [&] {
-    while (!done.load()) {
-      VMArenaOldGenAcquire(arena);
-      int tag = -1;
-      for (uint32_t t = 0; t <= 40 && tag < 0; ++t)
-        if (Holds(arena, ids[0], OLDGEN, t)) tag = int(t);
-      for (uint64_t id : ids)
-        if (tag < 0 || !Holds(arena, id, OLDGEN, uint32_t(tag))) ++mixes;
-      VMArenaOldGenRelease(arena);
-      ++reads;
-    }
+// A returned commit leaves nothing to finish: after a power loss right after
+// it, the replication log holds every record of the commit, no `committing`
+// marker is left (a read-only open works), and no replaced `N.old` remains.
+TEST_F(ArenaTest, AReturnedCommitIsCompleteAfterAPowerLoss) {
+  const std::string logPath = path("replication.log");
+  auto openWithLog = [&](ReplicationLog **log, uint32_t flags) {
+    *log = ReplicationLogFileOpen(logPath.c_str(), 8192);
+    return *log ? VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, *log, cache) : nullptr;
   };
-  std::thread r1(reader), r2(reader);
-  for (uint32_t tag = 1; tag <= 40; ++tag) {
-    VMArenaNewGenAcquire(arena, 0);
-    for (uint64_t id : ids) Fill(arena, id, tag);
-    VMArenaNewGenRelease(arena, 0);
-    ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  }
-  done = true;
-  r1.join();
-  r2.join();
-  EXPECT_EQ(mixes.load(), 0);
-  EXPECT_GT(reads.load(), 0);
+  auto createdRecords = [&] {
+    uint64_t count = 0;
+    EXPECT_EQ(ReplicationLogFileRead(
+                  logPath.c_str(),
+                  [](void *context, uint32_t type, uint32_t, uint32_t, const char *, const uint64_t *, uint32_t) {
+                    *static_cast<uint64_t *>(context) += type == REPLICATION_FILE_CREATED;
+                    return 1;
+                  },
+                  &count),
+              1)
+        << QWErrorMessage();
+    return count;
+  };
+  ReplicationLog *log = nullptr;
+  VMArena *arena = openWithLog(&log, VM_FLAG_CREATE);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  const uint64_t id = VMArenaBlockNew(arena, 0, 8192, nullptr, 0);
+  Fill(arena, id, 1);
+  ASSERT_EQ(VMArenaCommit(arena, nullptr, nullptr, 0), 1) << QWErrorMessage();
+  VMArenaClose(arena);
+  ReplicationLogClose(log);
+  for (const char *directory : {"arena", "arena/block"})
+    for (const auto &entry : std::filesystem::directory_iterator(path(directory))) {
+      const std::string name = entry.path().filename();
+      EXPECT_FALSE(name.size() > 8 && name.compare(name.size() - 8, 8, ".old.old") == 0) << name;
+      EXPECT_FALSE(name.size() > 8 && name.compare(name.size() - 8, 8, ".new.old") == 0) << name;
+    }
+  const uint64_t before = createdRecords();
+
+  auto child = qwtest::RunInChild([&] {
+    qw::fault::Reset();
+    qw::fault::EnableDurabilityTracking(true);
+    ReplicationLog *childLog = nullptr;
+    VMArena *childArena = openWithLog(&childLog, 0);
+    if (!childArena) _exit(4);
+    Fill(childArena, id, 2);
+    if (!VMArenaCommit(childArena, nullptr, nullptr, 0)) _exit(3);
+    qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
+    _exit(2);
+  });
+  ASSERT_TRUE(child.exited);
+  ASSERT_EQ(child.exitStatus, 2);
+  // Both index files of both buckets and both generation files.
+  EXPECT_EQ(createdRecords(), before + 6);
+  arena = VMArenaOpen(arenaDir().c_str(), VM_FLAG_READ_ONLY, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  EXPECT_TRUE(Holds(arena, id, OLDGEN, 2));
   VMArenaClose(arena);
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, ArenaConcurrency, ::testing::Values(kModes[0], kModes[2]),
-                         [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -1,72 +1,40 @@
-// I/O errors at the arena's named steps: each failure is reported with the
-// step's own message on top of the injected I/O error, leaves the arena at
-// the generation the step implies (old before the marker is durable, new
-// after the generation files are switched), and a later commit succeeds.
-// Also: an interrupted creation is refused without create and restarted
-// with it.
+// I/O errors at the arena's named steps: the step's message over the injected
+// error, the generation the step implies, and a later commit succeeds. An
+// interrupted creation is refused without create and restarted with it.
 #include <filesystem>
 
 #include "arena_fixture.h"
-#include "platform/qwlib/fault.h"
+#include "support/fault_support.h"
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::Fill;
-using arenatest::Holds;
-using arenatest::kModes;
+using namespace arenatest;
+using qw::fault::Bit;
 using qw::fault::Op;
 
 class ArenaIOErrors : public ArenaTest {
  protected:
-  void TearDown() override {
-    qw::fault::Disable();
-    ArenaTest::TearDown();
-  }
-
-  // An arena with blocks committed holding tag 1.
-  void Prepare(const arenatest::Mode &mode) {
-    VMArena *arena = Open(mode, VM_FLAG_CREATE);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  // A fresh arena with blocks committed holding tag 1, open.
+  void Prepare() {
+    ids.clear();
+    CloseArena();
+    std::filesystem::remove_all(arenaDir());
+    ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
     for (uint32_t i = 0; i < 12; ++i) {
       ids.push_back(VMArenaBlockNew(arena, 0, i % 2 ? 8192 : 300, nullptr, 0));
       Fill(arena, ids.back(), 1);
     }
-    ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-    VMArenaClose(arena);
+    ASSERT_TRUE(Commit()) << QWErrorMessage();
+    ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
   }
 
   // The tag every block holds in the committed generation; -1 for a mix.
-  int CommittedTag(const arenatest::Mode &mode) {
-    VMArena *arena = Open(mode, 0);
-    if (!arena) {
-      ADD_FAILURE() << QWErrorMessage();
-      return -1;
-    }
+  int CommittedTag() {
     int tag = -1;
-    for (int t : {1, 2}) {
-      bool all = true;
-      for (uint64_t id : ids) all = all && Holds(arena, id, OLDGEN, uint32_t(t));
-      if (all) tag = t;
-    }
-    VMArenaClose(arena);
+    EXPECT_TRUE(Reopen(kCache)) << QWErrorMessage();
+    for (uint32_t t : {1u, 2u})
+      if (arena && CountHolding(arena, ids, OLDGEN, t) == ids.size()) tag = int(t);
     return tag;
-  }
-
-  // A fresh arena with tag 1 committed, every block rewritten with tag 2
-  // and a commit whose `ops` on `path` fail (it must return 0). Returns the
-  // arena, still open; the fault rule stays armed.
-  VMArena *CommitFailingAt(const char *path, uint32_t ops) {
-    ids.clear();
-    std::filesystem::remove_all(arenaDir());
-    Prepare(kModes[0]);
-    VMArena *arena = Open(kModes[0], 0);
-    if (!arena) return nullptr;
-    for (uint64_t id : ids) Fill(arena, id, 2);
-    qw::fault::Reset();
-    qw::fault::FailPath(path, ops);
-    EXPECT_EQ(VMArenaCommit(arena, nullptr, nullptr, 0), 0);
-    return arena;
   }
 
   std::vector<uint64_t> ids;
@@ -74,51 +42,41 @@ class ArenaIOErrors : public ArenaTest {
 
 TEST_F(ArenaIOErrors, CommitStepsReportTheirStepAndTheDiskError) {
   const struct Case {
-    const char *path;  // the operation that fails: its path and kind
-    uint32_t ops;
+    uint32_t ops;         // the operation on the marker that fails
     const char *message;  // the step's message in the chain
     int committedTag;     // what a reopen right after the failure finds
   } cases[] = {
-      {"committing", qw::fault::Bit(Op::Open), "could not create the commit marker in", 1},
-      {"committing", qw::fault::Bit(Op::Remove), "could not remove the commit marker in", 2},
+      {Bit(Op::Open), "could not create the commit marker in", 1},
+      {Bit(Op::Remove), "could not remove the commit marker in", 2},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.message);
-    // Once the disk answers again the same arena commits.
-    VMArena *arena = CommitFailingAt(c.path, c.ops);
-    ASSERT_NE(arena, nullptr);
-    const std::string chain = QWErrorMessage();
-    EXPECT_NE(chain.find("injected I/O error"), std::string::npos) << chain;
-    EXPECT_NE(chain.find(c.message), std::string::npos) << chain;
-    qw::fault::Disable();
-    EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-    VMArenaClose(arena);
-    EXPECT_EQ(CommittedTag(kModes[0]), 2);
-    // A reopen right after the failure finds the generation the step implies.
-    arena = CommitFailingAt(c.path, c.ops);
-    ASSERT_NE(arena, nullptr);
-    qw::fault::Disable();
-    VMArenaClose(arena);
-    EXPECT_EQ(CommittedTag(kModes[0]), c.committedTag);
+    // Every block rewritten with tag 2, a commit that fails at the step; for
+    // `retry`, the same arena commits once the disk answers again.
+    for (bool retry : {true, false}) {
+      ASSERT_NO_FATAL_FAILURE(Prepare());
+      for (uint64_t id : ids) Fill(arena, id, 2);
+      EXPECT_TRUE(qwtest::FailsWithIOError({c.ops, "committing", 0},
+                                           [&] { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; }, c.message));
+      if (retry) {
+        EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+      }
+      EXPECT_EQ(CommittedTag(), retry ? 2 : c.committedTag);
+    }
   }
 }
 
 TEST_F(ArenaIOErrors, ACopyOnWriteReadErrorNamesTheBlockAndPassesLater) {
-  Prepare(kModes[0]);
-  VMArena *arena = Open(kModes[0], 0);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
-  qw::fault::Reset();
-  qw::fault::FailPath("/block/data", qw::fault::Bit(Op::Read));
+  ASSERT_NO_FATAL_FAILURE(Prepare());
   uint32_t size = 0;
-  EXPECT_EQ(VMArenaDataAcquire(arena, ids[1], 0, NEWGEN, 0, &size, nullptr), nullptr);
-  const std::string chain = QWErrorMessage();
-  EXPECT_NE(chain.find("injected I/O error in read"), std::string::npos) << chain;
-  EXPECT_NE(chain.find("could not copy block"), std::string::npos) << chain;
-  qw::fault::Disable();
+  EXPECT_TRUE(qwtest::FailsWithIOError(
+      {Bit(Op::Read), "/block/data", 0},
+      [&] { return VMArenaDataAcquire(arena, ids[1], 0, NEWGEN, 0, &size, nullptr) != nullptr; },
+      "could not copy block"));
+  EXPECT_NE(std::string(QWErrorMessage()).find("injected I/O error in read"), std::string::npos);
   Fill(arena, ids[1], 2);
   EXPECT_TRUE(Holds(arena, ids[1], NEWGEN, 2));
   EXPECT_TRUE(Holds(arena, ids[1], OLDGEN, 1));
-  VMArenaClose(arena);
 }
 
 TEST_F(ArenaIOErrors, AnInterruptedCreationIsRefusedWithoutCreateAndRestartedWithIt) {
@@ -127,20 +85,16 @@ TEST_F(ArenaIOErrors, AnInterruptedCreationIsRefusedWithoutCreateAndRestartedWit
   qwtest::WriteFileBytes(arenaDir() + "/creating", "");
   qwtest::WriteFileBytes(arenaDir() + "/arena.new", "partial");
   qwtest::WriteFileBytes(arenaDir() + "/block/data0", std::string(8192, 'x'));
-  EXPECT_EQ(Open(kModes[0], 0), nullptr);
+  EXPECT_FALSE(Reopen(kCache));
   EXPECT_NE(std::string(QWErrorMessage()).find("incomplete creation of VM in"), std::string::npos)
       << QWErrorMessage();
-  VMArena *arena = Open(kModes[0], VM_FLAG_CREATE);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   EXPECT_FALSE(std::filesystem::exists(arenaDir() + "/creating"));
   const uint64_t id = VMArenaBlockNew(arena, 0, 500, nullptr, 0);
   Fill(arena, id, 3);
-  ASSERT_TRUE(arenatest::Commit(arena, &serialOld, &serialNew)) << QWErrorMessage();
-  VMArenaClose(arena);
-  arena = Open(kModes[0], 0);
-  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 3));
-  VMArenaClose(arena);
 }
 
 }  // namespace

@@ -6,19 +6,18 @@
 
 namespace {
 
-using arenatest::ArenaTest;
-using arenatest::Fill;
-using arenatest::Holds;
-using arenatest::kModes;
+using namespace arenatest;
 
 class AtomicFile : public qwtest::TempDirTest {
  protected:
-  void Put(const char *name, const std::string &content) { qwtest::WriteFileBytes(path(name), content); }
+  void Put(const char *name, const char *content) {
+    if (content) qwtest::WriteFileBytes(path(name), content);
+  }
   std::string Get(const char *name) { return qwtest::ReadFileBytes(path(name)); }
   bool Has(const char *name) { return std::filesystem::exists(path(name)); }
 };
 
-TEST_F(AtomicFile, CommitReplacesTheFileAndLeavesNoSideFiles) {
+TEST_F(AtomicFile, CommitReplacesTheFileAndRecoverResolvesEveryInterruptedState) {
   Put("f", "old");
   Put("f.new", "new");
   ASSERT_TRUE(FileAtomicCommit(dir().c_str(), "f")) << QWErrorMessage();
@@ -30,31 +29,29 @@ TEST_F(AtomicFile, CommitReplacesTheFileAndLeavesNoSideFiles) {
   QWErrorClear();
   EXPECT_TRUE(FileAtomicRecover(dir().c_str(), "f"));
   EXPECT_EQ(Get("f"), "new");
-}
 
-TEST_F(AtomicFile, RecoverResolvesEveryInterruptedState) {
-  struct Case {
+  const struct {
     const char *target, *incoming, *aside;  // contents, nullptr = absent
-    const char *expected;
-  };
-  const Case cases[] = {
+    const char *expected;                   // nullptr: no file at all
+  } cases[] = {
       {"cur", "new", nullptr, "cur"},    // not started (or done): the target stays
       {nullptr, "new", "old", "new"},    // between the two renames: the new file wins
       {nullptr, nullptr, "old", "old"},  // only the old one left
       {nullptr, "new", nullptr, "new"},
       {"cur", nullptr, "old", "cur"},
+      {nullptr, nullptr, nullptr, nullptr},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     for (const char *name : {"f", "f.new", "f.old"}) std::filesystem::remove(path(name));
-    if (c.target) Put("f", c.target);
-    if (c.incoming) Put("f.new", c.incoming);
-    if (c.aside) Put("f.old", c.aside);
+    Put("f", c.target);
+    Put("f.new", c.incoming);
+    Put("f.old", c.aside);
     EXPECT_EQ(FileAtomicRecover(dir().c_str(), "f"), 1);
-    EXPECT_EQ(Get("f"), c.expected);
+    EXPECT_EQ(Has("f"), c.expected != nullptr);
+    if (c.expected) {
+      EXPECT_EQ(Get("f"), c.expected);
+    }
   }
-  for (const char *name : {"f", "f.new", "f.old"}) std::filesystem::remove(path(name));
-  EXPECT_EQ(FileAtomicRecover(dir().c_str(), "f"), 1);  // nothing at all: still 1
-  EXPECT_FALSE(Has("f"));
 }
 
 TEST_F(AtomicFile, CommitMarksLiveInTheStatusFile) {
@@ -76,27 +73,31 @@ TEST_F(AtomicFile, CommitMarksLiveInTheStatusFile) {
   QWErrorClear();
 }
 
-// A reader process keeps an arena open read-only and mounts each generation
-// the writer commits.
+// A reader keeps an arena open read-only and mounts each generation the
+// writer commits, with its blocks and its array names.
 TEST_F(ArenaTest, ReadOnlyArenaMountsANewerSerialisedGeneration) {
-  const arenatest::Mode &mode = kModes[1];
-  VMArena *writer = Open(mode, VM_FLAG_CREATE, 2);
+  VMArena *writer = Open(kCacheSerial);
   ASSERT_NE(writer, nullptr) << QWErrorMessage();
-  uint64_t id = VMArenaBlockNew(writer, 0, 8192, nullptr, 0);
+  const uint64_t id = VMArenaBlockNew(writer, 0, 8192, nullptr, 0);
   Fill(writer, id, 1);
-  ASSERT_TRUE(arenatest::Commit(writer, &serialOld, &serialNew));
+  ASSERT_TRUE(Commit(writer));
   VMArenaClose(writer);
 
-  VMArena *reader = Open(mode, VM_FLAG_READ_ONLY, 2);
-  ASSERT_NE(reader, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCacheSerial, VM_FLAG_READ_ONLY)) << QWErrorMessage();
+  VMArena *reader = arena;
   EXPECT_TRUE(Holds(reader, id, OLDGEN, 1));
 
-  writer = Open(mode, 0, 2);
+  writer = Open(kCacheSerial, 0);
   ASSERT_NE(writer, nullptr) << QWErrorMessage();
   Fill(writer, id, 2);
-  ASSERT_TRUE(arenatest::Commit(writer, &serialOld, &serialNew));
+  VMAArrayHandle handle, found;
+  ASSERT_TRUE(VMAArrayInitFromPath(&handle, writer, "mounted", "array"));
+  const uint16_t values[3] = {5, 6, 7};
+  ASSERT_TRUE(VMAArrayAppend_(writer, handle.id[NEWGEN], 0, kBlock, values, 3, NEWGEN, 2));
+  ASSERT_TRUE(Commit(writer));
   VMArenaClose(writer);
 
+  EXPECT_EQ(VMAArrayFind(reader, NEWGEN, "mounted/array", 13, 1, nullptr, 0, kBlock), VMA_NO_ARRAY);
   qwtest::MessageCapture capture;
   ASSERT_TRUE(VMArenaMountGeneration(reader, serialOld, serialNew)) << QWErrorMessage();
   EXPECT_TRUE(capture.contains("mounting arena generation[" + std::to_string(serialOld) + "," +
@@ -109,21 +110,23 @@ TEST_F(ArenaTest, ReadOnlyArenaMountsANewerSerialisedGeneration) {
   VMArenaSerials(reader, &o, &n);
   EXPECT_EQ(o, serialOld);
   EXPECT_EQ(n, serialNew);
-  // A generation file with another bucket count is refused with code 2.
-  std::string bad = arenaDir() + "/arena.new." + std::to_string(serialNew + 1);
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, reader, "mounted", "array")) << QWErrorMessage();
+  EXPECT_EQ(found.id[NEWGEN], handle.id[NEWGEN]);
+  EXPECT_EQ(found.id[OLDGEN], handle.id[NEWGEN]);
+  EXPECT_EQ(ReadAll(reader, found.id[OLDGEN], OLDGEN, 2),
+            Bytes(reinterpret_cast<const uint8_t *>(values), reinterpret_cast<const uint8_t *>(values) + 6));
+  // A generation file with another bucket count is refused.
   std::string good = qwtest::ReadFileBytes(arenaDir() + "/arena.new." + std::to_string(serialNew));
   good[0] = 3;
-  qwtest::WriteFileBytes(bad, good);
+  qwtest::WriteFileBytes(arenaDir() + "/arena.new." + std::to_string(serialNew + 1), good);
   std::filesystem::copy(arenaDir() + "/arena.old." + std::to_string(serialOld),
                         arenaDir() + "/arena.old." + std::to_string(serialOld + 1));
   EXPECT_FALSE(VMArenaMountGeneration(reader, serialOld, serialNew + 1));
   QWErrorClear();
-  VMArenaClose(reader);
 }
 
 TEST_F(ArenaTest, MemoryLocksAreKeptReappliedAndUnregistered) {
-  VMArena *arena = Open(kModes[0], VM_FLAG_CREATE, 2);
-  ASSERT_NE(arena, nullptr);
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   std::vector<uint64_t> ids;
   for (int i = 0; i < 8; ++i) {
     ids.push_back(VMArenaBlockNew(arena, 1, 8192, nullptr, 0));  // allocated locked
@@ -140,8 +143,7 @@ TEST_F(ArenaTest, MemoryLocksAreKeptReappliedAndUnregistered) {
   EXPECT_FALSE(capture.contains("Lock failure"));
   EXPECT_TRUE(MemoryLockApplyAll()) << QWErrorMessage();  // the arena's enumerator runs
   EXPECT_TRUE(Holds(arena, ids[0], OLDGEN, 5));
-  for (size_t i = 1; i < ids.size(); ++i) EXPECT_TRUE(Holds(arena, ids[i], OLDGEN, 4));
-  VMArenaClose(arena);
+  EXPECT_EQ(CountHolding(arena, std::vector<uint64_t>(ids.begin() + 1, ids.end()), OLDGEN, 4), ids.size() - 1);
 }
 
 }  // namespace

@@ -1,23 +1,12 @@
-// Crash safety and failures of the flush.
-//
-// Power loss: a child commits a first generation, then loses power at the
-// n-th sync of a second commit (n = 1, 2, ... until the commit completes);
-// the parent recovers as the arena does and must find exactly the first or
-// the second generation, and a server that commits again cleanly.
-// Failed flush: an I/O error injected at each step of a commit leaves the
-// committed generation and the uncommitted changes as they were, and the
-// next commit succeeds.
-#include <unistd.h>
-
-#include <cstdio>
-#include <functional>
-#include <initializer_list>
+// Power loss at each sync of a second commit: recovery (as the arena does it)
+// finds exactly the first or the second generation and commits again cleanly.
+// An I/O error at each step of a commit leaves both generations as they were,
+// and the next commit succeeds.
 #include <map>
 #include <string>
 #include <tuple>
-#include <vector>
 
-#include "platform/qwlib/fault.h"
+#include "support/fault_support.h"
 #include "vm/lbs/lbs_fixture.h"
 
 namespace lbstest {
@@ -26,11 +15,9 @@ namespace {
 namespace fault = qw::fault;
 using Model = std::map<uint32_t, uint32_t>;
 
-// Deterministic changes, so that a run without faults gives the models.
-// The first leaves raw blocks 4..7 free below the committed size (after its
-// commit); the second fills two of them with blocks that the flush moves
-// down from the read-write part, so that the flush writes into the
-// committed part of the data file too.
+// Deterministic changes. The first leaves raw blocks 4..7 free below the
+// committed size; the second fills two with blocks the flush moves down, so
+// the flush writes into the committed part of the data file too.
 bool FirstChanges(LocalBlockServer0 *server) {
   for (uint32_t i = 0; i < 24; ++i)
     if (LbsTest::NewBlock(server, i + 1) != i) return false;
@@ -70,18 +57,12 @@ bool CreateMarker(const std::string &path, const std::string &content) {
 class LbsPowerLossTest : public LbsTest,
                          public ::testing::WithParamInterface<std::tuple<Mode, bool, fault::PowerLoss>> {
  protected:
-  void TearDown() override {
-    fault::Disable();
-    LbsTest::TearDown();
-  }
-  Mode mode() const { return std::get<0>(GetParam()); }
+  const Mode &mode() const { return std::get<0>(GetParam()); }
   bool serialised() const { return std::get<1>(GetParam()); }
   uint64_t FirstSerial() const { return serialised() ? 0 : STATUS_NO_SERIAL; }
 
-  // The second commit, with the arena's markers: `committing` between the
-  // flush execute and the end of the disk commit (unserialised), or the
-  // serial of the generation to open once its files are written
-  // (serialised: the caller's own record).
+  // A commit with the arena's markers: `committing` around the disk commit
+  // (unserialised), or the serial to open once the files are written.
   static bool MarkedCommit(LocalBlockServer0 *server, const std::string &directory) {
     const bool serial = server->serial_old != STATUS_NO_SERIAL;
     (void)LocalBlockServer0MappingFlush(server, 1);
@@ -112,7 +93,6 @@ class LbsPowerLossTest : public LbsTest,
     return OpenIn(directory, mode(), serial);
   }
 
-  // Models of the first and second generations, from a run without faults.
   void ReferenceModels(Model *first, Model *second) {
     const std::string directory = path("reference");
     ASSERT_EQ(DirectoryCreate(directory.c_str()), 1);
@@ -139,24 +119,18 @@ TEST_P(LbsPowerLossTest, RecoversTheFirstOrTheSecondGeneration) {
   for (uint64_t n = 1; n <= 60 && !completed; ++n) {
     const std::string directory = path("run" + std::to_string(n));
     ASSERT_EQ(DirectoryCreate(directory.c_str()), 1);
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      fault::Reset();
-      fault::EnableDurabilityTracking(true);
-      ServerPtr server = OpenIn(directory, mode(), FirstSerial());
-      if (!server || !FirstChanges(server.get()) || !Commit(server.get()) || !SecondChanges(server.get())) {
-        std::printf("workload failed: %s\n", QWErrorMessage());
-        std::fflush(stdout);
-        _exit(3);
-      }
-      fault::CrashAtSync(n, std::get<2>(GetParam()), n);
-      if (!MarkedCommit(server.get(), directory)) _exit(4);
-      _exit(0);
-    });
-    ASSERT_TRUE(child.exited) << child.out;
-    ASSERT_TRUE(child.exitStatus == 0 || child.exitStatus == 1) << "n=" << n << ": " << child.out;
-    completed = child.exitStatus == 0;
+    ServerPtr server;
+    const qwtest::PowerLossRun run = qwtest::PowerLossChild(
+        n, {std::get<2>(GetParam()), n},
+        [&] {
+          server = OpenIn(directory, mode(), FirstSerial());
+          return server && FirstChanges(server.get()) && Commit(server.get()) && SecondChanges(server.get());
+        },
+        [&] { return MarkedCommit(server.get(), directory); }, false);
+    ASSERT_TRUE(run.status == 1 || run.status == 2) << "n=" << n << ": " << run.out;
+    completed = run.status == 2;
 
-    ServerPtr server = Recover(directory);
+    server = Recover(directory);
     ASSERT_TRUE(server) << "n=" << n << ": " << QWErrorMessage();
     Model found, old;
     ASSERT_TRUE(Snapshot(server.get(), NEWGEN, &found)) << "n=" << n;
@@ -165,8 +139,8 @@ TEST_P(LbsPowerLossTest, RecoversTheFirstOrTheSecondGeneration) {
     if (completed) {
       EXPECT_EQ(found, second);
     }
-    if (found == first) ++sawFirst;
-    if (found == second) ++sawSecond;
+    sawFirst += found == first;
+    sawSecond += found == second;
     ASSERT_TRUE(found == first || found == second) << "n=" << n << ": a mixed state";
     // The recovered server commits further without repairs.
     qwtest::MessageCapture capture;
@@ -184,15 +158,11 @@ TEST_P(LbsPowerLossTest, CreationSurvivesPowerLoss) {
   for (uint64_t n = 1; n <= 30 && !completed; ++n) {
     const std::string directory = path("create" + std::to_string(n));
     ASSERT_EQ(DirectoryCreate(directory.c_str()), 1);
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      fault::Reset();
-      fault::CrashAtSync(n, std::get<2>(GetParam()), n);
-      ServerPtr server = OpenIn(directory, mode(), FirstSerial());
-      _exit(server ? 0 : 3);
-    });
-    ASSERT_TRUE(child.exited) << child.out;
-    ASSERT_TRUE(child.exitStatus == 0 || child.exitStatus == 1) << "n=" << n << ": " << child.out;
-    completed = child.exitStatus == 0;
+    const qwtest::PowerLossRun run = qwtest::PowerLossChild(
+        n, {std::get<2>(GetParam()), n}, nullptr, [&] { return bool(OpenIn(directory, mode(), FirstSerial())); },
+        false);
+    ASSERT_TRUE(run.status == 1 || run.status == 2) << "n=" << n << ": " << run.out;
+    completed = run.status == 2;
     ServerPtr server = OpenIn(directory, mode(), FirstSerial());
     ASSERT_TRUE(server) << "n=" << n << ": " << QWErrorMessage();
     EXPECT_EQ(LocalBlockServer0BlockCount(server.get()), 0u);
@@ -203,41 +173,32 @@ TEST_P(LbsPowerLossTest, CreationSurvivesPowerLoss) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, LbsPowerLossTest,
-                         ::testing::Combine(::testing::Values(Mode::kPageCache, Mode::kMapped, Mode::kExtents),
+                         ::testing::Combine(::testing::ValuesIn(kModes),
                                             ::testing::Bool(),
                                             ::testing::Values(fault::PowerLoss::Drop, fault::PowerLoss::Garble)),
-                         [](const ::testing::TestParamInfo<std::tuple<Mode, bool, fault::PowerLoss>> &info) {
-                           return std::string(ModeName(std::get<0>(info.param))) +
+                         [](const auto &info) {
+                           return std::string(std::get<0>(info.param).name) +
                                   (std::get<1>(info.param) ? "Serialised" : "Unserialised") +
                                   (std::get<2>(info.param) == fault::PowerLoss::Drop ? "Drop" : "Garble");
                          });
 
-struct FailurePoint {
-  const char *what;
-  uint32_t ops;
-  const char *path;  // substring of the path; "" for any
-};
-
-class LbsFailedFlushTest : public LbsTest, public ::testing::WithParamInterface<Mode> {
- protected:
-  void TearDown() override {
-    fault::Disable();
-    LbsTest::TearDown();
-  }
-};
+class LbsFailedFlushTest : public LbsTest, public ::testing::WithParamInterface<Mode> {};
 
 TEST_P(LbsFailedFlushTest, AFailedCommitChangesNothingAndTheNextOneSucceeds) {
-  const std::vector<FailurePoint> points = {
-      {"data file write or sync of a mapping", fault::Op::Write | fault::Op::MapSync, ""},
-      {"data file sync", fault::Bit(fault::Op::Sync), "data0"},
-      {"new index", fault::Bit(fault::Op::Open), "index0.new"},
-      {"old index", fault::Bit(fault::Op::Open), "index0.old"},
-      {"old index sync", fault::Bit(fault::Op::Sync), "index0.old"},
-      {"directory sync", fault::Bit(fault::Op::DirSync), ""},
-      {"index commit", fault::Bit(fault::Op::Rename), "index0.new"},
+  const struct {
+    const char *what;
+    qwtest::IOFault fault;  // the operation that fails
+  } points[] = {
+      {"data file write or sync of a mapping", {fault::Op::Write | fault::Op::MapSync}},
+      {"data file sync", {fault::Bit(fault::Op::Sync), "data0"}},
+      {"new index", {fault::Bit(fault::Op::Open), "index0.new"}},
+      {"old index", {fault::Bit(fault::Op::Open), "index0.old"}},
+      {"old index sync", {fault::Bit(fault::Op::Sync), "index0.old"}},
+      {"directory sync", {fault::Bit(fault::Op::DirSync)}},
+      {"index commit", {fault::Bit(fault::Op::Rename), "index0.new"}},
   };
   int index = 0;
-  for (const FailurePoint &point : points) {
+  for (const auto &point : points) {
     SCOPED_TRACE(point.what);
     const std::string directory = path("case" + std::to_string(index++));
     ASSERT_EQ(DirectoryCreate(directory.c_str()), 1);
@@ -245,23 +206,19 @@ TEST_P(LbsFailedFlushTest, AFailedCommitChangesNothingAndTheNextOneSucceeds) {
     ASSERT_TRUE(server) << QWErrorMessage();
     ASSERT_TRUE(FirstChanges(server.get()));
     ASSERT_TRUE(Commit(server.get())) << QWErrorMessage();
-    Model committed, current;
+    Model committed, current, found;
     ASSERT_TRUE(Snapshot(server.get(), NEWGEN, &committed));
     ASSERT_TRUE(SecondChanges(server.get()));
     ASSERT_TRUE(Snapshot(server.get(), NEWGEN, &current));
 
     (void)LocalBlockServer0MappingFlush(server.get(), 1);
-    fault::Reset();
-    fault::FailNth(1, false, point.ops, point.path);
-    const bool ok = LocalBlockServer0FlushStart(server.get(), STATUS_NO_SERIAL, STATUS_NO_SERIAL) &&
-                    LocalBlockServer0FlushFileExec(server.get()) && LocalBlockServer0CommitDisk(server.get()) &&
-                    LocalBlockServer0CommitMemory(server.get());
-    LocalBlockServer0FlushStop(server.get());
-    fault::Disable();
-    EXPECT_FALSE(ok);
-    EXPECT_NE(std::string(QWErrorMessage()).find("injected I/O error"), std::string::npos) << QWErrorMessage();
-
-    Model found;
+    EXPECT_TRUE(qwtest::FailsWithIOError(point.fault, [&] {
+      const bool ok = LocalBlockServer0FlushStart(server.get(), STATUS_NO_SERIAL, STATUS_NO_SERIAL) &&
+                      LocalBlockServer0FlushFileExec(server.get()) && LocalBlockServer0CommitDisk(server.get()) &&
+                      LocalBlockServer0CommitMemory(server.get());
+      LocalBlockServer0FlushStop(server.get());
+      return ok;
+    }));
     ASSERT_TRUE(Snapshot(server.get(), NEWGEN, &found));
     EXPECT_EQ(found, current);
     ASSERT_TRUE(Snapshot(server.get(), OLDGEN, &found));
@@ -282,8 +239,7 @@ TEST_P(LbsFailedFlushTest, AFailedCommitChangesNothingAndTheNextOneSucceeds) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, LbsFailedFlushTest, ::testing::Values(Mode::kPageCache, Mode::kMapped, Mode::kExtents),
-                         [](const ::testing::TestParamInfo<Mode> &info) { return ModeName(info.param); });
+INSTANTIATE_TEST_SUITE_P(Modes, LbsFailedFlushTest, ::testing::ValuesIn(kModes), ModeName);
 
 }  // namespace
 }  // namespace lbstest

@@ -15,19 +15,22 @@ using qwtest::WriteFileBytes;
 
 std::string EmptyList() { return std::string("\x01", 1) + LE(0, 4); }
 
-std::vector<uint32_t> List(const QwArray<uint32_t> &list) {
-  return std::vector<uint32_t>(list.p, list.p + list.size());
+// A list of 4-byte entries as the index stores it.
+std::string Entries(const std::vector<uint32_t> &values) {
+  std::string bytes = "\x04" + LE(values.size(), 4);
+  for (uint32_t v : values) bytes += LE(v, 4);
+  return bytes;
 }
 
 class LbsIndexFileTest : public LbsTest {
  protected:
   // A committed server with blocks 0 and 1 (raw blocks 0 and 1), closed.
   void MakeTwoBlockServer() {
-    ServerPtr server = Open(Mode::kPageCache);
-    ASSERT_TRUE(server) << QWErrorMessage();
+    ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
     ASSERT_EQ(NewBlock(server.get(), 1), 0u);
     ASSERT_EQ(NewBlock(server.get(), 2), 1u);
     ASSERT_TRUE(Commit(server.get())) << QWErrorMessage();
+    server.reset();
   }
 
   std::string NewIndex(uint64_t rsize, const std::vector<uint32_t> &map, const std::string &lists) {
@@ -42,23 +45,23 @@ class LbsIndexFileTest : public LbsTest {
     return bytes;
   }
 
-  // Opening must fail with an error (and leave the files alone).
-  void ExpectRefused(const std::string &what, int code = 0) {
+  // Opening must fail with an error (`code`, `message` in the chain, when
+  // given) and leave the files alone.
+  void ExpectRefused(const std::string &what, int code = 0, const std::string &message = "") {
     const std::string newBefore = ReadFileBytes(path("index0.new"));
     QWErrorClear();
-    ServerPtr server = Open(Mode::kPageCache);
-    EXPECT_FALSE(server) << what;
+    EXPECT_FALSE(Reopen(kPageCache)) << what;
     EXPECT_TRUE(QWErrorIsSet()) << what;
     if (code) {
       EXPECT_EQ(QWErrorCode(), code) << what << ": " << QWErrorMessage();
     }
+    EXPECT_NE(std::string(QWErrorMessage()).find(message), std::string::npos) << QWErrorMessage();
     EXPECT_EQ(ReadFileBytes(path("index0.new")), newBefore) << what;
   }
 };
 
 TEST_F(LbsIndexFileTest, InitialCreateWritesEmptyIndexes) {
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   EXPECT_EQ(ReadFileBytes(path("index0.new")), NewIndex(0, {}, EmptyList() + EmptyList() + EmptyList()));
   EXPECT_EQ(ReadFileBytes(path("index0.old")), OldIndex({}));
   EXPECT_EQ(FileBytes(path("data0")), 0u);
@@ -74,8 +77,7 @@ TEST_F(LbsIndexFileTest, FlushWritesExactBytes) {
 
   // Freeing block 0: its raw block waits on freeRawBlocksNew, the limit
   // drops the padding, which comes back, and the lists merge at the end.
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   LocalBlockServer0BlockFree(server.get(), 0);
   ASSERT_TRUE(Commit(server.get())) << QWErrorMessage();
   const std::string merged = std::string("\x01", 1) + LE(7, 4) + std::string("\x07\x06\x05\x04\x03\x02\x00", 7);
@@ -85,30 +87,13 @@ TEST_F(LbsIndexFileTest, FlushWritesExactBytes) {
   EXPECT_EQ(ReadFileBytes(path("index0.old")), OldIndex({INVALID_RAW_BLOCK_ID, 1}));
 }
 
-TEST_F(LbsIndexFileTest, WrongBlockSizeIsRefusedWithCode2) {
-  MakeTwoBlockServer();
-  std::string bytes = ReadFileBytes(path("index0.new"));
-  bytes.replace(0, 8, LE(4096, 8));
-  WriteFileBytes(path("index0.new"), bytes);
-  ExpectRefused("block size", 2);
-  EXPECT_NE(std::string(QWErrorMessage())
-                .find("could not open file \"" + path("index0.new") + "\": invalid block size: 4096"),
-            std::string::npos)
-      << QWErrorMessage();
-}
-
 TEST_F(LbsIndexFileTest, ShortDataFileIsRefusedLongerAccepted) {
   MakeTwoBlockServer();
   ASSERT_EQ(FileTruncate(path("data0").c_str(), 57344), 1);
-  ExpectRefused("short data file", 2);
-  EXPECT_NE(std::string(QWErrorMessage())
-                .find("IndexFileNewGenRead: cannot mount data file: file size mismatch (file size=57344  rsize=65536)"),
-            std::string::npos)
-      << QWErrorMessage();
-
+  ExpectRefused("short data file", 2,
+                "IndexFileNewGenRead: cannot mount data file: file size mismatch (file size=57344  rsize=65536)");
   ASSERT_EQ(FileTruncate(path("data0").c_str(), 65536 + 3 * 8192), 1);
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   EXPECT_EQ(FileBytes(path("data0")), 65536u);  // what was never committed is cut off
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 1));
   EXPECT_TRUE(BlockHolds(server.get(), 1, OLDGEN, 2));
@@ -116,33 +101,28 @@ TEST_F(LbsIndexFileTest, ShortDataFileIsRefusedLongerAccepted) {
 
 TEST_F(LbsIndexFileTest, EveryTruncationOfTheIndexIsRefused) {
   MakeTwoBlockServer();
-  const std::string whole = ReadFileBytes(path("index0.new"));
-  for (size_t length = 0; length < whole.size(); ++length) {
-    WriteFileBytes(path("index0.new"), whole.substr(0, length));
-    ExpectRefused("new index cut at " + std::to_string(length));
-  }
-  WriteFileBytes(path("index0.new"), whole);
-  const std::string old = ReadFileBytes(path("index0.old"));
-  for (size_t length = 0; length < old.size(); ++length) {
-    WriteFileBytes(path("index0.old"), old.substr(0, length));
-    ExpectRefused("old index cut at " + std::to_string(length));
+  for (const char *name : {"index0.new", "index0.old"}) {
+    const std::string whole = ReadFileBytes(path(name));
+    for (size_t length = 0; length < whole.size(); ++length) {
+      WriteFileBytes(path(name), whole.substr(0, length));
+      ExpectRefused(std::string(name) + " cut at " + std::to_string(length));
+    }
+    WriteFileBytes(path(name), whole);
   }
 }
 
 TEST_F(LbsIndexFileTest, InconsistentIndexesAreRefused) {
   MakeTwoBlockServer();
   const std::string lists = EmptyList() + EmptyList() + EmptyList();
-  auto list = [](std::vector<uint32_t> values) {
-    std::string bytes = "\x04" + LE(values.size(), 4);
-    for (uint32_t v : values) bytes += LE(v, 4);
-    return bytes;
-  };
-  struct Case {
+  const auto list = Entries;
+  const struct Case {
     const char *what;
-    std::string newIndex;
-    std::string oldIndex;
-  };
-  const std::vector<Case> cases = {
+    std::string newIndex, oldIndex;
+    int code = 0;
+    std::string message = "";
+  } cases[] = {
+      {"block size", LE(4096, 8) + NewIndex(65536, {0, 1}, lists).substr(8), OldIndex({0, 1}), 2,
+       "could not open file \"" + path("index0.new") + "\": invalid block size: 4096"},
       {"map entry beyond the data file", NewIndex(65536, {0, 8}, lists), OldIndex({0, 8})},
       {"raw block used twice", NewIndex(65536, {1, 1}, lists), OldIndex({1})},
       {"free raw block beyond the data file", NewIndex(65536, {0, 1}, list({9}) + EmptyList() + EmptyList()),
@@ -163,7 +143,7 @@ TEST_F(LbsIndexFileTest, InconsistentIndexesAreRefused) {
   for (const Case &c : cases) {
     WriteFileBytes(path("index0.new"), c.newIndex);
     WriteFileBytes(path("index0.old"), c.oldIndex);
-    ExpectRefused(c.what);
+    ExpectRefused(c.what, c.code, c.message);
   }
 }
 
@@ -172,19 +152,14 @@ TEST_F(LbsIndexFileTest, InconsistentFreeListsAreRepaired) {
   // Block 1 moves to raw block 5. freeRawBlocksNew holds raw block 1, which
   // the old generation does not use: it is free at once. Raw block 3 is on
   // no list: the flush's accounting check finds it.
-  auto list = [](std::vector<uint32_t> values) {
-    std::string bytes = "\x04" + LE(values.size(), 4);
-    for (uint32_t v : values) bytes += LE(v, 4);
-    return bytes;
-  };
+  const auto list = Entries;
   std::string data = ReadFileBytes(path("data0"));
   data.replace(5 * 8192, 8192, data.substr(8192, 8192));
   WriteFileBytes(path("data0"), data);
   WriteFileBytes(path("index0.new"), NewIndex(65536, {0, 5}, list({7, 6, 4, 2}) + list({1}) + EmptyList()));
   WriteFileBytes(path("index0.old"), OldIndex({0, 5}));
   qwtest::MessageCapture capture;
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   EXPECT_TRUE(capture.contains("IndexFileNewGenRead: 1 free raw blocks were put on the list of their generation",
                                QW_LEVEL_WARNING));
   EXPECT_EQ(server->rwGen.freeRawBlocksNew.size(), 0u);
@@ -226,19 +201,18 @@ TEST_F(LbsIndexFileTest, CommitToleratesAnAlreadyCommittedIndex) {
 
 TEST_F(LbsIndexFileTest, RecoverOpenCommitsAPendingNewIndex) {
   MakeTwoBlockServer();
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   ASSERT_TRUE(WriteBlock(server.get(), 0, 40));
   ASSERT_EQ(LocalBlockServer0FlushStart(server.get(), STATUS_NO_SERIAL, STATUS_NO_SERIAL), 1);
   ASSERT_EQ(LocalBlockServer0FlushFileExec(server.get()), 1) << QWErrorMessage();
   server.reset();  // as if the process died before the disk commit
   EXPECT_TRUE(FileExists(path("index0.new.new").c_str()));
-  server = Open(Mode::kPageCache);  // the pending files are ignored
+  server = Open(kPageCache);  // the pending files are ignored
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 1));
   server.reset();
   ASSERT_EQ(IndexFileCommitOld(dir().c_str(), "0"), 1);
-  server = Open(Mode::kPageCache, STATUS_NO_SERIAL, VM_FLAG_RECOVER);  // commits index0.new.new
+  server = Open(kPageCache, STATUS_NO_SERIAL, VM_FLAG_RECOVER);  // commits index0.new.new
   ASSERT_TRUE(server) << QWErrorMessage();
   EXPECT_TRUE(BlockHolds(server.get(), 0, NEWGEN, 40));
   EXPECT_TRUE(BlockHolds(server.get(), 0, OLDGEN, 40));
@@ -246,8 +220,7 @@ TEST_F(LbsIndexFileTest, RecoverOpenCommitsAPendingNewIndex) {
 
 TEST_F(LbsIndexFileTest, NewGenReadReplacesTheNewGeneration) {
   MakeTwoBlockServer();
-  ServerPtr server = Open(Mode::kPageCache);
-  ASSERT_TRUE(server) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   LocalBlockServer0BlockFree(server.get(), 1);
   ASSERT_NE(NewBlock(server.get(), 9), INVALID_BLOCK_ID);
   // Re-read the committed index's content over the changed generation.
@@ -292,7 +265,7 @@ TEST_F(LbsIndexFileTest, ReplicationLogSeesEveryFileEvent) {
   ReplicationLog *log = ReplicationLogNew(&ops, &recorder);
   ASSERT_NE(log, nullptr);
   {
-    ServerPtr server = Open(Mode::kPageCache, STATUS_NO_SERIAL, 0, log);
+    ServerPtr server = Open(kPageCache, STATUS_NO_SERIAL, 0, log);
     ASSERT_TRUE(server) << QWErrorMessage();
     auto created = [&](const std::string &name) {
       for (const Event &e : recorder.events)
@@ -325,7 +298,7 @@ TEST_F(LbsIndexFileTest, ReplicationLogOfAnotherBlockSizeIsAnAssertion) {
   ops.getBlockSize = [](void *) -> uint32_t { return 4096; };
   ReplicationLog *log = ReplicationLogNew(&ops, nullptr);
   ASSERT_NE(log, nullptr);
-  EXPECT_DEATH((void)Open(Mode::kPageCache, STATUS_NO_SERIAL, 0, log),
+  EXPECT_DEATH((void)Open(kPageCache, STATUS_NO_SERIAL, 0, log),
                "ReplicationLogGetBlockSize\\(log\\) == \\(UInt\\) blockSize");
   ReplicationLogClose(log);
 }

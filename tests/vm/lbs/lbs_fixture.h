@@ -1,14 +1,11 @@
-// Shared helpers of the block server tests: a page cache per test, servers
-// opened on the test directory in each access mode, the arena's commit
-// sequence, and self-checking block contents (a seed and the bytes it
-// determines).
+// Block server tests: servers opened on the test directory in each access
+// mode, the arena's commit sequence, and self-checking block contents (a seed
+// and the bytes it determines).
 #pragma once
 
-#include <cstdint>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <string>
 
 #include "qwvm/vmarena.h"
 #include "support/test_support.h"
@@ -19,30 +16,21 @@ namespace lbstest {
 
 using namespace qw::vm;
 
-enum class Mode { kPageCache, kMapped, kExtents };
-
-inline const char *ModeName(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return "PageCache";
-    case Mode::kMapped: return "Mapped";
-    default: return "Extents";
-  }
-}
-
-inline uint32_t ModeFlags(Mode mode) {
-  switch (mode) {
-    case Mode::kPageCache: return 0;
-    case Mode::kMapped: return VM_FLAG_MAPPED;
-    default: return VM_FLAG_MAPPED | VM_FLAG_EXTENTS;
-  }
-}
+// Through the page cache, mapped, or mapped with the read-write part in extent files.
+struct Mode {
+  const char *name;
+  uint32_t flags;
+};
+inline const Mode kPageCache{"PageCache", 0}, kMapped{"Mapped", VM_FLAG_MAPPED},
+    kExtents{"Extents", VM_FLAG_MAPPED | VM_FLAG_EXTENTS};
+inline const Mode kModes[] = {kPageCache, kMapped, kExtents};
+inline std::string ModeName(const ::testing::TestParamInfo<Mode> &info) { return info.param.name; }
 
 struct ServerCloser {
   void operator()(LocalBlockServer0 *server) const { (void)LocalBlockServer0Close(server); }
 };
 using ServerPtr = std::unique_ptr<LocalBlockServer0, ServerCloser>;
 
-// Block bytes: the seed, then a sequence that the seed determines.
 inline void FillPattern(void *block, uint32_t seed) {
   auto *bytes = static_cast<uint8_t *>(block);
   std::memcpy(bytes, &seed, 4);
@@ -53,8 +41,7 @@ inline void FillPattern(void *block, uint32_t seed) {
   }
 }
 
-// The seed of a block filled by FillPattern; false when the bytes are not
-// such a pattern.
+// The seed of a block filled by FillPattern; false when it is not such a pattern.
 inline bool PatternSeed(const void *block, uint32_t *seed) {
   alignas(8) static thread_local uint8_t expected[kServerBlockSize];
   std::memcpy(seed, block, 4);
@@ -62,31 +49,30 @@ inline bool PatternSeed(const void *block, uint32_t *seed) {
   return std::memcmp(expected, block, kServerBlockSize) == 0;
 }
 
-class LbsTest : public qwtest::TempDirTest {
- protected:
-  void SetUp() override {
-    TempDirTest::SetUp();
-    cache_ = PageCacheNew(8 << 20, 8192);
-    ASSERT_NE(cache_, nullptr);
-  }
-  void TearDown() override {
-    PageCacheFree(cache_);
-    TempDirTest::TearDown();
-  }
+inline std::vector<uint32_t> List(const QwArray<uint32_t> &list) {
+  return std::vector<uint32_t>(list.p, list.p + list.size());
+}
 
+class LbsTest : public qwtest::CachedTempDirTest {
+ protected:
+  LbsTest() { cacheBytes = 8 << 20; }
+  void CloseAll() override { server.reset(); }
+  bool Reopen(const Mode &mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0) {
+    server.reset();
+    return bool(server = Open(mode, serial, extraFlags));
+  }
   ServerPtr Open(Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                  ReplicationLog *log = nullptr) {
     return OpenIn(dir(), mode, serial, extraFlags, log);
   }
   ServerPtr OpenIn(const std::string &directory, Mode mode, uint64_t serial = STATUS_NO_SERIAL, uint32_t extraFlags = 0,
                    ReplicationLog *log = nullptr) {
-    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", ModeFlags(mode) | extraFlags, kServerBlockSize,
-                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache_));
+    return ServerPtr(LocalBlockServer0Open_(directory.c_str(), "0", mode.flags | extraFlags, kServerBlockSize,
+                                            kFileBlockSize, kMinBlockCount, serial, serial, log, cache));
   }
 
  public:
-  // The arena's sequence: mapping flush, start, execute, disk and memory
-  // commit, stop (also after a failure).
+  // The arena's sequence: mapping flush, start, execute, disk and memory commit, stop.
   static bool Commit(LocalBlockServer0 *server) {
     uint64_t oldSerial = STATUS_NO_SERIAL, newSerial = STATUS_NO_SERIAL;
     if (server->serial_old != STATUS_NO_SERIAL) {
@@ -101,7 +87,6 @@ class LbsTest : public qwtest::TempDirTest {
     return ok;
   }
 
-  // Writes the pattern of `seed` into the block (copying it first if shared).
   static ::testing::AssertionResult WriteBlock(LocalBlockServer0 *server, uint32_t block, uint32_t seed) {
     const uint32_t raw = LocalBlockServer0RawIdWrite(server, block);
     if (raw == INVALID_RAW_BLOCK_ID) return ::testing::AssertionFailure() << "no raw block for " << block;
@@ -112,7 +97,6 @@ class LbsTest : public qwtest::TempDirTest {
     return ::testing::AssertionSuccess();
   }
 
-  // Reads the seed of a block in a generation.
   static ::testing::AssertionResult ReadBlock(LocalBlockServer0 *server, uint32_t block, uint32_t generation,
                                               uint32_t *seed) {
     const uint32_t raw = LocalBlockServer0RawIdRead(server, block, generation);
@@ -141,8 +125,7 @@ class LbsTest : public qwtest::TempDirTest {
     return block;
   }
 
-  // Seeds of every allocated block of a generation; false when a block is
-  // unreadable or garbled.
+  // Seeds of every allocated block of a generation; false when one is unreadable or garbled.
   static bool Snapshot(LocalBlockServer0 *server, uint32_t generation, std::map<uint32_t, uint32_t> *model) {
     model->clear();
     const uint32_t count =
@@ -162,10 +145,10 @@ class LbsTest : public qwtest::TempDirTest {
   }
 
  protected:
-  PageCache *cache_ = nullptr;
+  ServerPtr server;  // the server of Reopen
 };
 
-// Little-endian bytes of an integer, for building expected file contents.
+// Little-endian bytes of an integer.
 inline std::string LE(uint64_t value, unsigned bytes) {
   std::string out;
   for (unsigned i = 0; i < bytes; ++i) out.push_back(char((value >> (8 * i)) & 0xFF));

@@ -1,31 +1,24 @@
-// Block-directory arrays against a model: random adds, sets and resizes
-// (lengths around the prefix and block-size limits, up to 4090), commits
-// and reopenings, compared with one std::vector<std::string> per bucket in
-// both generations; DBArrayCheck must stay clean after every step.
-#include <random>
-
+// Block-directory arrays against a model (one std::vector<std::string> per
+// bucket, both generations, DBArrayCheck clean after every step), across a
+// crash at each commit stop, and with committed readers and checkers beside
+// a writer.
 #include "dbarray_fixture.h"
 
 namespace {
 
+using dbatest::Buckets;
 using dbatest::Pattern;
-
-using Buckets = std::vector<std::vector<std::string>>;
 
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t buckets;
-  uint32_t maxBlocks;
-  uint32_t compact;
-  uint32_t steps;
+  uint32_t seed, buckets, maxBlocks, compact, steps;
   bool tiny;  // mostly short elements: many handles, a long directory
 };
 
 class DBArrayModel : public dbatest::DBArrayTest, public ::testing::WithParamInterface<ModelCase> {
  protected:
-  // A length drawn to hit the interesting places: tiny elements, the 1/2
-  // byte prefix boundary, mid sizes, and the neighbourhood of 4090.
+  // Lengths at the interesting places: tiny, the 1/2-byte prefix boundary,
+  // mid sizes, and the neighbourhood of 4090.
   uint32_t RandomLength() {
     const uint32_t r = GetParam().tiny && rng() % 10 != 0 ? 0 : rng() % 100;
     if (r < 40) return rng() % 21;
@@ -35,103 +28,83 @@ class DBArrayModel : public dbatest::DBArrayTest, public ::testing::WithParamInt
     if (r < 94) return 2000 + rng() % 2000;
     return DBARRAY_MAX_ELEMENT_SIZE - rng() % 40;
   }
-  std::string RandomValue() { return Pattern(rng(), RandomLength()); }
-
-  void Reopen() {
+  void Reopen() {  // uncommitted changes are dropped
     CloseAll();
-    arena = OpenArena(0);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
-    array = OpenArray(arena, GetParam().buckets);  // (made afresh when nothing was committed yet)
-    ASSERT_NE(array, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(Open(GetParam().buckets, 0));  // (made afresh when nothing was committed yet)
     DBArraySetMaxBlocks(array, GetParam().maxBlocks);
     DBArraySetCompact(array, GetParam().compact);
   }
-
-  void ExpectBucket(const Buckets &expected, uint32_t gen, uint32_t b) {
-    ASSERT_EQ(DBArraySize(array, b, gen), expected[b].size()) << "gen " << gen << " bucket " << b;
-    for (uint32_t h = 0; h < expected[b].size(); ++h)
-      ASSERT_EQ(ReadOrEmpty(b, h, gen), expected[b][h]) << "gen " << gen << " bucket " << b << " handle " << h;
-    ASSERT_EQ(Read(b, uint32_t(expected[b].size()), gen), std::nullopt);
-  }
   void ExpectAll(const Buckets &expected, uint32_t gen) {
-    ASSERT_EQ(DBArrayBucketCount(array), expected.size());
-    for (uint32_t b = 0; b < expected.size(); ++b) ExpectBucket(expected, gen, b);
+    ASSERT_EQ(Contents(gen), expected) << "gen " << gen;
+    for (uint32_t b = 0; b < expected.size(); ++b) ASSERT_EQ(Read(b, uint32_t(expected[b].size()), gen), std::nullopt);
   }
   void ExpectClean(uint32_t gen) {
-    std::vector<std::string> problems = CheckProblems(gen);
+    const std::vector<std::string> problems = CheckProblems(gen);
     ASSERT_TRUE(problems.empty()) << "gen " << gen << ": " << problems.front();
   }
-
-  std::mt19937 rng;
+  std::mt19937 rng{GetParam().seed};
 };
 
 TEST_P(DBArrayModel, MatchesVectorsOfStringsThroughCommitsAndReopens) {
   const ModelCase &c = GetParam();
-  rng.seed(c.seed);
-  Open(c.buckets);
+  ASSERT_NO_FATAL_FAILURE(Open(c.buckets));
   DBArraySetMaxBlocks(array, c.maxBlocks);
   DBArraySetCompact(array, c.compact);
   Buckets model(c.buckets), committed(c.buckets);
-  uint32_t adds = 0, sets = 0, resizes = 0, commits = 0, reopens = 0, merges = 0;
-
-  for (uint32_t step = 0; step < c.steps; ++step) {
-    SCOPED_TRACE("step " + std::to_string(step));
-    const uint32_t r = rng() % 100;
-    const uint32_t b = rng() % c.buckets;
-    std::vector<std::string> &bucket = model[b];
-    const bool haveAny = !bucket.empty();
-    const uint32_t h = haveAny ? rng() % uint32_t(bucket.size()) : 0;
-    if (r < 45 || !haveAny) {
-      std::string value = RandomValue();
-      ASSERT_EQ(Add(b, value), bucket.size()) << QWErrorMessage();
-      bucket.push_back(value);
-      ASSERT_EQ(ReadOrEmpty(b, uint32_t(bucket.size() - 1)), value);
-      ++adds;
-    } else if (r < 65) {
-      std::string value = RandomValue();
-      ASSERT_TRUE(DBArraySet(array, b, h, NEWGEN, value.data(), uint32_t(value.size()))) << QWErrorMessage();
-      bucket[h] = value;
-      ASSERT_EQ(ReadOrEmpty(b, h), value);
-      ++sets;
-    } else if (r < 88) {
-      // Up or down, often across the block limit.
-      uint32_t length = rng() % 2 ? RandomLength() : uint32_t(bucket[h].size()) / 2;
-      const int merged = DBArrayLengthSet(array, b, h, NEWGEN, length);
-      ASSERT_GE(merged, 0) << QWErrorMessage();
-      merges += uint32_t(merged);
-      bucket[h].resize(length, '\0');
-      ASSERT_EQ(ReadOrEmpty(b, h), bucket[h]);
-      ++resizes;
-    } else if (r < 94) {
-      ASSERT_TRUE(Commit()) << QWErrorMessage();
-      committed = model;
-      ExpectAll(committed, OLDGEN);
-      ExpectClean(OLDGEN);
-      ++commits;
-    } else if (r < 96) {
-      Reopen();  // uncommitted changes are dropped
-      model = committed;
-      ExpectAll(model, NEWGEN);
-      ExpectAll(committed, OLDGEN);
-      ++reopens;
-    } else {
-      ExpectAll(model, NEWGEN);
-      ExpectAll(committed, OLDGEN);
-    }
-    ExpectClean(NEWGEN);
-    if (HasFatalFailure()) return;
-  }
+  uint32_t merges = 0, b = 0, h = 0;
+  auto value = [&] { return Pattern(rng(), RandomLength()); };
+  qwtest::RunModel(
+      rng, int(c.steps),
+      {{45,
+        [&] {
+          model[b].push_back(value());
+          ASSERT_EQ(Add(b, model[b].back()), model[b].size() - 1) << QWErrorMessage();
+          ASSERT_EQ(ReadOrEmpty(b, uint32_t(model[b].size() - 1)), model[b].back());
+        }},
+       {20,
+        [&] {
+          if (model[b].empty()) return;
+          model[b][h] = value();
+          ASSERT_TRUE(DBArraySet(array, b, h, NEWGEN, model[b][h].data(), uint32_t(model[b][h].size())));
+          ASSERT_EQ(ReadOrEmpty(b, h), model[b][h]);
+        }},
+       {23,
+        [&] {  // up or down, often across the block limit
+          if (model[b].empty()) return;
+          const uint32_t length = rng() % 2 ? RandomLength() : uint32_t(model[b][h].size()) / 2;
+          const int merged = DBArrayLengthSet(array, b, h, NEWGEN, length);
+          ASSERT_GE(merged, 0) << QWErrorMessage();
+          merges += uint32_t(merged);
+          model[b][h].resize(length, '\0');
+          ASSERT_EQ(ReadOrEmpty(b, h), model[b][h]);
+        }},
+       {6,
+        [&] {
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+          committed = model;
+          ExpectAll(committed, OLDGEN);
+          ExpectClean(OLDGEN);
+        }},
+       {2,
+        [&] {
+          ASSERT_NO_FATAL_FAILURE(Reopen());
+          model = committed;
+          ExpectAll(model, NEWGEN);
+          ExpectAll(committed, OLDGEN);
+        }},
+       {4,
+        [&] {
+          ExpectAll(model, NEWGEN);
+          ExpectAll(committed, OLDGEN);
+        }}},
+      [&](int) {
+        ExpectClean(NEWGEN);
+        b = rng() % c.buckets;
+        h = model[b].empty() ? 0 : rng() % uint32_t(model[b].size());
+      });
+  if (HasFatalFailure()) return;
   ExpectAll(model, NEWGEN);
-  ExpectAll(committed, OLDGEN);
-  // Every kind of step ran.
-  EXPECT_GT(adds, 0u);
-  EXPECT_GT(sets, 0u);
-  EXPECT_GT(resizes, 0u);
-  EXPECT_GT(commits, 0u);
-  EXPECT_GT(reopens, 0u);
   EXPECT_EQ(merges > 0, c.compact != 0);
-  // Blocks stay within their limits and the array keeps working after a
-  // final commit and reopen.
   ASSERT_TRUE(Commit());
   Reopen();
   ExpectAll(model, OLDGEN);
@@ -145,5 +118,132 @@ INSTANTIATE_TEST_SUITE_P(Seeds, DBArrayModel,
                                            ModelCase{"no_compaction", 37, 2, 0, 0, 1500, false},
                                            ModelCase{"many_handles", 41, 1, 0, 1, 3000, true}),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// A crash at each commit stop: the reopened array holds exactly the old or
+// the new content (sets, resizes that split and merge blocks, adds), never a
+// mix, and keeps working.
+struct Stop {
+  const char *name;
+  bool committed;  // the reopened arena holds the new content
+};
+
+class DBArrayCrash : public dbatest::DBArrayTest, public ::testing::WithParamInterface<Stop> {};
+
+TEST_P(DBArrayCrash, ReopenSeesTheOldOrTheNewArrayNeverAMix) {
+  Open(3);
+  Buckets before(3);
+  for (uint32_t h = 0; h < 240; ++h) {
+    before[h % 3].push_back(Pattern(h, h % 7 == 0 ? 1800 : h % 90));
+    ASSERT_NE(Add(h % 3, before[h % 3].back()), DBARRAY_INVALID_HANDLE);
+  }
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  CloseAll();
+  // The same changes every time (kind, bucket, handle, value or length).
+  struct Change {
+    uint32_t kind, bucket, handle, length;
+    std::string value;
+  };
+  std::vector<Change> changes;
+  std::mt19937 rng(99);
+  std::vector<uint32_t> sizes(3, 80);
+  for (int i = 0; i < 150; ++i) {
+    const uint32_t b = rng() % 3, kind = rng() % 3;
+    if (kind == 0) changes.push_back({0, b, sizes[b]++, 0, Pattern(rng() % 1000, rng() % 600)});
+    else if (kind == 1) changes.push_back({1, b, uint32_t(rng() % sizes[b]), 0, Pattern(rng() % 1000, rng() % 2500)});
+    else changes.push_back({2, b, uint32_t(rng() % sizes[b]), uint32_t(rng() % 2 ? 3500 + rng() % 590 : rng() % 20), ""});
+  }
+  auto apply = [&](Buckets *model) {
+    for (const Change &c : changes) {
+      std::string &at = c.kind == 0 ? (*model)[c.bucket].emplace_back() : (*model)[c.bucket][c.handle];
+      if (c.kind == 2) at.resize(c.length, '\0');
+      else at = c.value;
+    }
+  };
+  auto change = [&] {
+    for (const Change &c : changes) {
+      const auto length = uint32_t(c.value.size());
+      if (c.kind == 0 && DBArrayAdd(array, c.bucket, c.value.data(), length, NEWGEN) != c.handle) return false;
+      if (c.kind == 1 && !DBArraySet(array, c.bucket, c.handle, NEWGEN, c.value.data(), length)) return false;
+      if (c.kind == 2 && DBArrayLengthSet(array, c.bucket, c.handle, NEWGEN, c.length) < 0) return false;
+    }
+    return true;
+  };
+  Buckets after = before;
+  apply(&after);
+  ASSERT_NE(before, after);
+  ASSERT_TRUE(qwtest::CrashAtStop(
+      GetParam().name, arenaDir(), [&] { return OpenArena(0) && (array = OpenArray(3, 0)) && change(); },
+      [&] { VMArenaCommit(arena, nullptr, nullptr, 0); }));
+
+  ASSERT_NO_FATAL_FAILURE(Open(3, 0));
+  const Buckets expected = GetParam().committed ? after : before;
+  EXPECT_EQ(Contents(OLDGEN), expected);
+  EXPECT_EQ(Contents(NEWGEN), expected);
+  EXPECT_TRUE(CheckProblems(OLDGEN).empty());
+  EXPECT_TRUE(CheckProblems(NEWGEN).empty());
+  // The array goes on: the same changes once more, committed for real.
+  Buckets again = expected;
+  apply(&again);
+  for (Change &c : changes) c.handle += c.kind == 0 ? uint32_t(expected[c.bucket].size()) - 80 : 0;
+  ASSERT_TRUE(change()) << QWErrorMessage();
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  CloseAll();
+  Open(3);
+  EXPECT_EQ(Contents(OLDGEN), again);
+  EXPECT_TRUE(CheckProblems(OLDGEN).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Stops, DBArrayCrash,
+                         ::testing::Values(Stop{"arenaflushexec1", false},  // new files beside the old: the old state
+                                           Stop{"arenaflushcommitdisk1", true},  // `committing` present: open finishes
+                                           Stop{"arenaflushcommitmemory0", true}),  // everything on disk
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// DBArrayCheck's workers and readers of the committed generation run while
+// one writer changes the new generation.
+using DBArrayConcurrency = dbatest::DBArrayTest;
+
+TEST_F(DBArrayConcurrency, CheckersAndCommittedReadersRunBesideAWriter) {
+  constexpr uint32_t kBuckets = 6;
+  Open(kBuckets);
+  Buckets committed(kBuckets);
+  for (uint32_t h = 0; h < 600; ++h) {
+    committed[h % kBuckets].push_back(Pattern(h, h % 5 == 0 ? 700 : h % 60));
+    ASSERT_NE(Add(h % kBuckets, committed[h % kBuckets].back()), DBARRAY_INVALID_HANDLE);
+  }
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  Buckets model = committed;
+  qwtest::MessageCapture capture;  // keeps the checks' reports off stderr
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      arena, 3, 20,
+      [&](std::mt19937 &rng) {
+        if (rng() % 4 == 0) return DBArrayCheck(array, OLDGEN) == 0;
+        const uint32_t b = rng() % kBuckets, h = rng() % uint32_t(committed[b].size());
+        uint32_t length = 0;
+        const void *bytes = DBArrayGet(array, b, h, OLDGEN, 1, &length);
+        const std::string value = bytes ? std::string(static_cast<const char *>(bytes), length) : "";
+        if (bytes) DBArrayRelease(array, OLDGEN, 1, bytes);
+        return value == committed[b][h];
+      },
+      [&] {
+        std::mt19937 rng(3);
+        for (int i = 0; i < 400; ++i) {
+          const uint32_t b = rng() % kBuckets;
+          VMArenaNewGenAcquire(arena, 0);
+          if (rng() % 2) {
+            model[b].push_back(Pattern(rng(), rng() % 900));
+            EXPECT_EQ(Add(b, model[b].back()), model[b].size() - 1);
+          } else {
+            const uint32_t h = rng() % uint32_t(model[b].size());
+            model[b][h] = Pattern(rng(), rng() % 3000);
+            EXPECT_TRUE(DBArraySet(array, b, h, NEWGEN, model[b][h].data(), uint32_t(model[b][h].size())));
+          }
+          VMArenaNewGenRelease(arena, 0);
+        }
+      });
+  EXPECT_EQ(bad, 0u);
+  EXPECT_EQ(DBArrayCheck(array, NEWGEN), 0u);
+  EXPECT_EQ(Contents(NEWGEN), model);
+}
 
 }  // namespace

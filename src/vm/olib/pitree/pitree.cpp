@@ -94,6 +94,10 @@ QW_API PITree *PITreeNew_(VMArena *arena, uint8_t **pathBuffer, const char *name
     const std::string leafPath = root + "/leaf";
     tree->leaf = DBArrayNew(arena, pathBuffer, leafPath.c_str(), &leafCreated, lock, PITREE_LEAF_BUCKETS);
     ok = tree->leaf != nullptr;
+    // Leaf l lives in bucket l % PITREE_LEAF_BUCKETS: any other count found
+    // in the store would send reads past the array's buckets.
+    if (ok && DBArrayBucketCount(tree->leaf) != PITREE_LEAF_BUCKETS)
+      ok = Corrupted(tree.get(), "the leaf array has the wrong number of buckets", DBArrayBucketCount(tree->leaf));
     if (ok) {
       DBArraySetCompact(tree->leaf, 0);
       madeAny = madeAny || leafCreated;

@@ -1,16 +1,11 @@
-// Fixture of the B-tree tests: an arena in a fresh directory, a tree on it,
-// a std::map model, and helpers that read the tree back and poke raw nodes.
+// Fixture of the B-tree tests: a tree on the shared arena fixture, a
+// std::map model, readers of the tree and of raw nodes.
 #pragma once
 
-#include <cstdint>
-#include <cstring>
 #include <map>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+#include "vm/olib/olib_fixture.h"
 
 namespace bttest {
 
@@ -27,28 +22,20 @@ inline uint64_t Mask(uint64_t value, uint32_t bytes) {
   return bytes == 8 ? value : value & ((uint64_t(1) << (8 * bytes)) - 1);
 }
 
-class BTreeTest : public qwtest::CachedTempDirTest {
+class BTreeTest : public olibtest::ArenaTest {
  protected:
-
-  std::string arenaDir() const { return path("arena"); }
-
-  // Opens the arena (2 buckets) and the tree into `arena` and `tree`.
   void Open(uint32_t keySize, uint32_t valueSize, uint32_t flags = VM_FLAG_CREATE) {
     this->keySize = keySize;
-    arena = VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     tree = BTreeNew(arena, kPath, kName, 0, keySize, valueSize);
     ASSERT_NE(tree, nullptr) << QWErrorMessage();
   }
-  void CloseAll() override {
+  void FreeStructures() override {
     if (tree) BTreeFree(tree, keySize);
     tree = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
-  // Commits the arena and then the tree.
-  bool Commit() { return VMArenaCommit(arena, nullptr, nullptr, 0) && BTreeCommit(tree, keySize) == 1; }
-  // Commits, closes and opens again (the stored value width wins).
+  bool Commit() { return CommitArena() && BTreeCommit(tree, keySize) == 1; }
+  // Commits, closes and opens again asking for width 1 (the stored one wins).
   void Reopen() {
     ASSERT_TRUE(Commit()) << QWErrorMessage();
     const uint32_t k = keySize;
@@ -60,23 +47,17 @@ class BTreeTest : public qwtest::CachedTempDirTest {
     return BTreeFind(tree, key, 0, notFound, 0, 0, 0, gen);
   }
   uint64_t Create(uint64_t key, uint64_t value) { return BTreeFind(tree, key, value, BTREE_NO_KEY, 1, 0, 0, NEWGEN); }
-  uint64_t Replace(uint64_t key, uint64_t value) {
-    return BTreeFind(tree, key, value, BTREE_NO_KEY, 0, 1, 0, NEWGEN);
-  }
+  uint64_t Replace(uint64_t key, uint64_t value) { return BTreeFind(tree, key, value, BTREE_NO_KEY, 0, 1, 0, NEWGEN); }
   uint64_t Remove(uint64_t key) { return BTreeFind(tree, key, 0, BTREE_NO_KEY, 0, 0, 1, NEWGEN); }
 
+  static int Collect(uint64_t key, uint64_t value, void *context) {
+    static_cast<Entries *>(context)->emplace_back(key, value);
+    return 0;
+  }
   // Every entry, by the callback walk and by the iterator; both must agree.
   Entries Contents(uint32_t gen = NEWGEN) {
     Entries walked;
-    EXPECT_EQ(BTreeEnumerate(
-                  tree,
-                  [](uint64_t key, uint64_t value, void *context) {
-                    static_cast<Entries *>(context)->emplace_back(key, value);
-                    return 0;
-                  },
-                  &walked, gen),
-              1)
-        << QWErrorMessage();
+    EXPECT_EQ(BTreeEnumerate(tree, Collect, &walked, gen), 1) << QWErrorMessage();
     Entries iterated;
     BTreeEnumeration *e = BTreeEnumerationNew(tree, keySize, gen);
     EXPECT_NE(e, nullptr);
@@ -90,14 +71,12 @@ class BTreeTest : public qwtest::CachedTempDirTest {
     return walked;
   }
 
-  // BTreeCheck must pass; returns what it measured.
   BTreeStat Check(uint32_t gen = NEWGEN) {
     BTreeStat stat{};
     EXPECT_EQ(BTreeCheck(tree, gen, &stat), 1) << QWErrorMessage();
     return stat;
   }
 
-  // The raw 8192 bytes of node `blockID`.
   std::string NodeBytes(uint32_t blockID, uint32_t gen = NEWGEN) {
     auto *bytes = static_cast<const char *>(VMArenaDataBlockAcquire(arena, blockID, 0, gen, 1));
     EXPECT_NE(bytes, nullptr) << QWErrorMessage();
@@ -106,19 +85,15 @@ class BTreeTest : public qwtest::CachedTempDirTest {
     VMArenaDataRelease(arena, (uint64_t(blockID) << 4) | 15, 1, const_cast<char *>(bytes), 0, 0);
     return copy;
   }
-  // Overwrites bytes of node `blockID` in NEWGEN.
   void PokeNode(uint32_t blockID, uint32_t offset, const std::string &bytes) {
     auto *data = static_cast<char *>(VMArenaDataBlockAcquire(arena, blockID, 0, NEWGEN, 0));
     ASSERT_NE(data, nullptr) << QWErrorMessage();
     std::memcpy(data + offset, bytes.data(), bytes.size());
     VMArenaDataRelease(arena, (uint64_t(blockID) << 4) | 15, 0, data, 0, 0);
   }
-  // The root's block id (INVALID_BLOCK_ID when "root" is empty) and the
-  // length of "root".
+  // The length of "root", and the root's block (INVALID_BLOCK_ID when none).
   uint32_t RootLength(uint32_t gen = NEWGEN) {
-    std::string name = std::string(kPath) + "/" + kName + "/root";
-    int create = 0;
-    uint32_t id = VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 1, &create, 0, 0);
+    const uint32_t id = Named(std::string(kPath) + "/" + kName + "/root", gen);
     return id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(arena, id, gen);
   }
   uint32_t RootBlock(uint32_t gen = NEWGEN) {
@@ -132,10 +107,6 @@ class BTreeTest : public qwtest::CachedTempDirTest {
         &first, gen, 1);
     return first;
   }
-  bool Tagged() const { return Exists("corrupted"); }
-  bool Exists(const std::string &name) const { return FileExists((arenaDir() + "/" + name).c_str()) != 0; }
-
-  VMArena *arena = nullptr;
   BTree *tree = nullptr;
   uint32_t keySize = 8;
 };
@@ -145,10 +116,6 @@ inline uint32_t RawKeyCount(const std::string &node) {
   return uint32_t(uint8_t(node[8190])) | uint32_t(uint8_t(node[8191])) << 8;
 }
 inline bool RawIsLeaf(const std::string &node) { return (uint8_t(node[8189]) & 1) != 0; }
-inline uint64_t RawLE(const std::string &node, size_t at, unsigned bytes) {
-  uint64_t v = 0;
-  for (unsigned i = 0; i < bytes; ++i) v |= uint64_t(uint8_t(node[at + i])) << (8 * i);
-  return v;
-}
+using olibtest::LE;
 
 }  // namespace bttest

@@ -1,8 +1,6 @@
-// Randomized model tests: both instantiations and value widths 1, 4, 5, 8
-// against std::map, through inserts, replaces, removes down to empty,
-// neighbour queries, both enumerations, commits, reopening and reads of the
-// committed generation after further changes; the structural check after
-// every batch.
+// Both instantiations and value widths 1, 4, 5, 8 against std::map through
+// changes, neighbour queries, enumerations, commits, reopening and committed
+// reads, checked after every batch; a committed reader beside a writer.
 #include <algorithm>
 #include <random>
 
@@ -18,8 +16,7 @@ struct Shape {
 
 class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape> {
  protected:
-  // A random key: mostly from a range small enough to hit present keys,
-  // sometimes the extremes of the key width.
+  // Mostly keys of a range small enough to hit present ones, sometimes the extremes.
   uint64_t RandomKey(std::mt19937_64 &rng, uint64_t range) {
     const uint64_t top = keySize == 4 ? UINT32_MAX : UINT64_MAX;
     switch (rng() % 64) {
@@ -34,39 +31,27 @@ class BTreeModel : public BTreeTest, public ::testing::WithParamInterface<Shape>
     return v == BTREE_NO_KEY ? 0 : v;
   }
 
-  // The whole tree against the model: entries, structure, and neighbours of
-  // a few keys.
+  // Entries, structure, and neighbours of a few keys against the model.
   void Verify(const Model &model, std::mt19937_64 &rng, uint64_t range, uint32_t gen = NEWGEN) {
     ASSERT_EQ(Contents(gen), Flatten(model));
     const BTreeStat stat = Check(gen);
     ASSERT_EQ(stat.entryCount, model.size());
+    auto pair = [&](Model::const_iterator it) {
+      using P = std::pair<uint64_t, uint64_t>;
+      return it == model.end() ? P(BTREE_NO_KEY, BTREE_NO_KEY) : P(*it);
+    };
     for (int i = 0; i < 50; ++i) {
       const uint64_t key = RandomKey(rng, range);
-      auto atOrAbove = model.lower_bound(key);
-      auto above = model.upper_bound(key);
+      const auto above = model.upper_bound(key);
       uint64_t value = 0;
       const uint64_t next = BTreeNextKey(tree, key, &value, gen);
-      if (atOrAbove == model.end()) {
-        EXPECT_EQ(next, BTREE_NO_KEY);
-        EXPECT_EQ(value, BTREE_NO_KEY);
-      } else {
-        EXPECT_EQ(next, atOrAbove->first);
-        EXPECT_EQ(value, atOrAbove->second);
-      }
+      EXPECT_EQ(std::make_pair(next, value), pair(model.lower_bound(key)));
       const uint64_t prev = BTreePrevKey(tree, key, &value, gen);
-      if (above == model.begin()) {
-        EXPECT_EQ(prev, BTREE_NO_KEY);
-        EXPECT_EQ(value, BTREE_NO_KEY);
-      } else {
-        EXPECT_EQ(prev, std::prev(above)->first);
-        EXPECT_EQ(value, std::prev(above)->second);
-      }
-      auto at = model.find(key);
-      EXPECT_EQ(Find(key, BTREE_NO_KEY, gen), at == model.end() ? BTREE_NO_KEY : at->second);
+      EXPECT_EQ(std::make_pair(prev, value), pair(above == model.begin() ? model.end() : std::prev(above)));
+      EXPECT_EQ(Find(key, BTREE_NO_KEY, gen), pair(model.find(key)).second);
     }
   }
 
-  // One random change applied to tree and model.
   void Step(Model &model, std::mt19937_64 &rng, uint64_t range, int removeWeight) {
     const uint64_t key = RandomKey(rng, range);
     const uint64_t value = RandomValue(rng);
@@ -92,14 +77,11 @@ TEST_P(BTreeModel, RandomChangesCommitsAndReopen) {
   Open(shape.keySize, shape.valueSize);
   std::mt19937_64 rng(20261122 + shape.keySize * 10 + shape.valueSize);
   const uint64_t range = 6000;  // a two-level tree at every width
-  Model model;
-  Model committed;
+  Model model, committed;
   for (int round = 0; round < 8; ++round) {
-    // Grow in the first rounds, shrink to empty in the last ones.
-    const int removeWeight = round < 4 ? 2 : 7;
+    const int removeWeight = round < 4 ? 2 : 7;  // grow, then shrink to empty
     for (int i = 0; i < 2500; ++i) ASSERT_NO_FATAL_FAILURE(Step(model, rng, range, removeWeight));
     ASSERT_NO_FATAL_FAILURE(Verify(model, rng, range));
-    // OLDGEN still shows the last commit after the changes above.
     ASSERT_NO_FATAL_FAILURE(Verify(committed, rng, range, OLDGEN));
     if (round == 3) {
       ASSERT_NO_FATAL_FAILURE(Reopen());
@@ -170,6 +152,43 @@ INSTANTIATE_TEST_SUITE_P(Widths, BTreeModel,
                          ::testing::Values(Shape{4, 1}, Shape{4, 4}, Shape{4, 5}, Shape{4, 8}, Shape{8, 1},
                                            Shape{8, 4}, Shape{8, 5}, Shape{8, 8}),
                          ShapeName);
+
+// A reader of the committed generation, with a tree record of its own, next
+// to a writer that commits as it goes: every walk of OLDGEN sees one whole
+// committed state (round r adds kPerRound keys of value r).
+using BTreeConcurrency = BTreeTest;
+
+TEST_F(BTreeConcurrency, CommittedStateReadWhileWriterChangesAndCommits) {
+  constexpr uint64_t kPerRound = 1500, kRounds = 12;
+  Open(8, 4);
+  ASSERT_EQ(Create(0, 0), BTREE_NO_KEY);  // round 0: key 0
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  BTree *reader = BTreeNew(arena, kPath, kName, 0, 8, 4);
+  ASSERT_NE(reader, nullptr) << QWErrorMessage();
+  auto roundOf = [](uint64_t key) { return key == 0 ? 0 : (key - 1) / kPerRound + 1; };
+  const uint32_t torn = olibtest::ReadersBesideWriter(
+      arena, 1, 3,
+      [&](std::mt19937 &) {
+        Entries seen;
+        const int ok = BTreeEnumerate(reader, Collect, &seen, OLDGEN);
+        bool whole = ok == 1 && !seen.empty() && (seen.size() - 1) % kPerRound == 0 &&
+                     BTreeFind(reader, seen.size() / 2, 0, BTREE_NO_KEY, 0, 0, 0, OLDGEN) == roundOf(seen.size() / 2);
+        for (size_t i = 0; whole && i < seen.size(); ++i) whole = seen[i] == std::make_pair(uint64_t(i), roundOf(i));
+        return whole;
+      },
+      [&] {
+        for (uint64_t round = 1; round <= kRounds; ++round) {
+          VMArenaNewGenAcquire(arena, 0);
+          for (uint64_t key = (round - 1) * kPerRound + 1; key <= round * kPerRound; ++key)
+            ASSERT_EQ(Create(key, round), BTREE_NO_KEY);
+          VMArenaNewGenRelease(arena, 0);
+          ASSERT_TRUE(Commit()) << QWErrorMessage();
+        }
+      });
+  BTreeFree(reader, 8);
+  EXPECT_EQ(torn, 0u);
+  EXPECT_EQ(Contents(OLDGEN).size(), 1 + kRounds * kPerRound);
+}
 
 }  // namespace
 }  // namespace bttest

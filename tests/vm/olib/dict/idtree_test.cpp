@@ -1,7 +1,6 @@
-// ID trees and the string and fingerprint dictionaries on them: the ID
-// allocation rule, sizes, Set, clear, enumeration and a model test.
-#include <gtest/gtest.h>
-
+// ID trees against a model of the allocation rule (a counter and a last-in
+// first-out free list), Set, clear, and the string and fingerprint
+// dictionaries on them.
 #include <map>
 #include <random>
 #include <vector>
@@ -16,8 +15,7 @@ class IDTreeTest : public dicttest::DictTest {
  protected:
   void SetUp() override {
     DictTest::SetUp();
-    threadData = IDTreeThreadDataNew();
-    ASSERT_NE(threadData, nullptr);
+    ASSERT_NE(threadData = IDTreeThreadDataNew(), nullptr);
     Open();
   }
   void TearDown() override {
@@ -25,14 +23,11 @@ class IDTreeTest : public dicttest::DictTest {
     IDTreeThreadDataFree(threadData);
     DictTest::TearDown();
   }
-  void Open() {
-    tree = IDTreeNew(arena, &pathBuffer, "ids", nullptr, 0);
-    ASSERT_NE(tree, nullptr) << QWErrorMessage();
-  }
+  void Open() { ASSERT_NE(tree = IDTreeNew(arena, &pathBuffer, "ids", nullptr, 0), nullptr) << QWErrorMessage(); }
   void Reopen(uint32_t flags = 0) {
     IDTreeFree(tree);
     tree = nullptr;
-    ReopenArena(flags);
+    MustReopenArena(flags);
     Open();
   }
   void Commit() {
@@ -44,7 +39,7 @@ class IDTreeTest : public dicttest::DictTest {
   }
   uint64_t Create(const Atom &atom, int useFreeList = 0, int *created = nullptr) {
     int create = 1;
-    uint64_t id = Find(atom, &create, 0, useFreeList);
+    const uint64_t id = Find(atom, &create, 0, useFreeList);
     if (created) *created = create;
     return id;
   }
@@ -57,36 +52,6 @@ class IDTreeTest : public dicttest::DictTest {
   IDTree *tree = nullptr;
   IDTreeThreadData *threadData = nullptr;
 };
-
-TEST_F(IDTreeTest, AllocationRule) {
-  int created = 0;
-  EXPECT_EQ(Create({1, 2}, 0, &created), 0u);
-  EXPECT_EQ(created, 1);
-  EXPECT_EQ(Create({3}), 1u);
-  EXPECT_EQ(Create({4, 5, 6}), 2u);
-  // An existing key: its ID, create cleared, no ID consumed.
-  EXPECT_EQ(Create({3}, 0, &created), 1u);
-  EXPECT_EQ(created, 0);
-  EXPECT_EQ(Size(), std::make_pair(uint64_t(3), uint64_t(3)));
-  // A lookup without create never inserts.
-  int none = 0;
-  EXPECT_EQ(Find({9}, &none), IDTREE_NO_ID);
-  EXPECT_FALSE(QWErrorIsSet());
-  // Removing pushes the ID; with useFreeList it comes back first (last in,
-  // first out), without it the counter is used.
-  EXPECT_EQ(Find({3}, nullptr, 1), 1u);
-  EXPECT_EQ(Find({1, 2}, nullptr, 1), 0u);
-  EXPECT_EQ(Find({3}, &none), IDTREE_NO_ID);
-  EXPECT_EQ(Size(), std::make_pair(uint64_t(3), uint64_t(1)));
-  EXPECT_EQ(Create({7}, 0), 3u);
-  EXPECT_EQ(Create({8}, 1), 0u);
-  EXPECT_EQ(Create({9}, 1), 1u);
-  EXPECT_EQ(Create({10}, 1), 4u);
-  EXPECT_EQ(Size(), std::make_pair(uint64_t(5), uint64_t(5)));
-  // Removing an absent key changes nothing.
-  EXPECT_EQ(Find({77}, nullptr, 1), IDTREE_NO_ID);
-  EXPECT_EQ(Size(), std::make_pair(uint64_t(5), uint64_t(5)));
-}
 
 TEST_F(IDTreeTest, SetMovesTheCounterAndHolesAreTheCallersAffair) {
   ASSERT_TRUE(IDTreeSet(tree, threadData, Atom{5}.data(), 1, 41));
@@ -129,39 +94,26 @@ TEST_F(IDTreeTest, MatchesAModel) {
   std::map<Atom, uint64_t> model, committed;
   std::vector<uint64_t> holes;
   uint64_t counter = 0;
-  auto randomAtom = [&] {
-    Atom atom(1 + random() % 6);
-    for (uint32_t &s : atom) s = random() % 5 == 0 ? random() : random() % 4;
-    return atom;
-  };
   for (int round = 0; round < 6; ++round) {
     for (int step = 0; step < 1500; ++step) {
-      Atom atom = randomAtom();
+      Atom atom(1 + random() % 6);
+      for (uint32_t &s : atom) s = random() % 5 == 0 ? random() : random() % 4;
       const bool useFreeList = random() % 2;
-      if (random() % 3 == 0) {
-        auto it = model.find(atom);
+      auto it = model.find(atom);
+      if (random() % 3 == 0) {  // removing an absent atom changes nothing
         ASSERT_EQ(Find(atom, nullptr, 1), it == model.end() ? IDTREE_NO_ID : it->second);
-        if (it != model.end()) {
-          holes.push_back(it->second);
-          model.erase(it);
-        }
-      } else {
-        uint64_t expected;
-        auto it = model.find(atom);
-        if (it != model.end()) {
-          expected = it->second;
-        } else if (useFreeList && !holes.empty()) {
-          expected = holes.back();
-          holes.pop_back();
-        } else {
-          expected = counter++;
-        }
-        ASSERT_EQ(Create(atom, useFreeList), expected);
-        model[atom] = expected;
+        if (it != model.end()) holes.push_back(it->second), model.erase(it);
+        continue;
       }
+      const bool fromHoles = it == model.end() && useFreeList && !holes.empty();
+      const uint64_t expected = it != model.end() ? it->second : fromHoles ? holes.back() : counter++;
+      if (fromHoles) holes.pop_back();
+      int created = -1;
+      ASSERT_EQ(Create(atom, useFreeList, &created), expected);
+      ASSERT_EQ(created, it == model.end() ? 1 : 0);
+      model[atom] = expected;
     }
     EXPECT_EQ(Size(), std::make_pair(counter, counter - holes.size()));
-    // OLDGEN still answers from the last commit.
     for (const auto &[atom, id] : committed) {
       int none = 0;
       ASSERT_EQ(Find(atom, &none, 0, 0, OLDGEN), id);
@@ -175,14 +127,9 @@ TEST_F(IDTreeTest, MatchesAModel) {
   const uint32_t *atom;
   uint32_t length;
   uint64_t id;
-  auto expected = model.begin();
-  while (IDTreeEnumerationGetNext(walk, &atom, &length, &id)) {
-    ASSERT_NE(expected, model.end());
-    EXPECT_EQ(Atom(atom, atom + length), expected->first);
-    EXPECT_EQ(id, expected->second);
-    ++expected;
-  }
-  EXPECT_EQ(expected, model.end());
+  std::vector<std::pair<Atom, uint64_t>> found;  // in order, each once
+  while (IDTreeEnumerationGetNext(walk, &atom, &length, &id)) found.emplace_back(Atom(atom, atom + length), id);
+  EXPECT_EQ(found, (std::vector<std::pair<Atom, uint64_t>>(model.begin(), model.end())));
   IDTreeEnumerationFree(walk);
 }
 
@@ -204,9 +151,8 @@ TEST_F(IDTreeTest, StringsRoundTripThroughTheRecoding) {
   const uint16_t *text;
   uint32_t length;
   uint64_t id;
-  while (StrDictEnumerationGetNext(walk, &text, &length, &id)) {
+  while (StrDictEnumerationGetNext(walk, &text, &length, &id))
     found[std::u16string(reinterpret_cast<const char16_t *>(text), length)] = id;
-  }
   EXPECT_EQ(found, (std::map<std::u16string, uint64_t>{{u"hello", ids[u"hello"]},
                                                        {u"hello world", ids[u"hello world"]}}));
   StrDictEnumerationFree(walk);
@@ -224,10 +170,7 @@ TEST_F(IDTreeTest, EveryFingerprintComesBackWhole) {
   for (uint64_t f : prints) {
     int create = 1;
     const uint64_t id = FPDictFind(dict, threadData, f, &create, 0, 0, NEWGEN);
-    if (model.count(f)) {
-      EXPECT_EQ(id, model[f]);
-    }
-    model[f] = id;
+    EXPECT_EQ(model.emplace(f, id).first->second, id);
   }
   FPDictEnumeration *walk = FPDictEnumerationNew();
   ASSERT_TRUE(FPDictEnumerationInit(dict, walk, NEWGEN));

@@ -1,30 +1,26 @@
-// Growable bit arrays: the stored packing (checked bit for bit against the
-// values), widening by re-packing, the named edge cases, a randomized model
-// with commits, reopenings and committed reads, and the assertions.
-#include <random>
-
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+// Growable bit arrays: the stored packing bit for bit, widening by
+// re-packing, a model through commits, reopenings and committed reads (values
+// of every width across element boundaries), and the assertions.
+#include "vm/olib/olib_fixture.h"
 
 namespace {
 
 constexpr const char *kPath = "bits";
 
-class GBitArrayTest : public qwtest::CachedTempDirTest {
+class GBitArrayTest : public olibtest::ArenaTest {
  protected:
-  void CloseAll() override { Close(); }
-  void Open(uint32_t flags = VM_FLAG_CREATE) {
-    arena = VMArenaOpen(path("arena").c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
-    int created = 1;
-    array = GBitArrayNew(arena, &pathBuffer, kPath, &created, 0);
-    ASSERT_NE(array, nullptr) << QWErrorMessage();
-  }
-  void Close() {
+  void FreeStructures() override {
     GBitArrayFree(array);
     array = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
+  }
+  void Open(uint32_t flags = VM_FLAG_CREATE) {
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
+    int created = 1;
+    ASSERT_NE(array = GBitArrayNew(arena, &pathBuffer, kPath, &created, 0), nullptr) << QWErrorMessage();
+  }
+  void Reopen() {
+    CloseAll();
+    Open(0);
   }
   uint64_t Get(uint64_t index, uint32_t gen = NEWGEN, uint32_t *slice = nullptr) {
     uint64_t value = 0;
@@ -33,20 +29,8 @@ class GBitArrayTest : public qwtest::CachedTempDirTest {
     if (slice) *slice = s;
     return value;
   }
-  // The stored 64-bit elements.
-  std::vector<uint64_t> Elements(uint32_t gen = NEWGEN) {
-    const std::string name = std::string(kPath) + "/gBitArray/slice";
-    int create = 0;
-    const uint32_t id = VMAArrayFind(arena, gen, name.data(), uint32_t(name.size()), 0, &create, 0, 0);
-    std::vector<uint64_t> elements(VMAArrayLength_(arena, id, gen));
-    for (uint32_t i = 0; i < elements.size(); ++i) {
-      uint32_t end = 0;
-      auto *at = static_cast<const uint8_t *>(VMAArrayRange_(arena, id, 0, 8192, i, &end, gen, 1, 8, 0));
-      for (int b = 7; b >= 0; --b) elements[i] = (elements[i] << 8) | at[b];
-      VMAArrayRelease_(arena, id, const_cast<uint8_t *>(at), 1);
-    }
-    return elements;
-  }
+  uint32_t SliceArray() { return Named(std::string(kPath) + "/gBitArray/slice"); }
+  std::vector<uint64_t> Elements() { return ArenaTest::Elements(SliceArray(), 8); }
   // The stored elements hold exactly `values` at width s.
   void ExpectPacked(const std::vector<uint64_t> &values, uint32_t s) {
     const std::vector<uint64_t> e = Elements();
@@ -59,7 +43,6 @@ class GBitArrayTest : public qwtest::CachedTempDirTest {
       ASSERT_EQ((e[2 + bit / 64] >> (bit % 64)) & 1, expected) << "bit " << bit;
     }
   }
-  VMArena *arena = nullptr;
   GBitArray *array = nullptr;
 };
 
@@ -88,31 +71,9 @@ TEST_F(GBitArrayTest, EdgeCasesOfTheFormat) {
   ExpectPacked(values, 3);
 }
 
-TEST_F(GBitArrayTest, ValuesCrossElementBoundaries) {
-  Open();
-  // At 24 bits value 2 lies in bits 48..71: 16 bits in element 2, 8 in 3.
-  const std::vector<uint64_t> values = {0xABCDEF, 0x123456, 0xFEDCBA, 0x000001};
-  for (uint64_t v : values) ASSERT_EQ(GBitArrayAdd(array, v, 24, NEWGEN), 1);
-  const std::vector<uint64_t> e = Elements();
-  EXPECT_EQ(e[2] >> 48, 0xDCBAu);
-  EXPECT_EQ(e[3] & 0xFF, 0xFEu);
-  ExpectPacked(values, 24);
-  for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(Get(i), values[i]);
-  // Full 64-bit values, also across boundaries after a widening.
-  ASSERT_EQ(GBitArrayAdd(array, ~uint64_t(0), 64, NEWGEN), 1);
-  std::vector<uint64_t> wide = values;
-  wide.push_back(~uint64_t(0));
-  ExpectPacked(wide, 64);
-  ASSERT_EQ(GBitArraySet(array, 1, 0x8000000000000001ull, 64, NEWGEN), 1);
-  wide[1] = 0x8000000000000001ull;
-  for (size_t i = 0; i < wide.size(); ++i) EXPECT_EQ(Get(i), wide[i]);
-}
-
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t steps;
-  uint32_t maxBits;  // widest value the run adds
+  uint32_t seed, steps, maxBits;  // maxBits: the widest value the run adds
 };
 
 class GBitArrayModel : public GBitArrayTest, public ::testing::WithParamInterface<ModelCase> {};
@@ -123,10 +84,8 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
   Open();
   std::vector<uint64_t> model, committed;
   uint32_t width = 0;
-  auto randomBits = [&] {
-    // Mostly narrow values; now and then one wider than all before.
-    const uint32_t bits = rng() % 50 == 0 ? std::min(c.maxBits, width + 1 + uint32_t(rng() % 9)) : width;
-    return bits;
+  auto randomBits = [&] {  // mostly the width so far; now and then a wider one
+    return rng() % 50 == 0 ? std::min(c.maxBits, width + 1 + uint32_t(rng() % 9)) : width;
   };
   auto randomValue = [&](uint32_t bits) { return bits == 0 ? 0 : rng() & (~uint64_t(0) >> (64 - bits)); };
   for (uint32_t step = 0; step < c.steps; ++step) {
@@ -146,13 +105,10 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
     } else if (r < 83) {
       ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
       committed = model;
-      Close();  // the committed generation is read through a map opened after it
-      Open(0);
+      Reopen();  // the committed generation is read through a map opened after it
     } else if (r < 85) {
-      Close();  // uncommitted changes are dropped
-      Open(0);
+      Reopen();  // uncommitted changes are dropped
       model = committed;
-      width = 0;
       uint32_t slice = 0;
       if (!model.empty()) (void)Get(0, NEWGEN, &slice);
       width = slice;
@@ -171,10 +127,7 @@ TEST_P(GBitArrayModel, MatchesAVectorThroughWideningsCommitsAndReopenings) {
   EXPECT_EQ(VMArenaCheck(arena), 0);
 }
 
-const ModelCase kModelCases[] = {
-    {"narrow", 21, 1500, 7},
-    {"up_to_64_bits", 22, 1500, 64},
-};
+const ModelCase kModelCases[] = {{"narrow", 21, 1500, 7}, {"up_to_64_bits", 22, 1500, 64}};
 
 INSTANTIATE_TEST_SUITE_P(Cases, GBitArrayModel, ::testing::ValuesIn(kModelCases),
                          [](const ::testing::TestParamInfo<ModelCase> &info) { return info.param.name; });
@@ -196,13 +149,7 @@ TEST_F(GBitArrayDeathTest, CallerErrorsFailTheirAssertions) {
   EXPECT_DEATH(GBitArrayAdd(array, 1, 1, OLDGEN), "genID == NEWGEN");
   EXPECT_DEATH(GBitArrayGet(array, 0, &value, 2), "FALSE");
   // A count the elements cannot hold is stored damage.
-  const std::string name = std::string(kPath) + "/gBitArray/slice";
-  int create = 0;
-  const uint32_t id = VMAArrayFind(arena, NEWGEN, name.data(), uint32_t(name.size()), 0, &create, 0, 0);
-  uint32_t end = 0;
-  auto *count = static_cast<uint8_t *>(VMAArrayRange_(arena, id, 0, 8192, 1, &end, NEWGEN, 0, 8, 0));
-  count[0] = 200;
-  VMAArrayRelease_(arena, id, count, 0);
+  Poke(SliceArray(), 1, 8, 0, 200, 1);
   EXPECT_DEATH(GBitArrayGet(array, 199, &value, NEWGEN), "\\(\\(longIndex \\+ 2\\)\\) < __arraylen__");
   EXPECT_EQ(Get(0), 3u);
 }

@@ -1,18 +1,13 @@
-// Fixture of the large-element array tests: an arena in a fresh directory,
-// an array and a thread data record on it, readers by whole element and by
-// ranges, a view of the stored descriptors (through the block-directory
-// array underneath) and a snapshot of the arena's block allocation.
+// Fixture of the large-element array tests: an array and its thread data on
+// the shared arena fixture, readers by element and by ranges, the stored
+// descriptors (through the block-directory array underneath) and a snapshot
+// of the arena's block allocation.
 #pragma once
 
-#include <cstdint>
-#include <cstring>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
 #include "vm/arena/arena.h"
+#include "vm/olib/olib_fixture.h"
 #include "vm/lbs/server.h"
 
 namespace ldbatest {
@@ -21,16 +16,10 @@ inline constexpr const char *kPath = "bodies";
 // The underlying block-directory array's path.
 inline constexpr const char *kElementsPath = "bodies/ldbarray";
 
-// A deterministic string of `length` bytes for (seed, length).
-inline std::string Pattern(uint32_t seed, uint32_t length) {
-  std::string value(length, '\0');
-  for (uint32_t i = 0; i < length; ++i) value[i] = char((seed * 131u + i * 7u + (i >> 13)) & 0xFF);
-  return value;
-}
+inline std::string Pattern(uint32_t seed, uint32_t length) { return olibtest::Pattern(seed, length, 13); }
 
-// What the arena has handed out: per server the blocks in use, per size
-// class the free list and the partly used server block. Equal snapshots mean
-// that the same blocks are allocated.
+// Per server the blocks in use, per size class the free list and the partly
+// used server block: equal snapshots mean the same blocks are allocated.
 struct Allocation {
   std::vector<uint64_t> values;
   bool operator==(const Allocation &) const = default;
@@ -58,40 +47,33 @@ struct Descriptor {
   size_t bytes = 0;
 };
 
-class LDBArrayTest : public qwtest::CachedTempDirTest {
+class LDBArrayTest : public olibtest::ArenaTest {
  protected:
   void SetUp() override {
-    CachedTempDirTest::SetUp();
-    threadData = LDBArrayThreadDataNew();
-    ASSERT_NE(threadData, nullptr) << QWErrorMessage();
+    ArenaTest::SetUp();
+    ASSERT_NE(threadData = LDBArrayThreadDataNew(), nullptr) << QWErrorMessage();
   }
   void TearDown() override {
-    CachedTempDirTest::TearDown();
+    ArenaTest::TearDown();
     LDBArrayThreadDataFree(threadData);
     ArrayFree(buffer);
   }
 
  public:
-  std::string arenaDir() const { return path("arena"); }
-
   void Open(uint32_t buckets, uint32_t flags = VM_FLAG_CREATE) {
-    arena = VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
     int created = 1;
-    array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets);
-    ASSERT_NE(array, nullptr) << QWErrorMessage();
+    ASSERT_NE(array = LDBArrayNew(arena, &pathBuffer, kPath, &created, 0, buckets), nullptr) << QWErrorMessage();
   }
-  void CloseAll() override {
+  void FreeStructures() override {
     LDBArrayFree(array);
     array = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
   void Reopen(uint32_t buckets) {
     CloseAll();
     Open(buckets, 0);
   }
-  bool Commit() { return VMArenaCommit(arena, nullptr, nullptr, 0) && LDBArrayCommit(array) == 1; }
+  bool Commit() { return CommitArena() && LDBArrayCommit(array) == 1; }
 
   uint32_t Add(uint32_t bucket, const std::string &value) {
     return LDBArrayAdd(array, threadData, bucket, value.data(), uint32_t(value.size()), NEWGEN);
@@ -99,13 +81,11 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
   bool Set(uint32_t bucket, uint32_t handle, const std::string &value) {
     return LDBArrayDataSet(array, threadData, bucket, handle, value.data(), uint32_t(value.size()), NEWGEN) == 1;
   }
-  // The whole element through LDBArrayGetArray.
   std::string Read(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
     EXPECT_EQ(LDBArrayGetArray(array, bucket, handle, &buffer, 0, gen), 1) << QWErrorMessage();
     return std::string(reinterpret_cast<const char *>(buffer), ArrayLength(buffer));
   }
-  // The whole element range by range; checks that each range continues the
-  // previous one and that the reported total stays the same.
+  // The element range by range, each continuing the last, the total the same.
   std::string ReadByRanges(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
     std::string value;
     uint32_t offset = 0, total = 0;
@@ -129,10 +109,14 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
 
   // The raw element (a descriptor for an external one) through the
   // block-directory array underneath.
-  std::string RawElement(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
+  DBArray *ElementArray() {
     int created = 0;
     DBArray *elements = DBArrayNew(arena, &pathBuffer, kElementsPath, &created, 0, 1);
     EXPECT_NE(elements, nullptr) << QWErrorMessage();
+    return elements;
+  }
+  std::string RawElement(uint32_t bucket, uint32_t handle, uint32_t gen = NEWGEN) {
+    DBArray *elements = ElementArray();
     uint32_t length = 0;
     const void *bytes = DBArrayGet(elements, bucket, handle, gen, 1, &length);
     std::string raw = bytes ? std::string(static_cast<const char *>(bytes), length) : "";
@@ -141,30 +125,23 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
     return raw;
   }
   void SetRawElement(uint32_t bucket, uint32_t handle, const std::string &raw) {
-    int created = 0;
-    DBArray *elements = DBArrayNew(arena, &pathBuffer, kElementsPath, &created, 0, 1);
-    ASSERT_NE(elements, nullptr) << QWErrorMessage();
+    DBArray *elements = ElementArray();
     EXPECT_EQ(DBArraySet(elements, bucket, handle, NEWGEN, raw.data(), uint32_t(raw.size())), 1) << QWErrorMessage();
     DBArrayFree(elements);
   }
   static Descriptor Decode(const std::string &raw) {
     Descriptor d;
     d.bytes = raw.size();
-    auto load = [&](size_t at) {
-      uint64_t v = 0;
-      for (int i = 7; i >= 0; --i) v = (v << 8) | uint8_t(raw[at + size_t(i)]);
-      return v;
-    };
     if (raw.size() < 8) return d;
-    for (size_t at = 0; at + 8 < raw.size(); at += 8) d.ids.push_back(load(at));
-    const uint64_t trailer = load(raw.size() - 8);
+    for (size_t at = 0; at + 8 < raw.size(); at += 8) d.ids.push_back(olibtest::LE(raw, at, 8));
+    const uint64_t trailer = olibtest::LE(raw, raw.size() - 8, 8);
     d.total = trailer >> 1;
     d.level = uint32_t(trailer & 1);
     return d;
   }
   static std::string EncodeId(uint64_t id) {
     std::string bytes(8, '\0');
-    for (int i = 0; i < 8; ++i) bytes[size_t(i)] = char((id >> (8 * i)) & 0xFF);
+    for (size_t i = 0; i < 8; ++i) bytes[i] = char((id >> (8 * i)) & 0xFF);
     return bytes;
   }
   // The class size of an arena block.
@@ -175,21 +152,13 @@ class LDBArrayTest : public qwtest::CachedTempDirTest {
     VMArenaDataRelease(arena, id, 1, data, 0, 0);
     return size;
   }
-  // The flag bit of (bucket, handle) as stored.
+  // The flag bit of (bucket, handle) as stored; -1 past the flag bytes.
   int FlagBit(uint32_t bucket, uint32_t handle) {
-    const std::string name = std::string(kPath) + "/ldbarray/flag";
-    int create = 0;
-    const uint32_t id = VMAArrayFind(arena, NEWGEN, name.data(), uint32_t(name.size()), 1, &create, 0, 0);
+    const std::vector<uint64_t> bytes = Elements(std::string(kPath) + "/ldbarray/flag", 1);
     const uint64_t g = uint64_t(handle) * LDBArrayBucketCount(array) + bucket;
-    if (g / 8 >= VMAArrayLength_(arena, id, NEWGEN)) return -1;
-    uint32_t end = 0;
-    auto *byte = static_cast<uint8_t *>(VMAArrayRange_(arena, id, 0, 8192, uint32_t(g / 8), &end, NEWGEN, 1, 1, 0));
-    const int bit = (*byte >> (g % 8)) & 1;
-    VMAArrayRelease_(arena, id, byte, 1);
-    return bit;
+    return g / 8 >= bytes.size() ? -1 : int(bytes[g / 8] >> (g % 8) & 1);
   }
 
-  VMArena *arena = nullptr;
   LDBArray *array = nullptr;
   LDBArrayThreadData *threadData = nullptr;
   uint8_t *buffer = nullptr;

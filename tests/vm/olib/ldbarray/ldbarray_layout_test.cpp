@@ -1,7 +1,6 @@
-// Large-element arrays: round-trips across the direct/external boundary and
-// the one- and two-level forms, the stored descriptors and block sizes,
-// range reads at block boundaries, replacing in both directions, clearing
-// without losing or doubling a block.
+// Large-element arrays: the direct, one- and two-level forms with their
+// descriptors and block sizes, ranges at block boundaries, replacing in both
+// directions, clearing without losing or doubling a block.
 #include "ldbarray_fixture.h"
 
 namespace {
@@ -102,16 +101,14 @@ TEST_F(LDBArrayLayout, RangesEndAtBlockBoundariesAndAtTheLength) {
     const bool external = length > LDBARRAY_MAX_DIRECT_SIZE;
     const uint32_t full = length / kBlock * kBlock;
     const bool half = length % kBlock >= 4096;
-    // Where the contiguous run of each offset must end.
     auto expectedEnd = [&](uint32_t offset) -> uint32_t {
       if (!external) return length;
       if (offset < full) return (offset / kBlock + 1) * kBlock;
       if (half && offset < full + 4096) return full + 4096;
       return length;
     };
-    const uint32_t offsets[] = {0,        1,          kBlock - 1, kBlock,   kBlock + 1, full - 1,
-                                full,     full + 4095, full + 4096, length - 1};
-    for (uint32_t offset : offsets) {
+    for (uint32_t offset :
+         {0u, 1u, kBlock - 1, kBlock, kBlock + 1, full - 1, full, full + 4095, full + 4096, length - 1}) {
       if (offset >= length) continue;
       uint32_t end = 0, total = 0;
       auto *bytes = static_cast<const char *>(LDBArrayRange(array, 0, handle, offset, &end, &total, NEWGEN, 1));
@@ -196,8 +193,8 @@ TEST_F(LDBArrayLayout, ClearingGivesEveryBlockBackExactlyOnce) {
     const std::string value = Pattern(length, length);
     const uint32_t handle = Add(1, value);
     ASSERT_NE(handle, LDBARRAY_INVALID_HANDLE) << QWErrorMessage();
-    // Once to warm the size-class lists, then the cycle must come back to
-    // the same allocation: no block lost, none freed twice.
+    // Once to warm the size-class lists, then the cycle comes back to the
+    // same allocation: no block lost, none freed twice.
     ASSERT_EQ(LDBArrayClearElement(array, 1, handle, NEWGEN), 1) << QWErrorMessage();
     const Allocation cleared = AllocationOf(arena);
     ASSERT_TRUE(Set(1, handle, value)) << QWErrorMessage();
@@ -220,17 +217,15 @@ TEST_F(LDBArrayLayout, ClearEmptiesTheArrayAndItIsReusable) {
   Allocation afterFirst;
   for (int round = 0; round < 3; ++round) {
     SCOPED_TRACE(round);
-    std::vector<std::string> values;
     for (uint32_t i = 0; i < 30; ++i) {
-      values.push_back(Pattern(i + 100 * uint32_t(round), i % 4 == 0 ? 9000 * i + 4091 : 50 * i));
-      ASSERT_EQ(Add(i % 3, values.back()), i / 3) << QWErrorMessage();
+      const std::string value = Pattern(i + 100 * uint32_t(round), i % 4 == 0 ? 9000 * i + 4091 : 50 * i);
+      ASSERT_EQ(Add(i % 3, value), i / 3) << QWErrorMessage();
+      ASSERT_EQ(Read(i % 3, i / 3), value);
     }
-    for (uint32_t i = 0; i < values.size(); ++i) ASSERT_EQ(Read(i % 3, i / 3), values[i]);
     ASSERT_EQ(LDBArrayClear(array, NEWGEN), 1) << QWErrorMessage();
     for (uint32_t b = 0; b < 3; ++b) EXPECT_EQ(LDBArraySize(array, b, NEWGEN), 0u);
     EXPECT_EQ(VMArenaCheck(arena), 0);
-    // Round 0 warmed the size-class lists; later rounds reuse exactly its blocks.
-    if (round == 0) afterFirst = AllocationOf(arena);
+    if (round == 0) afterFirst = AllocationOf(arena);  // warms the size-class lists
     else EXPECT_EQ(AllocationOf(arena), afterFirst);
   }
 }

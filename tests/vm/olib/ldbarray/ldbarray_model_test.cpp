@@ -1,9 +1,6 @@
-// Large-element arrays against a model: random adds, replacements and
-// clears across the direct/external boundary, commits, reopenings (dropping
-// what was not committed) and reads of the committed generation, compared
-// with one std::vector<std::string> per bucket; the arena check stays clean.
-#include <random>
-
+// Large-element arrays against a vector of strings per bucket (adds,
+// replacements and clears across the direct/external boundary, commits,
+// reopenings, committed reads); the lifecycle; committed readers beside a writer.
 #include "ldbarray_fixture.h"
 
 namespace {
@@ -13,15 +10,12 @@ using Buckets = std::vector<std::vector<std::string>>;
 
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t buckets;
-  uint32_t steps;
+  uint32_t seed, buckets, steps;
 };
 
 class LDBArrayModel : public ldbatest::LDBArrayTest, public ::testing::WithParamInterface<ModelCase> {
  protected:
-  // Lengths around the direct limit, in one or a few blocks, and now and
-  // then long enough for a second level.
+  // Around the direct limit, one or a few blocks, now and then a second level.
   uint32_t RandomLength() {
     const uint32_t r = rng() % 1000;
     if (r < 350) return rng() % 200;
@@ -31,11 +25,10 @@ class LDBArrayModel : public ldbatest::LDBArrayTest, public ::testing::WithParam
     return 510 * 8192 + 1 + rng() % 100000;
   }
   void ExpectAll(const Buckets &expected, uint32_t gen) {
-    for (uint32_t b = 0; b < expected.size(); ++b) {
-      ASSERT_EQ(LDBArraySize(array, b, gen), expected[b].size()) << "gen " << gen << " bucket " << b;
-      for (uint32_t h = 0; h < expected[b].size(); ++h)
-        ASSERT_EQ(Read(b, h, gen), expected[b][h]) << "gen " << gen << " bucket " << b << " handle " << h;
-    }
+    Buckets contents(expected.size());
+    for (uint32_t b = 0; b < expected.size(); ++b)
+      for (uint32_t h = 0; h < LDBArraySize(array, b, gen); ++h) contents[b].push_back(Read(b, h, gen));
+    ASSERT_TRUE(contents == expected) << "gen " << gen;
   }
   std::mt19937 rng{GetParam().seed};
 };
@@ -78,10 +71,8 @@ TEST_P(LDBArrayModel, MatchesVectorsThroughCommitsAndReopenings) {
   ASSERT_NO_FATAL_FAILURE(ExpectAll(model, NEWGEN));
   ASSERT_NO_FATAL_FAILURE(ExpectAll(committed, OLDGEN));
   EXPECT_EQ(VMArenaCheck(arena), 0);
-  {
-    qwtest::MessageCapture capture;  // keeps the check's report off stderr
-    EXPECT_EQ(LDBArrayCheck(array, NEWGEN), 0u);
-  }
+  qwtest::MessageCapture quiet;  // keeps the check's report off stderr
+  EXPECT_EQ(LDBArrayCheck(array, NEWGEN), 0u);
   ASSERT_TRUE(Commit()) << QWErrorMessage();
   Reopen(c.buckets);
   ASSERT_NO_FATAL_FAILURE(ExpectAll(model, NEWGEN));
@@ -90,10 +81,7 @@ TEST_P(LDBArrayModel, MatchesVectorsThroughCommitsAndReopenings) {
 }
 
 const ModelCase kModelCases[] = {
-    {"one_bucket", 11, 1, 300},
-    {"three_buckets", 12, 3, 300},
-    {"many_buckets", 13, 17, 250},
-};
+    {"one_bucket", 11, 1, 300}, {"three_buckets", 12, 3, 300}, {"many_buckets", 13, 17, 250}};
 
 INSTANTIATE_TEST_SUITE_P(Cases, LDBArrayModel, ::testing::ValuesIn(kModelCases),
                          [](const ::testing::TestParamInfo<ModelCase> &info) { return info.param.name; });
@@ -116,8 +104,7 @@ TEST_F(LDBArrayLifecycle, CreationCommittedGenerationAndReadOnlyOpen) {
   const std::string big = Pattern(7, 50000), small = Pattern(8, 10);
   ASSERT_EQ(Add(1, big), 0u);
   ASSERT_EQ(Add(1, small), 1u);
-  // Nothing committed yet: the committed generation has no elements.
-  uint32_t end = 5, total = 5;
+  uint32_t end = 5, total = 5;  // nothing committed yet: the committed generation has no elements
   QWErrorClear();
   EXPECT_EQ(LDBArrayRange(array, 1, 0, 0, &end, &total, OLDGEN, 1), nullptr);
   EXPECT_EQ(total, 0u);
@@ -136,6 +123,59 @@ TEST_F(LDBArrayLifecycle, CreationCommittedGenerationAndReadOnlyOpen) {
   EXPECT_EQ(Read(1, 1, OLDGEN), small);
   EXPECT_EQ(LDBArrayLockRegister(array, 1, OLDGEN), 1) << QWErrorMessage();
   EXPECT_EQ(Read(1, 0, OLDGEN), big);
+}
+
+// Readers of the committed generation, by whole element and by ranges, run
+// while one writer adds elements of both forms and commits. Element h of
+// bucket h % 3 never changes once added: its value is a function of h.
+using LDBArrayConcurrency = ldbatest::LDBArrayTest;
+
+std::string ValueOf(uint32_t h) { return Pattern(h, h % 4 == 0 ? 4091 + 6007 * h : h % 4 == 1 ? 4090 : 97 * h % 4000); }
+
+TEST_F(LDBArrayConcurrency, CommittedReadersRunBesideAnAddingAndCommittingWriter) {
+  Open(3);
+  uint32_t added = 0;
+  for (; added < 30; ++added) ASSERT_EQ(Add(added % 3, ValueOf(added)), added / 3);
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  std::atomic<uint32_t> committedCount{added};
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      arena, 3, 20,
+      [&](std::mt19937 &rng) {
+        const uint32_t h = rng() % committedCount.load();
+        std::string value;
+        if (rng() % 2) {
+          uint8_t *copy = nullptr;
+          if (LDBArrayGetArray(array, h % 3, h / 3, &copy, 0, OLDGEN))
+            value.assign(reinterpret_cast<const char *>(copy), ArrayLength(copy));
+          ArrayFree(copy);
+          return value == ValueOf(h);
+        }
+        uint32_t end = 0;
+        for (uint32_t offset = 0; void *bytes = LDBArrayRange(array, h % 3, h / 3, offset, &end, nullptr, OLDGEN, 1);
+             offset = end) {
+          value.append(static_cast<const char *>(bytes), end - offset);
+          LDBArrayRelease(array, OLDGEN, 1, bytes);
+        }
+        return value == ValueOf(h);
+      },
+      [&] {
+        for (int round = 0; round < 8; ++round) {
+          VMArenaNewGenAcquire(arena, 0);
+          for (int i = 0; i < 12; ++i, ++added) EXPECT_EQ(Add(added % 3, ValueOf(added)), added / 3);
+          // A change the readers must not see: replaced and given its value back.
+          EXPECT_TRUE(Set(0, 0, Pattern(99, 20000)));
+          EXPECT_TRUE(Set(0, 0, ValueOf(0)));
+          VMArenaNewGenRelease(arena, 0);
+          ASSERT_TRUE(CommitArena()) << QWErrorMessage();
+          VMArenaFlushCommitMemoryAcquire(arena);  // readers are held off while the handles move
+          LDBArrayCommit(array);
+          committedCount = added;
+          VMArenaFlushCommitMemoryRelease(arena);
+        }
+      });
+  EXPECT_EQ(bad, 0u);
+  for (uint32_t h = 0; h < added; ++h) ASSERT_EQ(Read(h % 3, h / 3, OLDGEN), ValueOf(h));
+  EXPECT_EQ(VMArenaCheck(arena), 0);
 }
 
 }  // namespace

@@ -1,51 +1,32 @@
-// Offset maps: the stored groups and differences byte for byte, the named
-// edge cases (group starts, 15 differences, one- and two-byte differences,
-// the zero difference as the format defines it), a randomized model with
-// commits, reopenings and committed reads, and the assertions.
-#include <random>
-
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+// Offset maps: the stored groups and differences byte for byte, the zero
+// difference as the format defines it, a model through commits, reopenings
+// and committed reads, and the assertions.
+#include "vm/olib/olib_fixture.h"
 
 namespace {
 
 constexpr const char *kPath = "runs/run0";
 
-class OffsetMapTest : public qwtest::CachedTempDirTest {
+class OffsetMapTest : public olibtest::ArenaTest {
  protected:
-  void CloseAll() override { Close(); }
-  void Open(uint32_t flags = VM_FLAG_CREATE, int expectCreated = -1) {
-    arena = VMArenaOpen(path("arena").c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
-    ASSERT_NE(arena, nullptr) << QWErrorMessage();
-    int created = 1;
-    map = OffsetMapNew(arena, &pathBuffer, kPath, &created, 0);
-    ASSERT_NE(map, nullptr) << QWErrorMessage();
-    if (expectCreated >= 0) {
-      EXPECT_EQ(created, expectCreated);
-    }
-    EXPECT_EQ(ArrayLength(pathBuffer), 0u);
-  }
-  void Close() {
+  void FreeStructures() override {
     OffsetMapFree(map);
     map = nullptr;
-    if (arena) VMArenaClose(arena);
-    arena = nullptr;
   }
-  // The stored elements of one of the three arrays.
-  std::vector<uint64_t> Stored(const char *name, uint32_t elementSize, uint32_t gen = NEWGEN) {
-    const std::string full = std::string(kPath) + "/offsetMap/" + name;
-    int create = 0;
-    const uint32_t id = VMAArrayFind(arena, gen, full.data(), uint32_t(full.size()), 0, &create, 0, 0);
-    std::vector<uint64_t> values(VMAArrayLength_(arena, id, gen));
-    for (uint32_t i = 0; i < values.size(); ++i) {
-      uint32_t end = 0;
-      auto *at = static_cast<const uint8_t *>(VMAArrayRange_(arena, id, 0, 8192, i, &end, gen, 1, elementSize, 0));
-      for (int b = int(elementSize) - 1; b >= 0; --b) values[i] = (values[i] << 8) | at[b];
-      VMAArrayRelease_(arena, id, const_cast<uint8_t *>(at), 1);
-    }
-    return values;
+  void Open(uint32_t flags = VM_FLAG_CREATE, int expectCreated = -1) {
+    ASSERT_NO_FATAL_FAILURE(MustOpenArena(flags));
+    int created = 1;
+    ASSERT_NE(map = OffsetMapNew(arena, &pathBuffer, kPath, &created, 0), nullptr) << QWErrorMessage();
+    EXPECT_TRUE(expectCreated < 0 || created == expectCreated) << created;
+    EXPECT_EQ(ArrayLength(pathBuffer), 0u);
   }
-  VMArena *arena = nullptr;
+  void Reopen() {
+    CloseAll();
+    Open(0, 0);
+  }
+  std::vector<uint64_t> Stored(const char *name, unsigned size) {
+    return Elements(std::string(kPath) + "/offsetMap/" + name, size);
+  }
   OffsetMap *map = nullptr;
 };
 
@@ -101,8 +82,7 @@ TEST_F(OffsetMapTest, ZeroDifferenceWritesNoByte) {
 
 struct ModelCase {
   const char *name;
-  uint32_t seed;
-  uint32_t steps;
+  uint32_t seed, steps;
 };
 
 class OffsetMapModel : public OffsetMapTest, public ::testing::WithParamInterface<ModelCase> {};
@@ -116,7 +96,6 @@ TEST_P(OffsetMapModel, MatchesAVectorThroughCommitsAndReopenings) {
     SCOPED_TRACE(step);
     const uint32_t r = uint32_t(rng() % 1000);
     if (r < 800) {
-      // Gaps of every encoded length, up to the largest allowed.
       const uint32_t kind = uint32_t(rng() % 10);
       const uint64_t gap = kind < 5 ? 1 + rng() % 127 : kind < 8 ? 128 + rng() % 20000 : 1 + rng() % 0xFFFFFFFFull;
       last = model.empty() ? last : last + gap;
@@ -125,11 +104,9 @@ TEST_P(OffsetMapModel, MatchesAVectorThroughCommitsAndReopenings) {
     } else if (r < 808) {
       ASSERT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
       committed = model;
-      Close();
-      Open(0, 0);
+      Reopen();
     } else if (r < 812) {
-      Close();  // uncommitted entries are dropped
-      Open(0, 0);
+      Reopen();  // uncommitted entries are dropped
       model = committed;
       if (!model.empty()) last = model.back();
     } else {

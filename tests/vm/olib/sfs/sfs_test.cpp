@@ -1,25 +1,13 @@
 // Small file store: files of every size across commits and reopenings, the
 // handle's generation bit, record gaps and reuse, and readers of the
 // committed generation beside a writer.
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <map>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "qwvm/qwvm.h"
-#include "support/test_support.h"
+#include "vm/olib/olib_fixture.h"
 
 namespace {
 
-std::string Bytes(uint32_t length, uint32_t seed) {
-  std::string bytes(length, '\0');
-  for (uint32_t i = 0; i < length; ++i) bytes[i] = char((i * 131 + seed * 7 + (i >> 9)) & 0xFF);
-  return bytes;
-}
+using olibtest::Pattern;
 
 class SFSTest : public qwtest::TempDirTest {
  protected:
@@ -30,8 +18,7 @@ class SFSTest : public qwtest::TempDirTest {
   }
   void Open(int writable = 1) {
     if (store) SFSClose(store);
-    store = SFSOpen(path("store").c_str(), writable, 0, 2, nullptr);
-    ASSERT_NE(store, nullptr) << QWErrorMessage();
+    ASSERT_NE(store = SFSOpen(path("store").c_str(), writable, 0, 2, nullptr), nullptr) << QWErrorMessage();
   }
   uint32_t Put(const std::string &name, const std::string &bytes) {
     EXPECT_TRUE(SFSAcquire(store, 0));
@@ -42,7 +29,7 @@ class SFSTest : public qwtest::TempDirTest {
     EXPECT_TRUE(SFSRelease(store, 0));
     return handle;
   }
-  // The file's bytes in genID; nullopt-like "<absent>" when the path is not there.
+  // The file's bytes in genID; "<absent>" when the path is not there.
   std::string Get(const std::string &name, uint32_t genID) {
     const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, genID);
     if (handle == SFS_NO_HANDLE) return "<absent>";
@@ -59,25 +46,23 @@ TEST_F(SFSTest, FilesOfEverySizeSurviveCommitAndReopen) {
   const uint32_t sizes[] = {0, 1, 4089, 4090, 4091, 8192, 20000, 100000, 3u << 20};
   std::map<std::string, std::string> model;
   for (uint32_t i = 0; i < std::size(sizes); ++i) {
-    model["dir/f" + std::to_string(i)] = Bytes(sizes[i], i);
-    Put("dir/f" + std::to_string(i), model["dir/f" + std::to_string(i)]);
+    const std::string name = "dir/f" + std::to_string(i);
+    Put(name, model[name] = Pattern(i, sizes[i], 9));
   }
   for (const auto &[name, bytes] : model) EXPECT_EQ(Get(name, NEWGEN), bytes) << name;
   EXPECT_EQ(Get("dir/f1", OLDGEN), "<absent>");
   ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
-  // Overwrite after the commit: OLDGEN keeps the committed bytes.
-  Put("dir/f2", "changed");
+  Put("dir/f2", "changed");  // OLDGEN keeps the committed bytes
   EXPECT_EQ(Get("dir/f2", OLDGEN), model["dir/f2"]);
   EXPECT_EQ(Get("dir/f2", NEWGEN), "changed");
   Open(0);  // read-only: the uncommitted change is gone
   for (const auto &[name, bytes] : model) EXPECT_EQ(Get(name, OLDGEN), bytes) << name;
   std::vector<std::string> listed;
-  ASSERT_TRUE(SFSList(store, "dir", 3, OLDGEN,
-                      [](void *context, const char *path, uint32_t length, uint32_t) {
-                        static_cast<std::vector<std::string> *>(context)->emplace_back(path, length);
-                        return 1;
-                      },
-                      &listed));
+  auto list = [](void *context, const char *path, uint32_t length, uint32_t) {
+    static_cast<std::vector<std::string> *>(context)->emplace_back(path, length);
+    return 1;
+  };
+  ASSERT_TRUE(SFSList(store, "dir", 3, OLDGEN, list, &listed));
   EXPECT_EQ(listed.size(), model.size());
 }
 
@@ -85,14 +70,10 @@ TEST_F(SFSTest, HandlesAndRecords) {
   Open();
   const uint32_t handle = Put("a", "x");
   uint32_t end = 7, length = 7;
-  // A file ID beyond the records of its generation.
-  EXPECT_EQ(SFSGet(store, (99u << 1) | 1, 0, &end, &length), nullptr);
-  EXPECT_EQ(end, 0u);
-  EXPECT_EQ(length, 0u);
-  // At the end of a file: NULL with end = offset.
-  EXPECT_EQ(SFSGet(store, handle, 1, &end, &length), nullptr);
-  EXPECT_EQ(end, 1u);
-  EXPECT_EQ(length, 1u);
+  EXPECT_EQ(SFSGet(store, (99u << 1) | 1, 0, &end, &length), nullptr);  // beyond the records of its generation
+  EXPECT_EQ(std::make_pair(end, length), std::make_pair(0u, 0u));
+  EXPECT_EQ(SFSGet(store, handle, 1, &end, &length), nullptr);  // at the end of a file: end = offset
+  EXPECT_EQ(std::make_pair(end, length), std::make_pair(1u, 1u));
   EXPECT_EQ(SFSSet(store, SFS_NO_HANDLE, "y", 1), 0);
   EXPECT_EQ(SFSHandleGet(store, "missing", 7, 0, NEWGEN), SFS_NO_HANDLE);
   EXPECT_FALSE(QWErrorIsSet());
@@ -145,40 +126,30 @@ TEST_F(SFSTest, ConcurrencyReadersOfTheCommittedGenerationBesideAWriter) {
   for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(0)));
   ASSERT_TRUE(SFSCommit(store));
   std::atomic<int> committedVersion{0}, committingVersion{0};
-  std::atomic<bool> stop{false};
-  std::atomic<long> reads{0};
-  auto reader = [&] {
-    uint8_t *local = nullptr;
-    std::mt19937 random(std::hash<std::thread::id>()(std::this_thread::get_id()));
-    while (!stop) {
-      const int before = committedVersion;
-      ASSERT_TRUE(SFSAcquire(store, 1));
-      const std::string name = "f" + std::to_string(random() % kFiles);
-      const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, OLDGEN);
-      ASSERT_NE(handle, SFS_NO_HANDLE) << QWErrorMessage();
-      ASSERT_TRUE(SFSGetArray(store, handle, &local, 0)) << QWErrorMessage();
-      ASSERT_TRUE(SFSRelease(store, 1));
-      const size_t length = ArrayLength(local);
-      ASSERT_GT(length, 0u);
-      const int version = local[0];
-      for (size_t i = 0; i < length; ++i) ASSERT_EQ(local[i], version) << "torn file " << name;
-      ASSERT_GE(version, before);
-      ASSERT_LE(version, committingVersion.load());
-      ++reads;
-    }
-    ArrayFree(local);
-  };
-  std::vector<std::thread> readers;
-  for (int r = 0; r < 3; ++r) readers.emplace_back(reader);
-  for (int version = 1; version <= 20; ++version) {
-    for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(version)));
-    committingVersion = version;
-    ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
-    committedVersion = version;
-  }
-  stop = true;
-  for (auto &thread : readers) thread.join();
-  EXPECT_GT(reads.load(), 0);
+  const uint32_t bad = olibtest::ReadersBesideWriter(
+      nullptr, 3, 20,
+      [&](std::mt19937 &rng) {
+        uint8_t *local = nullptr;
+        const int before = committedVersion;
+        const std::string name = "f" + std::to_string(rng() % kFiles);
+        bool ok = SFSAcquire(store, 1);
+        const uint32_t handle = SFSHandleGet(store, name.data(), uint32_t(name.size()), 0, OLDGEN);
+        ok &= handle != SFS_NO_HANDLE && SFSGetArray(store, handle, &local, 0);
+        ok &= SFSRelease(store, 1) && ArrayLength(local) > 0;
+        const int version = ok ? local[0] : -1;
+        for (size_t i = 0; ok && i < ArrayLength(local); ++i) ok = local[i] == version;  // not torn
+        ArrayFree(local);
+        return ok && version >= before && version <= committingVersion.load();
+      },
+      [&] {
+        for (int version = 1; version <= 20; ++version) {
+          for (int f = 0; f < kFiles; ++f) Put("f" + std::to_string(f), std::string(1000 + f * 3000, char(version)));
+          committingVersion = version;
+          ASSERT_TRUE(SFSCommit(store)) << QWErrorMessage();
+          committedVersion = version;
+        }
+      });
+  EXPECT_EQ(bad, 0u);
 }
 
 }  // namespace

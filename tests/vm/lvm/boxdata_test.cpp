@@ -1,0 +1,272 @@
+// Box data files, each test run directly and through the page cache: exact
+// block bytes (version 1 read too), every decoding error with its code and
+// text, growth and its limit, open checks, the forced-error names, and power
+// loss at each sync of creating and syncing a file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "platform/qwlib/fault.h"
+#include "qwvm/qwvm.h"
+#include "support/test_support.h"
+
+namespace {
+
+std::string Hex(const std::string &hex) {  // "0a ff " -> bytes
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 3) out.push_back(char(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+std::string Pattern(size_t length) {
+  std::string bytes(length, '\0');
+  for (size_t i = 0; i < length; ++i) bytes[i] = char(i % 251);
+  return bytes;
+}
+
+// A failed call whose error has `code` and whose chain, with every "(fd N)"
+// made "(fd %)", is `text`, or ends with it when it starts with a newline.
+::testing::AssertionResult Fails(int result, int code, const std::string &text) {
+  std::string chain = QWErrorMessage();
+  for (size_t at = 0; (at = chain.find("(fd ", at)) != std::string::npos; at += 6)
+    chain.replace(at + 4, chain.find(')', at) - at - 4, "%");
+  const bool suffix = text[0] == '\n' && chain.size() >= text.size() &&
+                      chain.compare(chain.size() - text.size(), text.size(), text) == 0;
+  if (result == 0 && QWErrorCode() == code && (chain == text || suffix))
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "result " << result << ", code " << QWErrorCode() << ", chain:\n" << chain;
+}
+
+class BoxDataTest : public qwtest::TempDirTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    TempDirTest::SetUp();
+    threadData = BoxLVMDataFileThreadDataNew();
+    cache = GetParam() ? PageCacheNew(1 << 20, 8192) : nullptr;
+    Open(1, GetParam());
+  }
+  void TearDown() override {
+    BoxLVMDataClose(file);
+    BoxLVMDataFileThreadDataFree(threadData);
+    PageCacheFree(cache);
+    TempDirTest::TearDown();
+  }
+  void Open(uint32_t pages, bool cached, int verbose = 0) {
+    BoxLVMDataClose(file);
+    file = BoxLVMDataFileOpen(dir().c_str(), pages, 1, 0, verbose, 0, 0, cached ? cache : nullptr);
+    ASSERT_NE(file, nullptr) << QWErrorMessage();
+  }
+  std::string Raw(uint32_t handle, uint32_t size) {
+    std::string bytes(size, '\0');
+    EXPECT_EQ(BoxLVMDataBlockRead(file, handle, size, bytes.data()), 1) << QWErrorMessage();
+    return bytes;
+  }
+  void Patch(uint32_t handle, size_t at, const std::string &bytes) {
+    const uint32_t size = uint32_t(at + bytes.size() + 31) / 32 * 32;
+    std::string block = Raw(handle, size).replace(at, bytes.size(), bytes);
+    ASSERT_EQ(BoxLVMDataBlockWrite(file, handle, size, block.data()), 1) << QWErrorMessage();
+  }
+  int Put(uint32_t handle, const std::string &bytes, uint32_t sizeClass, uint32_t id, uint32_t part = 0,
+          uint32_t next = ~0u) {
+    return BoxLVMDataBlockEncodeWrite(file, threadData, handle, uint32_t(bytes.size()), bytes.data(), sizeClass, id,
+                                      part, next, 0, 0);
+  }
+  // Decodes with the header check; the data and header fields go to members.
+  int Decode(uint32_t handle, uint32_t id, uint32_t part = 0, uint32_t next = ~0u) {
+    uint32_t length = 0;
+    const uint8_t *bytes = nullptr;
+    const int ok = BoxLVMDataBlockReadDecode(file, threadData, handle, 1, id, part, next, &fields[0], &fields[1],
+                                             &fields[2], &stamp, &fields[3], &length, &bytes);
+    data = ok ? std::string(reinterpret_cast<const char *>(bytes), length) : "";
+    return ok;
+  }
+  BoxLVMDataFile *file = nullptr;
+  BoxLVMDataFileThreadData *threadData = nullptr;
+  PageCache *cache = nullptr;
+  std::string data;
+  uint32_t fields[4] = {};  // id, part, next, class
+  uint64_t stamp = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(DirectAndCached, BoxDataTest, ::testing::Values(false, true),
+                         [](const auto &info) { return info.param ? "Cached" : "Direct"; });
+
+TEST_P(BoxDataTest, BlocksHaveTheirExactBytesAndReadBack) {
+  const struct {
+    uint32_t handle, sizeClass, id, part, next;
+    std::string data, header;  // the header bytes, checksum worked out by hand
+    uint64_t stamp;            // version 0: data bytes 16..19, when there are 20
+  } cases[] = {
+      {0, 0, 0x01020304, 1, ~0u, "ab", "04 03 02 01 01 00 00 00 ff ff ff ff 00 00 02 00 d1 98 00 61 ", 0},
+      {3, 1, 7, 0, ~0u, Pattern(24), "07 00 00 00 00 00 00 00 ff ff ff ff 01 00 18 00 d0 9f 1e 65 ", 0x13121110},
+      {255, 0, 9, 2, ~0u, Pattern(12), "09 00 00 00 02 00 00 00 ff ff ff ff 00 00 0c 00 30 cc 62 29 ", 0},
+      {256, 255, 5, 0, 600, Pattern(8172), "05 00 00 00 00 00 00 00 58 02 00 00 ff 00 ec 1f 10 a7 c1 dc ", 0x13121110},
+      // Version 1 (read only): stamp, then checksum, then data.
+      {8, 1, 3, 0, ~0u, "v1 data",
+       "03 00 00 00 00 00 00 00 ff ff ff ff 01 01 07 00 08 07 06 05 04 03 02 01 01 75 97 d3 ", 0x0102030405060708},
+  };
+  uint32_t pages = 0, sizeClass = 0;
+  ASSERT_EQ(BoxLVMDataGrow(file, 1, &pages), 1);
+  for (const auto &c : cases) {
+    std::string expected = Hex(c.header) + c.data;
+    expected.resize((c.sizeClass + 1) * 32, '\0');  // a fresh buffer and growing data: zero tails
+    const bool written = expected[13] == 1 ? (Patch(c.handle, 0, expected), true)
+                                           : Put(c.handle, c.data, c.sizeClass, c.id, c.part, c.next) == 1;
+    ASSERT_TRUE(written) << QWErrorMessage();
+    EXPECT_EQ(Raw(c.handle, uint32_t(expected.size())), expected) << c.handle;
+    ASSERT_EQ(Decode(c.handle, c.id, c.part, c.next), 1) << QWErrorMessage();  // 255: reads only 32 bytes
+    EXPECT_EQ(data, c.data);
+    EXPECT_EQ(std::vector<uint32_t>(fields, fields + 4), std::vector<uint32_t>({c.id, c.part, c.next, c.sizeClass}));
+    EXPECT_EQ(stamp, c.stamp);
+    EXPECT_EQ(BoxLVMDataBlockSizeGet(file, c.handle, &sizeClass), 1);
+    EXPECT_EQ(sizeClass, c.sizeClass);
+  }
+  // What one access path wrote (the close writes the cache back), the other reads.
+  const std::string before = Raw(0, 2 * 8192);
+  Open(2, !GetParam());
+  EXPECT_EQ(Raw(0, 2 * 8192), before);
+}
+
+TEST_P(BoxDataTest, DamagedBlocksFailWithTheirCodeAndText) {
+  const struct {
+    size_t at;
+    std::string patch;    // bytes written over the block at `at`
+    uint32_t part, next;  // what the reader expects
+    int code;
+    std::string text;
+  } cases[] = {
+      {20, "x", 0, ~0u, 3, "wrong checksum at handle 40"},
+      {13, "\x02", 0, ~0u, 4, "invalid block version"},
+      {14, std::string(2, '\0'), 0, ~0u, 4, "impossible size 0 or id 7"},
+      {14, "\xED\x1A", 0, ~0u, 4, "impossible size 6893 or id 7"},  // 20 + 6893 bytes > 216 units
+      {0, "", 1, ~0u, 4, "header data does not match"},
+      {8, std::string("\x01\0\0\0", 4), 0, 1, 5,
+       "intermediate block in multiblock entry at handle 40 does not use full size (size 9)"},
+  };
+  for (const auto &c : cases) {
+    ASSERT_EQ(Put(40, "some data", 0, 7), 1) << QWErrorMessage();
+    Patch(40, c.at, c.patch);
+    EXPECT_TRUE(Fails(Decode(40, 7, c.part, c.next), c.code, "BoxLVMDataBlockReadDecode: " + c.text));
+    EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA);
+  }
+  // An erased block: id, version, length and checksum are reset.
+  ASSERT_EQ(BoxLVMDataBlockErase(file, threadData, 40), 1) << QWErrorMessage();
+  EXPECT_EQ(Raw(40, 20), Hex("ff ff ff ff 00 00 00 00 01 00 00 00 00 00 00 00 00 00 00 00 "));
+  EXPECT_TRUE(Fails(Decode(40, 7), 4, "BoxLVMDataBlockReadDecode: impossible size 0 or id 4294967295"));
+  EXPECT_TRUE(Fails(Decode(256, 7), 5, "BoxLVMDataBlockRead:unexpected end of file (fd %)\nBoxLVMDataBlockReadDecode: "
+                                       "block read failed"));  // past the end of the file
+  // Blocks that do not fit: in their page, or their data in their class.
+  EXPECT_EQ(Put(255, "a", 1, 7), 0);
+  EXPECT_TRUE(Fails(Put(0, std::string(13, 'a'), 0, 7), 22,
+                    "a block of class 0 at handle 0 cannot hold 13 bytes\ncould not write data for entry 7 to file"));
+  uint32_t sizeClass = 0;
+  Patch(250, 12, "\x06");
+  EXPECT_TRUE(Fails(BoxLVMDataBlockSizeGet(file, 250, &sizeClass), 4, "BoxLVMDataBlockSizeGet: impossible size 6"));
+  Patch(250, 12, "\x05\x07");
+  EXPECT_TRUE(Fails(BoxLVMDataBlockSizeGet(file, 250, &sizeClass), 4, "BoxLVMDataBlockSize: invalid block version 7"));
+}
+
+TEST_P(BoxDataTest, GrowthTakesAnEighthUpToTheLimit) {
+  qwtest::MessageCapture messages;
+  uint32_t newPages = 0;
+  for (const auto &c : {std::pair(0u, 1u), {8u, 9u}, {9u, 11u}, {64u, 72u}, {262141u, 262142u}}) {
+    ASSERT_EQ(BoxLVMDataGrow(file, c.first, &newPages), 1) << QWErrorMessage();
+    EXPECT_EQ(newPages, c.second);
+    EXPECT_EQ(BoxLVMDataFileSize(file), int64_t(c.second) * 8192);
+  }
+  EXPECT_EQ(Raw(262142 * 256 - 1, 32), std::string(32, '\0'));
+  EXPECT_TRUE(Fails(BoxLVMDataGrow(file, 262142, &newPages), 2, "cannot extend box data file past the 262142 pages "
+                                                                "boundary"));
+  EXPECT_EQ(std::pair(newPages, QWErrorClass()), std::pair(262142u, QW_ERROR_CLASS_DATA));
+  EXPECT_TRUE(messages.messages().empty());  // quiet unless verbose
+  Open(1, GetParam(), 1);
+  ASSERT_EQ(BoxLVMDataGrow(file, 8, &newPages), 1);
+  EXPECT_TRUE(messages.contains("box: growing data file " + path("box.dat") + ", pages=8", QW_LEVEL_PROGRESS));
+  EXPECT_TRUE(messages.contains("box: done growing data file \"" + path("box.dat") + "\", pages=9", 2));
+}
+
+TEST_P(BoxDataTest, OpenChecksThePathTheSizeAndTheCache) {
+  EXPECT_EQ(BoxLVMDataFileSize(file), 8192);  // created with its page
+  BoxLVMDataClose(file);
+  file = nullptr;
+  // A ragged size is cut back on a writable open unless it is to be kept.
+  for (const auto &[readOnly, keep, size] : {std::tuple(0, 1, 8292), {1, 0, 8292}, {0, 0, 8192}}) {
+    ASSERT_EQ(FileTruncate(path("box.dat").c_str(), 8292), 1);
+    BoxLVMDataFile *opened = BoxLVMDataFileOpen(dir().c_str(), 1, 0, readOnly, 0, keep, 0, cache);
+    ASSERT_NE(opened, nullptr) << QWErrorMessage();
+    EXPECT_EQ(BoxLVMDataFileSize(opened), size);
+    BoxLVMDataClose(opened);
+  }
+  PageCache *small = PageCacheNew(1 << 20, 4096);
+  const std::string longDir = dir() + "/" + std::string(251 - dir().size(), 'd');  // 260 with "/box.dat"
+  const std::string shorter = longDir.substr(0, longDir.size() - 1);                // fits, but is missing
+  const std::tuple<std::string, uint32_t, PageCache *, int, std::string> failures[] = {
+      {dir(), 2, nullptr, 0, "box data file \"" + path("box.dat") + "\" has invalid size (current is 8192, should have at least 16384)"},
+      {longDir, 0, nullptr, 22, "path name too long: \"" + longDir + "/box.dat\""},
+      {shorter, 0, nullptr, 2, "\ncould not open data file \"" + shorter + "/box.dat\""},
+      {dir(), 1, small, 22, "box cache page size invalid: is 4096, should be at least 8192"},
+  };
+  for (const auto &[at, pages, through, code, text] : failures)
+    EXPECT_TRUE(Fails(BoxLVMDataFileOpen(at.c_str(), pages, 0, 0, 0, 0, 0, through) != nullptr, code, text));
+  PageCacheFree(small);
+}
+
+TEST_P(BoxDataTest, ForcedAndInjectedErrorsNameTheFailingStep) {
+  const std::string path = this->path("box.dat");
+  uint32_t scratch = 0;
+  const std::tuple<const char *, std::function<int()>, std::string> cases[] = {
+      // QWRETURNFALSE (null: every sync fails), the call, the chain after the innermost message
+      {"BoxLVMDataBlockWrite", [&] { return Put(0, "x", 0, 7); }, "\ncould not write data for entry 7 to file"},
+      {"BoxLVMDataBlockWrite", [&] { return BoxLVMDataBlockErase(file, threadData, 5); },
+       "\ncould not erase block at offset 5"},
+      {"BoxLVMDataBlockRead", [&] { return BoxLVMDataBlockSizeGet(file, 0, &scratch); },
+       "\nBoxLVMDataBlockSizeGet: block read failed"},
+      {"BoxLVMDataExtend", [&] { return BoxLVMDataGrow(file, 1, &scratch); },
+       "\nBoxLVMDataExtend: could not set data file size (fd %)\nerror extending box data file \"" + path + "\""},
+      {"BoxLVMDataOpen", [&] { return int(BoxLVMDataFileOpen(dir().c_str(), 1, 0, 0, 0, 0, 0, nullptr) != nullptr); },
+       "\ncould not open file \"" + path + "\"\ncould not open data file \"" + path + "\""},
+      {nullptr, [&] { return BoxLVMDataSync(file); },
+       GetParam() ? "\nerror flushing cached box data file \"" + path + "\""
+                  : "\nerror sync'ing box data file \"" + path + "\" (fd %)"},
+  };
+  for (const auto &[forced, run, text] : cases) {
+    if (forced) setenv("QWRETURNFALSE", forced, 1);
+    if (!forced) qw::fault::FailPath("box.dat", qw::fault::Bit(qw::fault::Op::Sync));
+    const int result = run();
+    unsetenv("QWRETURNFALSE");
+    qw::fault::Disable();
+    EXPECT_TRUE(Fails(result, forced ? 0 : 5, forced ? "forced error in " + std::string(forced) + text : text));
+  }
+}
+
+TEST_P(BoxDataTest, PowerLossAtEachSyncKeepsWhatWasSynced) {
+  const std::string crash = path("crash");
+  // Syncs: 1 the new file, 2 its directory, 3 BoxLVMDataSync; 4: none is hit.
+  const char *const expected[] = {"missing", "missing", "|", "synced|"};
+  for (uint64_t n = 1; n <= 4; ++n) {
+    ASSERT_EQ(DirectoryCreate(crash.c_str()), 1);
+    const auto child = qwtest::RunInChild([&] {
+      qw::fault::CrashAtSync(n, qw::fault::PowerLoss::Drop);
+      file = BoxLVMDataFileOpen(crash.c_str(), 1, 1, 0, 0, 0, 0, cache);
+      if (!file || !Put(40, "synced", 0, 7) || !BoxLVMDataSync(file) || !Put(48, "lost", 0, 8)) _exit(3);
+      qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
+      _exit(2);
+    });
+    EXPECT_EQ(child.exitStatus, n < 4 ? 1 : 2);
+    BoxLVMDataFile *reopened = BoxLVMDataFileOpen(crash.c_str(), 1, 0, 0, 0, 0, 0, nullptr);
+    std::swap(file, reopened);
+    std::string found = "missing";
+    if (file) {
+      found = (Decode(40, 7), data) + "|";
+      found += (Decode(48, 8), data);
+    }
+    EXPECT_EQ(found, expected[n - 1]) << n;
+    BoxLVMDataClose(file);
+    file = reopened;
+    std::filesystem::remove_all(crash);
+  }
+}
+
+}  // namespace

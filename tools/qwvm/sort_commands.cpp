@@ -1,0 +1,428 @@
+// qwvm sort: sorts lines in byte order, as `LC_ALL=C sort` does, through the
+// generic sorter, so that a sort killed at any moment can be finished with
+// `qwvm sort --resume DIR`.
+//
+// State directory S (-T DIR: DIR/qwvm-sort; otherwise $TMPDIR/qwvm-sort.<pid>,
+// removed at the end): S/job, a text file naming the flags, the output and
+// the inputs, written before anything else (S is made as S.new with its job
+// and renamed, so that a state directory always has its job); the sorter (S/meta, S/data)
+// with, in its arena, the array "sortjob/progress": [0] phase (0 reading,
+// 1 every line is in a run), [1] the input being read, [2] the offset in it
+// up to which lines are in committed runs. A round of reading fills one
+// writer per thread, flushes them (in parallel) into runs, records the
+// progress and commits; the merge commits its own checkpoints; the output is
+// written to OUT.qwvm-sort-tmp and renamed onto OUT, and only then is the
+// state removed. Each line is a key with an empty value, so equal lines
+// group into one entry whose value count is the number of copies.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/qwvm/commands.h"
+
+namespace qwtool {
+namespace {
+
+struct Job {
+  bool reverse = false, compress = false, progress = false;
+  uint32_t parallel = 1;
+  uint64_t memory = 256ull << 20;
+  std::string output;  // empty: standard output
+  std::vector<std::string> inputs;  // "-": standard input
+};
+
+int Fail(const std::string &what) {
+  std::fprintf(stderr, "qwvm sort: %s\n", what.c_str());
+  if (QWErrorIsSet()) std::fprintf(stderr, "%s\n", QWErrorMessage());
+  return 2;
+}
+
+// GNU's size syntax: a number and an optional unit (b, K, M, G, T; none
+// means K), or a percentage of physical memory.
+bool ParseSize(const std::string &text, uint64_t *bytes) {
+  char *end = nullptr;
+  const unsigned long long n = std::strtoull(text.c_str(), &end, 10);
+  if (end == text.c_str()) return false;
+  const std::string unit(end);
+  uint64_t scale = 1024;
+  if (unit == "%") {
+    *bytes = uint64_t(sysconf(_SC_PHYS_PAGES)) * uint64_t(sysconf(_SC_PAGESIZE)) / 100 * n;
+    return n <= 100;
+  }
+  if (unit == "b") scale = 1;
+  else if (unit == "K" || unit == "k" || unit.empty()) scale = 1ull << 10;
+  else if (unit == "M" || unit == "m") scale = 1ull << 20;
+  else if (unit == "G" || unit == "g") scale = 1ull << 30;
+  else if (unit == "T" || unit == "t") scale = 1ull << 40;
+  else return false;
+  *bytes = n * scale;
+  return true;
+}
+
+std::string JobText(const Job &job) {
+  std::ostringstream out;
+  out << "qwvm sort job 1\nreverse " << job.reverse << "\ncompress " << job.compress << "\nparallel " << job.parallel
+      << "\nmemory " << job.memory << "\noutput " << job.output << "\n";
+  for (const auto &input : job.inputs) out << "input " << input << "\n";
+  out << "end\n";
+  return out.str();
+}
+
+bool ReadJob(const std::string &state, Job *job) {
+  std::ifstream in(state + "/job");
+  std::string line;
+  if (!std::getline(in, line) || line != "qwvm sort job 1") return false;
+  while (std::getline(in, line)) {
+    const size_t space = line.find(' ');
+    const std::string key = line.substr(0, space), value = space == std::string::npos ? "" : line.substr(space + 1);
+    if (key == "end") return true;
+    if (key == "reverse") job->reverse = value == "1";
+    else if (key == "compress") job->compress = value == "1";
+    else if (key == "parallel") job->parallel = uint32_t(std::max(1, std::atoi(value.c_str())));
+    else if (key == "memory") job->memory = std::strtoull(value.c_str(), nullptr, 10);
+    else if (key == "output") job->output = value;
+    else if (key == "input") job->inputs.push_back(value);
+    else return false;
+  }
+  return false;  // no end line: cut short
+}
+
+bool WriteJob(const std::string &state, const Job &job) {
+  const std::string text = JobText(job), temp = state + "/job.new";
+  QWFILE file = QWFILE_INVALID;
+  bool ok = QWFileOpen(&file, temp.c_str(), QWFILE_WRITE | QWFILE_CREATE | QWFILE_TRUNCATE) &&
+            QWFileWriteData(file, 0, text.data(), text.size()) && QWFileSync(file);
+  ok = QWFileClose(file) && ok;
+  return ok && FileRename(temp.c_str(), (state + "/job").c_str()) && DirectorySync(state.c_str());
+}
+
+// Block size: about 1/256 of the memory, 64 KiB .. 1 MiB, whole pages, so
+// that a merge of 128 inputs maps half the memory.
+uint32_t BlockSizeFor(uint64_t memory) {
+  uint64_t size = std::clamp<uint64_t>(memory / 256, 64 << 10, 1 << 20);
+  return uint32_t(size / PageSize() * PageSize());
+}
+
+class SortRun {
+ public:
+  SortRun(Job job, std::string state) : job_(std::move(job)), state_(std::move(state)) {}
+  ~SortRun() {
+    for (auto *writer : writers_) GenericDBSorterWriterDelete(writer);
+    if (sorter_) GenericDBSorterClose(sorter_);
+  }
+  int Run(bool fresh);
+
+ private:
+  bool Open();
+  bool Progress(uint64_t phase, uint64_t input, uint64_t offset);
+  int ReadInputs();
+  bool FlushRound(uint64_t input, uint64_t offset);
+  int WriteOutput();
+  void Say(const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+  Job job_;
+  std::string state_;
+  GenericDBSorter *sorter_ = nullptr;
+  VMAArrayHandle progress_{};
+  std::vector<GenericDBSorterWriter *> writers_;
+  std::vector<uint64_t> lines_;
+  uint64_t runBudget_ = 0, bytesRead_ = 0, runs_ = 0;
+};
+
+void SortRun::Say(const char *format, ...) {
+  if (!job_.progress) return;
+  va_list args;
+  va_start(args, format);
+  std::fprintf(stderr, "qwvm sort: ");
+  std::vfprintf(stderr, format, args);
+  std::fprintf(stderr, "\n");
+  va_end(args);
+}
+
+bool SortRun::Open() {
+  sorter_ = GenericDBSorterNew(state_.c_str(), 4, BlockSizeFor(job_.memory), 0, job_.reverse, 0, job_.compress);
+  if (!sorter_) return false;
+  // Eight write buffers: a writer fills the next block while the sync thread
+  // writes the last ones back.
+  DRBServerSetWriteBufferLimit(DBSorterServerGet(sorter_->dbs), 8);
+  VMArena *arena = DBSorterArenaGet(sorter_->dbs);
+  if (!VMAArrayInitFromPath(&progress_, arena, "sortjob", "progress")) return false;
+  if (VMAArrayLength_(arena, progress_.id[NEWGEN], NEWGEN) == 0) {
+    const uint64_t zero[3] = {0, 0, 0};
+    if (!VMAArrayAppend_(arena, progress_.id[NEWGEN], 0, ARENA_MAX_BLOCK_SIZE, zero, 3, NEWGEN, 8) ||
+        !GenericDBSorterCommit(sorter_))
+      return false;
+  }
+  // Each thread's writer gets an equal share; a run's records (20 bytes a
+  // line) count against it as well as its bytes. Half the share: the record
+  // array grows by doubling, so its capacity may pass its length twofold.
+  const uint64_t buffers = 8ull * DBSorterBlockSize(sorter_->dbs);
+  runBudget_ = std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / job_.parallel / 2, 1 << 16);
+  runBudget_ = std::min<uint64_t>(runBudget_, 0xF0000000u);
+  for (uint32_t i = 0; i < job_.parallel; ++i) {
+    writers_.push_back(GenericDBSorterWriterNew(sorter_, runBudget_ * 2 / 3));
+    if (!writers_.back()) return false;
+  }
+  lines_.assign(job_.parallel, 0);
+  return true;
+}
+
+bool SortRun::Progress(uint64_t phase, uint64_t input, uint64_t offset) {
+  const uint64_t values[3] = {phase, input, offset};
+  return VMAArraySetRange_(DBSorterArenaGet(sorter_->dbs), progress_.id[NEWGEN], 0, ARENA_MAX_BLOCK_SIZE, 0, values,
+                           3, NEWGEN, 8) &&
+         GenericDBSorterCommit(sorter_);
+}
+
+// Flushes every writer into a run (on its own thread) and commits the
+// progress: lines before (input, offset) are all in committed runs.
+bool SortRun::FlushRound(uint64_t input, uint64_t offset) {
+  std::vector<int> results(writers_.size(), 0);
+  std::vector<std::thread> threads;
+  for (size_t i = 1; i < writers_.size(); ++i)
+    threads.emplace_back([&, i] {
+      results[i] = GenericDBSorterFlush(writers_[i]);
+      if (results[i] < 0) std::fprintf(stderr, "%s\n", QWErrorMessage());
+    });
+  results[0] = GenericDBSorterFlush(writers_[0]);
+  for (auto &thread : threads) thread.join();
+  for (int r : results) {
+    if (r < 0) return false;
+    runs_ += uint64_t(r);
+  }
+  lines_.assign(writers_.size(), 0);
+  Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead_ >> 20, runs_);
+  return Progress(0, input, offset);
+}
+
+int SortRun::ReadInputs() {
+  uint64_t values[3] = {};
+  for (uint32_t i = 0; i < 3; ++i) {
+    uint32_t end = 0;
+    void *at = VMAArrayRange_(DBSorterArenaGet(sorter_->dbs), progress_.id[NEWGEN], 0, ARENA_MAX_BLOCK_SIZE, i, &end,
+                              NEWGEN, 1, 8, 0);
+    if (!at) return Fail("cannot read the sort's progress in " + state_);
+    std::memcpy(&values[i], at, 8);
+    VMAArrayRelease_(DBSorterArenaGet(sorter_->dbs), progress_.id[NEWGEN], at, 1);
+  }
+  if (values[0] == 1) return 0;
+  std::vector<char> chunk(1 << 20);
+  std::string carry;
+  size_t writer = 0;
+  for (uint64_t f = values[1]; f < job_.inputs.size(); ++f) {
+    const std::string &name = job_.inputs[f];
+    const bool isStdin = name == "-";
+    uint64_t offset = f == values[1] ? values[2] : 0;
+    if (isStdin && offset > 0) return Fail("cannot resume: standard input was being read when the sort stopped");
+    const int fd = isStdin ? 0 : ::open(name.c_str(), O_RDONLY);
+    if (fd < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
+    if (offset > 0 && lseek(fd, off_t(offset), SEEK_SET) < 0) return Fail("cannot seek in " + name);
+    uint64_t lineStart = offset;  // file offset of `carry`'s first byte
+    carry.clear();
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
+      bytesRead_ += uint64_t(n);
+      const bool atEnd = n == 0;
+      if (atEnd && !carry.empty()) carry.push_back('\n');  // a missing final newline
+      carry.append(chunk.data(), size_t(n));
+      size_t at = 0;
+      for (size_t nl; (nl = carry.find('\n', at)) != std::string::npos; at = nl + 1) {
+        const uint32_t length = uint32_t(nl - at);
+        if (GenericDBSorterWriterPending(writers_[writer]) + 20 * (lines_[writer] + 1) + length > runBudget_ &&
+            lines_[writer] > 0 && ++writer == writers_.size()) {
+          writer = 0;
+          if (!FlushRound(f, lineStart + at)) {
+            if (!isStdin) ::close(fd);
+            return Fail("cannot write a run");
+          }
+        }
+        if (!GenericDBSorterWrite(writers_[writer], carry.data() + at, length, nullptr, 0))
+          return Fail("cannot add a line");
+        ++lines_[writer];
+      }
+      carry.erase(0, at);
+      lineStart += at;
+      if (atEnd) break;
+    }
+    if (!isStdin) ::close(fd);
+  }
+  if (!FlushRound(job_.inputs.size(), 0) || !Progress(1, 0, 0)) return Fail("cannot write a run");
+  return 0;
+}
+
+int SortRun::WriteOutput() {
+  const uint32_t run = DBSorterMergedRunID(sorter_->dbs);
+  // A regular file is replaced only once the whole output is written; a
+  // device or a pipe (-o /dev/null) is written in place, never replaced.
+  struct stat info;
+  const bool special = !job_.output.empty() && ::stat(job_.output.c_str(), &info) == 0 && !S_ISREG(info.st_mode);
+  const std::string temp = job_.output.empty() || special ? std::string() : job_.output + ".qwvm-sort-tmp";
+  const int fd = !temp.empty() ? ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)
+                 : special     ? ::open(job_.output.c_str(), O_WRONLY)
+                               : 1;
+  if (fd < 0) return Fail("cannot write " + (temp.empty() ? job_.output : temp) + ": " + std::strerror(errno));
+  std::vector<char> out;
+  out.reserve(1 << 20);
+  auto drain = [&] {
+    for (size_t at = 0; at < out.size();) {
+      const ssize_t n = ::write(fd, out.data() + at, out.size() - at);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      at += size_t(n);
+    }
+    out.clear();
+    return true;
+  };
+  bool ok = true;
+  if (run != DBS_NO_RUN) {
+    KMVReader *reader = KMVReaderNew(sorter_, run);
+    KMVEntry *entry = KMVEntryNew();
+    int r = 0;
+    while (ok && reader && entry && (r = KMVReaderReadEntry(reader, entry)) == 1) {
+      const size_t keyLength = ArrayLength(entry->key);
+      for (size_t v = 0; ok && v < ArrayLength(entry->counts); ++v)
+        for (uint32_t c = 0; ok && c < entry->counts[v]; ++c) {
+          out.insert(out.end(), entry->key, entry->key + keyLength);
+          out.push_back('\n');
+          if (out.size() >= (1 << 20)) ok = drain();
+        }
+    }
+    ok = ok && reader && entry && r == 0;
+    KMVEntryDelete(entry);
+    KMVReaderDelete(reader);
+  } else {
+    // No single run: right only when there is no run at all.
+    uint32_t *live = nullptr;
+    ok = !DBSorterMergePending(sorter_->dbs) && !DBSorterGetRunToMerge(sorter_->dbs, &live, UINT64_MAX) &&
+         !QWErrorIsSet();
+    ArrayFree(live);
+  }
+  ok = ok && drain();
+  if (special) ok = ::close(fd) == 0 && ok;
+  if (!temp.empty()) {
+    ok = fsync(fd) == 0 && ok;
+    ok = ::close(fd) == 0 && ok;
+    if (!ok) ::unlink(temp.c_str());
+    else if (std::rename(temp.c_str(), job_.output.c_str()) != 0) ok = false;
+  }
+  return ok ? 0 : Fail("cannot write the output" + (job_.output.empty() ? std::string() : " " + job_.output));
+}
+
+int SortRun::Run(bool fresh) {
+  if (fresh) {
+    // The state appears whole or not at all: made under a temporary name
+    // with its job file, then renamed into place.
+    const std::string building = state_ + ".new";
+    const std::string parent = std::filesystem::path(state_).parent_path().string();
+    std::error_code ignored;
+    std::filesystem::remove_all(building, ignored);
+    if (!DirectoryCreate(building.c_str()) || !WriteJob(building, job_) ||
+        !FileRename(building.c_str(), state_.c_str()) || !DirectorySync(parent.c_str()))
+      return Fail("cannot create " + state_);
+  }
+  if (!Open()) return Fail("cannot open the sort state in " + state_);
+  if (const int r = ReadInputs()) return r;
+  Say("merging %" PRIu64 " MB in %" PRIu64 " runs", bytesRead_ >> 20, runs_);
+  // Each merge input maps one block, and with compression holds two
+  // payloads; the inputs get half the memory (their maps count in the
+  // resident size), the rest is the write buffers and the heap.
+  const uint64_t block = DBSorterBlockSize(sorter_->dbs);
+  const uint64_t perInput = block + (job_.compress ? 3 * COMPRESSOR_THRESHOLD : 0);
+  if (!GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000))
+    return Fail("merge failed; the sort can be finished with --resume " + state_);
+  if (const int r = WriteOutput()) return r;
+  Say("done");
+  GenericDBSorterClose(sorter_);
+  sorter_ = nullptr;
+  std::error_code ignored;
+  std::filesystem::remove_all(state_, ignored);
+  return 0;
+}
+
+}  // namespace
+
+bool SortJobReads(const std::string &state) {
+  Job job;
+  return ReadJob(state, &job);
+}
+
+int RunSort(int argc, char **argv) {
+  Job job;
+  job.progress = isatty(2) != 0;
+  std::string tempDir, resume;
+  bool outputGiven = false;
+  for (int i = 0; i < argc; ++i) {
+    const std::string a = argv[i];
+    auto value = [&](const char *shortName, const char *longName, std::string *out) {
+      const std::string longEq = std::string(longName) + "=";
+      if (a == shortName || a == longName) {
+        if (i + 1 >= argc) return false;
+        *out = argv[++i];
+        return true;
+      }
+      if (a.rfind(longEq, 0) == 0) return *out = a.substr(longEq.size()), true;
+      if (a.size() > 2 && a.rfind(shortName, 0) == 0 && shortName[1] != '-') return *out = a.substr(2), true;
+      return false;
+    };
+    std::string v;
+    if (a == "-r" || a == "--reverse") job.reverse = true;
+    else if (a == "--compress") job.compress = true;
+    else if (a == "--progress") job.progress = true;
+    else if (value("-S", "--buffer-size", &v)) {
+      if (!ParseSize(v, &job.memory) || job.memory < (1 << 20)) return Fail("invalid size: " + v + " (at least 1M)");
+    } else if (value("-T", "--temporary-directory", &v)) tempDir = v;
+    else if (value("-o", "--output", &v)) job.output = v, outputGiven = true;
+    else if (value("--parallel", "--parallel", &v)) {
+      job.parallel = uint32_t(std::atoi(v.c_str()));
+      if (job.parallel < 1 || job.parallel > 64) return Fail("invalid --parallel: " + v);
+    } else if (value("--resume", "--resume", &v)) resume = v;
+    else if (a.size() > 1 && a[0] == '-' && a != "-") return Fail("unknown option " + a);
+    else job.inputs.push_back(a);
+  }
+  if (!job.progress) QWSetMessageThreshold(QW_LEVEL_WARNING);
+  if (!resume.empty()) {
+    std::string state = resume;
+    if (!FileExists((state + "/job").c_str())) state = resume + "/qwvm-sort";
+    Job saved;
+    if (!ReadJob(state, &saved)) return Fail("no sort to resume in " + resume + " (missing or damaged job file)");
+    saved.progress = job.progress;
+    if (outputGiven) saved.output = job.output;
+    return SortRun(saved, state).Run(false);
+  }
+  if (job.inputs.empty()) job.inputs.push_back("-");
+  for (auto &input : job.inputs) {
+    if (input == "-") continue;
+    if (::access(input.c_str(), R_OK) != 0) return Fail("cannot read " + input + ": " + std::strerror(errno));
+    input = std::filesystem::absolute(input).string();
+  }
+  if (!job.output.empty()) job.output = std::filesystem::absolute(job.output).string();
+  const bool keepState = !tempDir.empty();
+  if (tempDir.empty()) {
+    const char *tmp = std::getenv("TMPDIR");
+    tempDir = std::string(tmp && *tmp ? tmp : "/tmp");
+  }
+  const std::string state =
+      std::filesystem::absolute(tempDir).string() + (keepState ? "/qwvm-sort" : "/qwvm-sort." + std::to_string(getpid()));
+  if (FileExists((state + "/job").c_str()))
+    return Fail("a sort is already kept in " + state + ": finish it with --resume or remove it");
+  return SortRun(job, state).Run(true);
+}
+
+}  // namespace qwtool
