@@ -146,9 +146,14 @@ QW_API int DBSorterCommit(DBSorter *dbs) {
                         "Commit failed !!\nDBSorter in \"%s\": a write failed since the last commit; reopen the "
                         "sorter to go back to it",
                         dbs->directory.c_str());
+  // A failed commit leaves blocks of the new runs unwritten (the run block
+  // server reports a lost write once), so no later commit may publish them:
+  // the sorter refuses until it is reopened at its last commit.
   if (!DRBServerBeforeCommit(dbs->server) || !VMArenaCommit(dbs->arena, nullptr, nullptr, 0) ||
-      !DRBServerAfterCommit(dbs->server))
+      !DRBServerAfterCommit(dbs->server)) {
+    Failed(dbs);
     return QWErrorRethrow("Commit failed !!");
+  }
   (void)LDBArrayCommit(dbs->runMergeData);
   return 1;
 }

@@ -61,18 +61,18 @@ TEST_F(GenericSorterFaultTest, AnIOErrorAnywhereFailsClearlyAndNothingIsLost) {
   const uint64_t operations = qw::fault::OperationCount();
   qw::fault::Disable();
   ASSERT_EQ(result, model);
-  const uint64_t step = std::max<uint64_t>(1, operations / 24) * qwtest::SweepStride(4);
-  for (uint64_t n = 1; n <= operations; n += step) {
-    SCOPED_TRACE(n);
-    const std::string dir = path("run" + std::to_string(n));
+  // Fails the n-th of the operations `mask` selects on paths holding `where`,
+  // then finishes the sort from what was committed.
+  auto failAndFinish = [&](uint64_t n, uint32_t mask, const char *where) {
+    const std::string dir = path((*where ? "write" : "run") + std::to_string(n));
     qw::fault::Reset();
-    qw::fault::FailNth(n, false);
+    qw::fault::FailNth(n, false, mask, where);
     std::vector<std::string> got;
     const bool ok = Workload(dir, keys, &got);
     qw::fault::Disable();
     if (ok) {
       EXPECT_EQ(got, model);
-      continue;
+      return;
     }
     EXPECT_TRUE(QWErrorIsSet());
     // Finish from what was committed; runs the failed attempt did not
@@ -89,6 +89,17 @@ TEST_F(GenericSorterFaultTest, AnIOErrorAnywhereFailsClearlyAndNothingIsLost) {
     std::sort(prefix.begin(), prefix.end());
     EXPECT_EQ(again, prefix);
     fs::remove_all(dir);
+  };
+  const uint64_t step = std::max<uint64_t>(1, operations / 24) * qwtest::SweepStride(4);
+  for (uint64_t n = 1; n <= operations; n += step) {
+    SCOPED_TRACE(n);
+    failAndFinish(n, qw::fault::kAllOps, "");
+  }
+  // Every early write of run blocks: a commit that failed on one of them
+  // must not let a later commit (the one at close) publish the run.
+  for (uint64_t n = 1; n <= 8; ++n) {
+    SCOPED_TRACE("data write " + std::to_string(n));
+    failAndFinish(n, qw::fault::Bit(qw::fault::Op::Write), "/data/data");
   }
 }
 
