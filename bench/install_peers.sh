@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the peer libraries the benchmarks compare against (Debian
 # packages). The benchmarks build without them and then measure only qwvm.
-#   LMDB (liblmdb-dev): bench/btree_bench.cpp, bench/box_bench.cpp
+#   LMDB (liblmdb-dev): bench/btree_bench.cpp, bench/box_bench.cpp, bench/commit_bench.cpp
 #   LevelDB (libleveldb-dev): bench/log_bench.cpp, bench/box_bench.cpp
 #   RocksDB (librocksdb-dev): bench/box_bench.cpp
 set -euo pipefail

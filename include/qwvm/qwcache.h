@@ -223,6 +223,13 @@ QW_API int PageCachePrefetch(PageCache *cache, uint16_t fileId, uint64_t offset,
 QW_API int PageCacheFlushFile(PageCache *cache, uint16_t fileId);
 
 /*
+ * PageCacheFlushFile without the sync: the dirty pages are handed to the
+ * operating system and the file is left for the caller to sync (a commit
+ * syncs many files at once). Same results and messages as PageCacheFlushFile.
+ */
+QW_API int PageCacheWriteBackFile(PageCache *cache, uint16_t fileId);
+
+/*
  * Drops every page of the file without writing anything back: for a file
  * that was truncated or rewritten underneath. Waits for write-backs of its
  * pages already under way (so that none lands after the call), detaches

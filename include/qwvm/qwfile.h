@@ -186,6 +186,16 @@ QW_API void *FileMapSegment(QWFILE file, uint64_t offset, uint64_t length, uint3
 /* Unmaps a segment returned by FileMapSegment. */
 QW_API int FileUnmap(void *address, uint64_t length);
 
+/*
+ * Grows or shrinks a segment that FileMapSegment(file, offset, oldLength,
+ * access) returned to `newLength` bytes from the same offset, keeping the
+ * pages already mapped (the address may change). Returns the segment's
+ * address, or NULL with an error (the old segment then stays as it was).
+ * The file must cover offset + newLength bytes.
+ */
+QW_API void *FileRemapSegment(QWFILE file, void *address, uint64_t offset, uint64_t oldLength, uint64_t newLength,
+                              uint32_t access);
+
 /* Makes the written bytes of a mapped segment durable (msync MS_SYNC). */
 QW_API int FileMapSync(void *address, uint64_t length);
 

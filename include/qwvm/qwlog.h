@@ -165,6 +165,15 @@ QW_API ReplicationLog *ReplicationLogNew(const ReplicationLogOps *ops, void *sel
 QW_API int ReplicationLogWrite(ReplicationLog *log, uint32_t type, uint32_t a, uint32_t b, const char *path,
                                const uint64_t *list, uint32_t count);
 
+/*
+ * Makes every record written so far durable. A store's commit calls it
+ * before it returns, so that the records of a committed generation survive a
+ * power loss. The file-backed log syncs its file; a host's implementation is
+ * taken to keep its records durable itself (nothing is done). Returns 1, or
+ * 0 with an error.
+ */
+QW_API int ReplicationLogSync(ReplicationLog *log);
+
 /* The block size of the log (the unit of the ids in type 9 lists). */
 QW_API uint32_t ReplicationLogGetBlockSize(ReplicationLog *log);
 

@@ -62,6 +62,8 @@ QW_API int PageCachePrefetch(PageCache *cache, uint16_t fileId, uint64_t offset,
 
 QW_API int PageCacheFlushFile(PageCache *cache, uint16_t fileId) { return cache->FlushFile(fileId); }
 
+QW_API int PageCacheWriteBackFile(PageCache *cache, uint16_t fileId) { return cache->WriteBackOnly(fileId); }
+
 QW_API int PageCacheInvalidateFile(PageCache *cache, uint16_t fileId) { return cache->InvalidateFile(fileId); }
 
 QW_API int PageCacheGetStats(PageCache *cache, PageCacheStats *stats) {

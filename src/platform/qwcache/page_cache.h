@@ -140,6 +140,7 @@ struct PageCache {
   [[nodiscard]] uint16_t RegisterFile(QWFILE file) noexcept;
   [[nodiscard]] int UnregisterFile(uint16_t fileId) noexcept;
   [[nodiscard]] int FlushFile(uint16_t fileId) noexcept;
+  [[nodiscard]] int WriteBackOnly(uint16_t fileId) noexcept;  // FlushFile without the sync
   [[nodiscard]] int InvalidateFile(uint16_t fileId) noexcept;
 
   // Page access (page_access.cpp).

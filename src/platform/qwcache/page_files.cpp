@@ -85,6 +85,11 @@ int PageCache::FlushFile(uint16_t fileId) noexcept {
   return WriteBackFile(fileId, file) && SyncFile(file, "PageCacheFlushFile");
 }
 
+int PageCache::WriteBackOnly(uint16_t fileId) noexcept {
+  QWFILE file = RegisteredFile("PageCacheFlushFile", fileId);
+  return file != QWFILE_INVALID && WriteBackFile(fileId, file);
+}
+
 bool PageCache::WriteBackFile(uint16_t fileId, QWFILE file) noexcept {
   for (uint32_t s = 0; s < shardCount_; ++s)
     if (!FlushShard(shards_[s], fileId, file)) return false;

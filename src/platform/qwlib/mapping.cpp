@@ -110,6 +110,38 @@ QW_API int FileUnmap(void *address, uint64_t length) {
   return 1;
 }
 
+QW_API void *FileRemapSegment(QWFILE file, void *address, uint64_t offset, uint64_t oldLength, uint64_t newLength,
+                              uint32_t access) {
+  if (!qw::ValidFile(file)) return nullptr;
+  const char *path = file->path.c_str();
+  if (!address || oldLength == 0 || newLength == 0 || newLength > SIZE_MAX) {
+    QWErrorThrow(EINVAL, QW_ERROR_CLASS_SYSTEM,
+                 "could not remap file \"%s\": bad segment (%" PRIu64 " to %" PRIu64 " bytes)", path, oldLength,
+                 newLength);
+    return nullptr;
+  }
+  if (!qw::fault::Check(Op::Map, path)) {
+    QWErrorRethrow("could not map file \"%s\"", path);
+    return nullptr;
+  }
+  if (!CoversSegment(file, offset, newLength)) return nullptr;
+  void *moved = mremap(address, size_t(oldLength), size_t(newLength), MREMAP_MAYMOVE);
+  if (moved == MAP_FAILED) {
+    const int error = errno;
+    QWErrorThrowErrno(error, "could not remap file \"%s\"", path);
+    return nullptr;
+  }
+  if (qw::fault::Armed()) {
+    qw::fault::ForgetMapping(address);
+    qw::fault::NoteMapping(moved, newLength, path);
+    if ((access & QW_MAP_WRITE) && qw::fault::Tracking()) {
+      qw::fault::track::AfterUnmap(address);
+      qw::fault::track::AfterMap(file->fd, moved, offset, newLength);
+    }
+  }
+  return moved;
+}
+
 QW_API int FileMapSync(void *address, uint64_t length) {
   if (!address) return QWErrorThrow(EINVAL, QW_ERROR_CLASS_SYSTEM, "could not sync mapped segment: no address");
   if (!qw::fault::CheckMapping(Op::MapSync, address))

@@ -7,13 +7,19 @@
 #include <new>
 
 #include "qwvm/qwlib.h"
+#include "platform/qwlog/replication_sync.h"
 #include "qwvm/qwlog.h"
 
 struct ReplicationLog {
   ReplicationLogOps ops{};
   void *self = nullptr;
   std::mutex mutex;  // serialises calls into the implementation
+  int (*sync)(void *self) = nullptr;  // the file-backed log's sync; none for a host's
 };
+
+namespace qw {
+void ReplicationLogSetSync(ReplicationLog *log, int (*sync)(void *self)) { log->sync = sync; }
+}  // namespace qw
 
 ReplicationLog *ReplicationLogNew(const ReplicationLogOps *ops, void *self) {
   if (ops == nullptr || ops->write == nullptr || ops->getBlockSize == nullptr) {
@@ -47,6 +53,12 @@ int ReplicationLogWrite(ReplicationLog *log, uint32_t type, uint32_t a, uint32_t
   if (!log->ops.write(log->self, type, a, b, path, count > 0 ? list : nullptr, count))
     return QWErrorRethrow("ReplicationLogWrite: could not log event %u for \"%s\"", type, path);
   return 1;
+}
+
+int ReplicationLogSync(ReplicationLog *log) {
+  std::lock_guard<std::mutex> guard(log->mutex);
+  if (log->sync == nullptr || log->sync(log->self)) return 1;
+  return QWErrorRethrow("ReplicationLogSync: could not sync the log");
 }
 
 uint32_t ReplicationLogGetBlockSize(ReplicationLog *log) {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/qwlog/replication_sync.h"
 #include "platform/qwutil/bytes.h"
 #include "qwvm/qwfile.h"
 #include "qwvm/qwlib.h"
@@ -177,6 +178,14 @@ int FileLogClose(void *self) {
   return ChannelClose(channel);
 }
 
+// Records are handed to the system as they are written; this makes them
+// durable (ReplicationLogSync).
+int FileLogSync(void *self) {
+  auto *log = static_cast<FileLog *>(self);
+  if (ChannelSync(log->channel.get())) return 1;
+  return QWErrorRethrow("could not sync replication log \"%s\"", ChannelPath(log->channel.get()));
+}
+
 constexpr ReplicationLogOps kFileLogOps = {FileLogWrite, FileLogGetBlockSize, FileLogClose};
 
 // Checks an existing log and cuts a torn tail; returns 1, or 0 with an error.
@@ -226,7 +235,9 @@ ReplicationLog *OpenFileLog(const std::string &path, uint32_t blockSize) {
   log->channel = OpenChannel(path, "a");
   if (!log->channel) return nullptr;
   ReplicationLog *handle = ReplicationLogNew(&kFileLogOps, log.get());
-  if (handle != nullptr) log.release();
+  if (handle == nullptr) return nullptr;
+  qw::ReplicationLogSetSync(handle, FileLogSync);
+  log.release();
   return handle;
 }
 

@@ -28,6 +28,7 @@
 #include "qwvm/qwutil.h"
 #include "qwvm/vmaarray.h"
 #include "qwvm/vmarena.h"
+#include "platform/qwlib/sync_round.h"
 #include "vm/arena/array_state.h"
 
 // The assertion text of an impossible generation or layout.
@@ -91,6 +92,13 @@ struct Mutexes {
   QWMutex *locks = nullptr;   // memory-lock registry
 };
 
+// A generation file a flush wrote and has not closed yet (owned).
+struct PendingArenaFile {
+  QWChannel *channel;
+  std::string path;
+  const char *who;  // the flush function named in messages
+};
+
 }  // namespace qw::vm
 
 struct VMArena {
@@ -134,6 +142,12 @@ struct VMArena {
 
   ReplicationLog *replicationLog = nullptr;
   PageCache *cache = nullptr;
+
+  // Generation files a flush wrote and has not closed yet (genfile.cpp).
+  std::vector<qw::vm::PendingArenaFile> pendingFiles;
+  // Files the disk commit's renames replaced (`N.old`), removed with the
+  // `committing` marker once the renames are durable.
+  std::vector<std::string> commitAsides;
 };
 
 namespace qw::vm {
@@ -154,7 +168,17 @@ uint32_t CeilLog2(uint64_t n);
 std::string ArenaFilePath(const VMArena *arena, const char *name);
 std::string ArenaSerialPath(const VMArena *arena, const char *name, uint64_t serial);
 
-// Generation files (genfile.cpp).
+// Generation files (genfile.cpp). ArenaFileWriteNew/Old write a flush's
+// file without syncing it: its sync joins `round`, and it stays open on
+// `pendingFiles` until ArenaFilesFinish closes and logs every pending file
+// (or ArenaFilesAbandon closes them after a failure). ArenaFileReadBackOld
+// then reads `arena.old` of the flush into `nextView`. ArenaFileFlushNew/Old
+// do all of it for one file on its own.
+[[nodiscard]] bool ArenaFileWriteNew(VMArena *arena, qw::SyncRound *round);
+[[nodiscard]] bool ArenaFileWriteOld(VMArena *arena, qw::SyncRound *round);
+[[nodiscard]] bool ArenaFilesFinish(VMArena *arena);
+void ArenaFilesAbandon(VMArena *arena);
+[[nodiscard]] bool ArenaFileReadBackOld(VMArena *arena);
 [[nodiscard]] bool ArenaFileFlushNew(VMArena *arena);
 [[nodiscard]] bool ArenaFileFlushOld(VMArena *arena);
 [[nodiscard]] bool ArenaReadNewGenFile(VMArena *arena, const std::string &path, bool checkBucketCount);
@@ -184,8 +208,11 @@ uint32_t SizeClassOf(uint32_t size);
 uint32_t SlotBits(uint32_t sizeClass);
 
 // The `committing` marker (commit.cpp): created and removed durably.
+// Step 2 and step 4 of a commit (commit.cpp): the marker made durable (with
+// the replication log's records), and its removal made durable (while the
+// files that the renames replaced, `commitAsides`, are removed).
 [[nodiscard]] bool CreateCommittingMarker(const VMArena *arena);
-[[nodiscard]] bool RemoveCommittingMarker(const VMArena *arena);
+[[nodiscard]] bool RemoveCommittingMarker(VMArena *arena);
 
 // Crash stop of this arena.
 inline void ArenaCrashPoint(const VMArena *arena, const char *stop) { QWCrashPoint(stop, arena->directory.c_str()); }

@@ -1,15 +1,69 @@
 // Flush and commit: the five steps and VMArenaCommit.
 //
-// Durability: every file a commit publishes is written, synced and closed
-// before it is renamed into place; the `committing` marker is durable before
-// the first rename; the renames of each directory are made durable by one
-// sync of that directory (block directory, then arena directory) before the
-// marker is removed, and the removal is durable before the next flush writes
-// anything. A power loss between the marker and its removal may undo any
-// subset of the renames that respects their order: the next open finishes
-// them.
+// Durability argument
+// -------------------
+// A commit makes the new generation durable in four ordered sync steps. The
+// syncs inside a step are independent of one another and are issued together
+// (qw::SyncRound: one thread each, the step costs its slowest sync); a step
+// starts only when the one before it has returned.
+//
+// Step 1, end of the flush execute (state "executed"). Every file of the new
+// generation has been written: each bucket's data file (the cache's dirty
+// pages, the read-write part or the extents; mapped pages are written by the
+// sync itself), each bucket's new and old index file, `arena.new` and
+// `arena.old` (with `.new` appended when unserialised, the serial when
+// serialised). One round syncs the data of all of them and the two
+// directories that hold new names (the block directory once, however many
+// buckets it holds, and the arena directory). After it, every new file is
+// durable under its name. Nothing committed was touched: the data file's
+// committed raw blocks are read-only for the new generation (copy-on-write;
+// only raw blocks free in both generations are reused), and the committed
+// index and generation files keep their names. A power loss before or during
+// the step leaves the previous generation plus stale or partial new files
+// beside it; with no `committing` marker on disk, open reads the previous
+// generation (FileAtomicRecover uses `N.new` only when `N` is missing, which
+// a commit never leaves without the marker).
+//
+// Step 2, the marker: `committing` is created and the arena directory synced
+// (with a replication log attached, the log's records of this commit are
+// synced in the same round). After it, the marker is durable, and it can only
+// be durable after step 1 completed: every file that an open finishing the
+// commit renames is complete on disk.
+//
+// Step 3, end of the disk commit: every rename is done (each bucket's old
+// index, then new index; then `arena.new`, then `arena.old`; nothing when
+// serialised), and one round syncs the block directory and the arena
+// directory. A power loss before it completes keeps any subset of the renames
+// that a directory's journal can produce (the marker is durable): open sees
+// the marker and finishes every rename, each tolerating a target already in
+// place, so it reads the new generation. After the round the new generation
+// is durable under its final names.
+//
+// Step 4: the marker is removed and the arena directory synced; the files
+// the renames replaced (`N.old`) are removed beside it, since nothing reads
+// them once the renames are durable (FileAtomicRecover never prefers `N.old`
+// over `N`, and the next commit of N replaces a leftover). Without this
+// sync a power loss after the commit returned could bring the marker back
+// while the next commit's new files (created in the same directories) had
+// become durable without it: an open would then finish a commit of half-
+// written files. After it, the disk holds exactly the new generation, and a
+// read-only open is possible again at once.
+//
+// The protocol's floor is three ordered rounds (steps 1 to 3); step 4 is the
+// price of a marker whose removal must not be undone once the next commit
+// has begun writing files beside it.
+//
+// So a power loss at any point leaves either the previous generation (up to
+// step 2) or the new one (from step 2 on, finished by open when the marker is
+// there), with stale `.new` files at most, which the next flush overwrites.
+//
+// The flush start writes the cache's dirty pages to the data files without
+// syncing them: the writing (most of a large commit) happens before the flush
+// lock, and the data reaches the disk in step 1.
 #include <string>
+#include <vector>
 
+#include "platform/qwlib/sync_round.h"
 #include "qwvm/qwfile.h"
 #include "vm/arena/arena.h"
 #include "vm/atomicf/atomicf.h"
@@ -21,18 +75,40 @@ bool CreateCommittingMarker(const VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
   QWFILE file = QWFILE_INVALID;
   if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) return false;
-  return QWFileClose(file) && DirectorySync(arena->directory.c_str());
+  if (!QWFileClose(file)) return false;
+  SyncRound round;
+  round.AddDirectory(arena->directory, "");
+  // Every record of this commit was written by now.
+  if (ReplicationLog *log = arena->replicationLog)
+    round.Add([log] { return ReplicationLogSync(log); }, "could not sync the replication log");
+  return round.Run();
 }
 
-bool RemoveCommittingMarker(const VMArena *arena) {
+bool RemoveCommittingMarker(VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
-  return FileRemove(marker.c_str()) && DirectorySync(arena->directory.c_str());
+  if (!FileRemove(marker.c_str())) return false;
+  SyncRound round;
+  round.AddDirectory(arena->directory, "");
+  // The renames are durable: nothing needs the files they replaced. Like
+  // FileAtomicCommit, a removal that fails is ignored (a leftover `N.old` is
+  // never read, and the next commit of N replaces it).
+  std::vector<std::string> asides;
+  asides.swap(arena->commitAsides);
+  if (!asides.empty())
+    round.Add(
+        [&asides] {
+          for (const std::string &path : asides) (void)FileRemove(path.c_str());
+          QWErrorClear();
+          return 1;
+        },
+        "");
+  return round.Run();
 }
 
 namespace {
 
-bool CommitArenaFile(const VMArena *arena, const char *name) {
-  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name)) return true;
+bool CommitArenaFile(VMArena *arena, const char *name) {
+  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name, &arena->commitAsides)) return true;
   return QWErrorRethrow("could not atomically commit: \"%s/%s\"", arena->directory.c_str(), name) != 0;
 }
 
@@ -42,13 +118,15 @@ bool Unserialised(const VMArena *arena) { return arena->flushedSerialOld == STAT
 }  // namespace qw::vm
 
 using namespace qw::vm;
+using qw::SyncRound;
 
 extern "C" {
 
 QW_API int VMArenaFlushStart(VMArena *arena, uint64_t *oldSerialOut, uint64_t *newSerialOut) {
-  // Most dirty data reaches the disk here, before the flush lock is taken.
+  // Most dirty data is written here, before the flush lock is taken; it is
+  // synced with the rest of the generation in the flush execute.
   QWErrorSave();
-  for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0MappingFlush(server, 1);
+  for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0MappingWriteBack(server);
   QWErrorRestore();
   qwassert_(!arena->readOnly);
   RWLockAcquireWrite_(arena->flushLock);
@@ -73,23 +151,29 @@ QW_API int VMArenaFlushStart(VMArena *arena, uint64_t *oldSerialOut, uint64_t *n
 QW_API int VMArenaFlushExec(VMArena *arena) {
   qwassert_(!arena->readOnly);
   ArenaCrashPoint(arena, "arenaflushexec0");
+  // Everything is written first, then synced in one round (step 1).
+  SyncRound round;
   for (LocalBlockServer0 *server : arena->servers)
-    if (!LocalBlockServer0FlushFileExec(server)) return 0;
+    if (!LocalBlockServer0FlushWrite(server, &round)) return 0;
   ArenaCrashPoint(arena, "arenaflushexec1");
   MutexAcquire(arena->mutexes.newGen);
-  bool ok = ArenaFileFlushNew(arena);
+  bool ok = ArenaFileWriteNew(arena, &round);
   MutexRelease(arena->mutexes.newGen);
   if (!ok) return 0;
   ArenaCrashPoint(arena, "arenaflushexec2");
   MutexAcquire(arena->mutexes.newGen);
-  ok = ArenaFileFlushOld(arena);
+  ok = ArenaFileWriteOld(arena, &round);
   MutexRelease(arena->mutexes.newGen);
   if (!ok) return 0;
   // The new generation files' names are durable before the `committing`
   // marker can be: with the marker on disk, an open finishes the commit and
-  // must find every file it renames (the bucket servers synced the block
-  // directory the same way). Serialised files carry their final names.
-  if (!DirectorySync(arena->directory.c_str())) return 0;
+  // must find every file it renames. Serialised files carry their final names
+  // and need the directory just as much.
+  round.AddDirectory(arena->directory, "");
+  if (!round.Run()) return 0;
+  for (LocalBlockServer0 *server : arena->servers)
+    if (!LocalBlockServer0FlushFinish(server)) return 0;
+  if (!ArenaFilesFinish(arena) || !ArenaFileReadBackOld(arena)) return 0;
   ArenaCrashPoint(arena, "arenaflushexec3");
   return 1;
 }
@@ -97,19 +181,22 @@ QW_API int VMArenaFlushExec(VMArena *arena) {
 QW_API int VMArenaFlushCommitDisk(VMArena *arena) {
   qwassert_(!arena->readOnly);
   ArenaCrashPoint(arena, "arenaflushcommitdisk0");
-  // Renames are made durable one directory at a time: the `committing`
-  // marker, durable before the first rename, lets the next open finish any
-  // rename a power loss undid.
+  // The `committing` marker, durable before the first rename, lets the next
+  // open finish any rename a power loss undid; the renames of both
+  // directories are made durable together at the end (step 3).
   for (LocalBlockServer0 *server : arena->servers)
-    if (!LocalBlockServer0CommitDisk(server, false)) return 0;
-  std::string blockDirectory = ArenaFilePath(arena, "block");
-  if (Unserialised(arena) && !DirectorySync(blockDirectory.c_str())) return 0;
+    if (!LocalBlockServer0CommitDisk(server, false, &arena->commitAsides)) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk1");
   // The arena files: new before old (the index files went old before new).
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.new")) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk2");
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.old")) return 0;
-  if (Unserialised(arena) && !DirectorySync(arena->directory.c_str())) return 0;
+  if (Unserialised(arena)) {
+    SyncRound round;
+    round.AddDirectory(ArenaFilePath(arena, "block"), "");
+    round.AddDirectory(arena->directory, "");
+    if (!round.Run()) return 0;
+  }
   ArenaCrashPoint(arena, "arenaflushcommitdisk3");
   return 1;
 }
@@ -140,6 +227,8 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
 
 QW_API int VMArenaFlushStop(VMArena *arena) {
   qwassert_(!arena->readOnly);
+  ArenaFilesAbandon(arena);  // generation files of a flush that failed before finishing them
+  arena->commitAsides.clear();  // leftovers of a failed commit: harmless, replaced by the next
   for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0FlushStop(server);
   if (!arena->mapped) ArenaReapplyLocks(arena);
   arena->flushedSerialOld = STATUS_NO_SERIAL;

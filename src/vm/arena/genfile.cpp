@@ -17,7 +17,9 @@
 // consistent) so that a damaged file fails the open instead of crashing a
 // later access.
 #include <string>
+#include <vector>
 
+#include "platform/qwlib/format.h"
 #include "qwvm/qwfile.h"
 #include "util/packed.h"
 #include "vm/arena/arena.h"
@@ -211,37 +213,87 @@ void OldView::Swap(OldView &other) noexcept {
   std::swap(types, other.types);
 }
 
-bool ArenaFileFlushNew(VMArena *arena) {
+namespace {
+
+// Keeps a written generation file open with its sync in `round`.
+bool Pend(VMArena *arena, ChannelHandle *file, const std::string &path, const char *who, SyncRound *round) {
+  round->AddChannel(file->channel, Format("%s: could not sync: \"%s\"", who, path.c_str()));
+  arena->pendingFiles.push_back({file->channel, path, who});
+  file->channel = nullptr;
+  return true;
+}
+
+}  // namespace
+
+bool ArenaFileWriteNew(VMArena *arena, SyncRound *round) {
   std::string path = FlushTarget(arena, "arena.new", arena->flushedSerialNew);
   ChannelHandle file;
-  if (!file.Open(path, "w")) return QWErrorRethrow("VMArenaFileFlushNew: could not write data on: \"%s\"", path.c_str());
+  if (!file.Open(path, "w"))
+    return QWErrorRethrow("VMArenaFileFlushNew: could not write data on: \"%s\"", path.c_str());
   if (!packed::WriteScalar(file.channel, arena->bucketCount, 8))
     return QWErrorRethrow("VMArenaFileFlushNew : could not write bucket count");
   if (!WriteNewGeneration(arena, file.channel)) {
     QWErrorRethrow("could not write data");
     return QWErrorRethrow("VMArenaFileFlushNew: could not write data on: \"%s\"", path.c_str());
   }
-  if (!ChannelSync(file.channel)) return QWErrorRethrow("VMArenaFileFlushNew: could not sync: \"%s\"", path.c_str());
-  if (!file.Close()) return QWErrorRethrow("VMArenaFileFlushNew: could not close: \"%s\"", path.c_str());
-  return LogCreation(arena, path, "VMArenaFileFlushNew: could not log file creation");
+  return Pend(arena, &file, path, "VMArenaFileFlushNew", round);
 }
 
-bool ArenaFileFlushOld(VMArena *arena) {
+bool ArenaFileWriteOld(VMArena *arena, SyncRound *round) {
   std::string path = FlushTarget(arena, "arena.old", arena->flushedSerialOld);
-  {
+  ChannelHandle file;
+  if (!file.Open(path, "w") || !WriteOldGeneration(arena, file.channel))
+    return QWErrorRethrow("VMArenaFileFlushOld: could not write data on: \"%s\"", path.c_str());
+  return Pend(arena, &file, path, "VMArenaFileFlushOld", round);
+}
+
+bool ArenaFilesFinish(VMArena *arena) {
+  std::vector<PendingArenaFile> pending;
+  pending.swap(arena->pendingFiles);
+  bool ok = true;
+  for (PendingArenaFile &entry : pending) {
     ChannelHandle file;
-    if (!file.Open(path, "w") || !WriteOldGeneration(arena, file.channel))
-      return QWErrorRethrow("VMArenaFileFlushOld: could not write data on: \"%s\"", path.c_str());
-    if (!ChannelSync(file.channel)) return QWErrorRethrow("VMArenaFileFlushOld: could not sync: \"%s\"", path.c_str());
-    if (!file.Close()) return QWErrorRethrow("VMArenaFileFlushOld: could not close: \"%s\"", path.c_str());
+    file.channel = entry.channel;
+    if (!ok) continue;  // closed by the handle
+    if (!file.Close()) {
+      ok = QWErrorRethrow("%s: could not close: \"%s\"", entry.who, entry.path.c_str()) != 0;
+      continue;
+    }
+    ok = LogCreation(arena, entry.path, Format("%s: could not log file creation", entry.who).c_str());
   }
-  if (!LogCreation(arena, path, "VMArenaFileFlushOld: could not log file creation")) return false;
+  return ok;
+}
+
+void ArenaFilesAbandon(VMArena *arena) {
+  for (PendingArenaFile &entry : arena->pendingFiles) {
+    ChannelHandle file;
+    file.channel = entry.channel;
+  }
+  arena->pendingFiles.clear();
+}
+
+bool ArenaFileReadBackOld(VMArena *arena) {
   // What the memory commit makes current is what was written, read back.
+  std::string path = FlushTarget(arena, "arena.old", arena->flushedSerialOld);
   ChannelHandle file;
   if (!file.Open(path, "r") || !ReadOldGeneration(arena, file.channel, &arena->nextView))
     return QWErrorRethrow("could not read data on: \"%s\"", path.c_str());
   if (!file.Close()) return QWErrorRethrow("could not close: \"%s\"", path.c_str());
   return true;
+}
+
+bool ArenaFileFlushNew(VMArena *arena) {
+  SyncRound round;
+  if (ArenaFileWriteNew(arena, &round) && round.Run() && ArenaFilesFinish(arena)) return true;
+  ArenaFilesAbandon(arena);
+  return false;
+}
+
+bool ArenaFileFlushOld(VMArena *arena) {
+  SyncRound round;
+  if (ArenaFileWriteOld(arena, &round) && round.Run() && ArenaFilesFinish(arena)) return ArenaFileReadBackOld(arena);
+  ArenaFilesAbandon(arena);
+  return false;
 }
 
 bool ArenaReadNewGenFile(VMArena *arena, const std::string &path, bool checkBucketCount) {

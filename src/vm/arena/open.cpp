@@ -301,6 +301,7 @@ int ArenaRecordFree(VMArena *arena) {
   if (!arena) return 1;
   QWErrorSave();
   if (arena->memoryEnumRegistered) MemoryEnumUnLock(ArenaMemoryEnumerate, arena);
+  ArenaFilesAbandon(arena);
   for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0Close(server);
   QWErrorRestore();
   for (SizeClassState &state : arena->classes) ArrayFree(state.freeList);

@@ -237,7 +237,7 @@ int LocalBlockServer0FlushStart(LocalBlockServer0 *server, uint64_t flushedSeria
   return 1;
 }
 
-int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server) {
+int LocalBlockServer0FlushWrite(LocalBlockServer0 *server, SyncRound *round) {
   qwassert_(!server->readOnly);
   auto *rw_gen = &server->rwGen;
   ScopedMutex lock(rw_gen->mutex);
@@ -248,30 +248,41 @@ int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server) {
   // After the commit every block belongs to the committed generation.
   std::memset(rw_gen->flags.p, BLOCK_FLAG_SHARED, rw_gen->flags.size());
   server->rsize = finalRSize;
-  if (!MemoryMappingFlush(&server->mapping, 0))
+  MemoryMapping *mapping = &server->mapping;
+  if (!MemoryMappingWriteBack(mapping, 0))
     return QWErrorRethrow("LocalBlockServer0FlushFileExec: could not flush mapping");
+  round->Add([mapping] { return MemoryMappingSyncFile(mapping) ? 1 : 0; },
+             "LocalBlockServer0FlushFileExec: could not flush mapping");
   if (modified) (void)MemoryMappingSetModificationDate(server);
   // Raw blocks that only the previous committed generation used are free once
   // this one is committed; no writer runs until then.
   QWMessage(QW_LEVEL_DEBUG, "commit disk: freeRawBlocksNew");
   if (!MergeInto(rw_gen->freeRawBlocksOld, rw_gen->freeRawBlocksNew)) return 0;
   SortDescending(rw_gen->freeRawBlocksOld);
-  if (!IndexFileFlushNew(server, server->flushedSerialNew, server->rsize) ||
-      !IndexFileFlushOld(server, server->flushedSerialOld))
-    return 0;
+  if (!IndexFilesWrite(server, round)) return 0;
   // New names are durable only with their directory: the files must exist
   // durably before the arena's `committing` marker says they are complete.
-  if (!DirectorySync(server->directory.c_str()))
-    return QWErrorRethrow("LocalBlockServer0FlushFileExec: could not sync directory \"%s\"", server->directory.c_str());
+  round->AddDirectory(server->directory, StringPrintf("LocalBlockServer0FlushFileExec: could not sync directory \"%s\"",
+                                                      server->directory.c_str()));
   return 1;
 }
 
-int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable) {
+int LocalBlockServer0FlushFinish(LocalBlockServer0 *server) {
+  ScopedMutex lock(server->rwGen.mutex);
+  return IndexFilesFinish(server) ? 1 : 0;
+}
+
+int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server) {
+  SyncRound round;
+  return LocalBlockServer0FlushWrite(server, &round) && round.Run() && LocalBlockServer0FlushFinish(server);
+}
+
+int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable, std::vector<std::string> *asides) {
   server->committingDisk = true;
   const char *directory = server->directory.c_str();
   const char *suffix = server->suffix.c_str();
-  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix, durable)) return 0;
-  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix, durable)) return 0;
+  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix, durable, asides)) return 0;
+  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix, durable, asides)) return 0;
   return 1;
 }
 
@@ -302,6 +313,10 @@ int LocalBlockServer0CommitMemory(LocalBlockServer0 *server) {
 void LocalBlockServer0FlushStop(LocalBlockServer0 *server) {
   qwassert_(!server->readOnly);
   ScopedMutex lock(server->rwGen.mutex);
+  // Index files of a flush that failed before they were finished.
+  QWErrorSave();
+  IndexFilesAbandon(server);
+  QWErrorRestore();
   if (server->flushExecuted && !RebuildAfterFailedFlush(server))
     QWMessage(QW_LEVEL_ERROR, "LocalBlockServer0FlushStop: could not rebuild the free lists of \"%s/data%s\": %s",
               server->directory.c_str(), server->suffix.c_str(), QWErrorMessage());

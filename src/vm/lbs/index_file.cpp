@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <initializer_list>
 #include <memory>
+#include <vector>
 
 #include "qwvm/qwfile.h"
 #include "qwvm/vmarena.h"
@@ -68,29 +69,46 @@ void Abandon(ChannelPtr *channel, const std::string &path) {
   QWErrorRestore();
 }
 
-// Opens `path` for writing, lets `body` write it, then syncs, closes and
-// logs it. `who` names the flush in the messages.
+// Opens `path` for writing and lets `body` write it; nothing is synced. A
+// failed write leaves no file. `who` names the flush in the messages.
 template <typename Body>
-[[nodiscard]] bool WriteIndexFile(const std::string &path, const char *who, ReplicationLog *log, Body &&body) {
+[[nodiscard]] ChannelPtr BeginIndexFile(const std::string &path, const char *who, Body &&body) {
   ChannelPtr channel = OpenChannel(path, "w");
-  if (!channel) return QWErrorRethrow("%s: could not write data on: \"%s\"", who, path.c_str());
+  if (!channel) {
+    QWErrorRethrow("%s: could not write data on: \"%s\"", who, path.c_str());
+    return nullptr;
+  }
   if (!body(channel.get())) {
     Abandon(&channel, path);
-    return false;
+    return nullptr;
   }
-  if (!ChannelSync(channel.get())) {
-    QWErrorRethrow("%s: could not sync: \"%s\"", who, path.c_str());
-    Abandon(&channel, path);
-    return false;
-  }
-  if (!CloseChannel(&channel)) {
+  return channel;
+}
+
+// Closes a written and synced index file and logs its creation.
+[[nodiscard]] bool FinishIndexFile(ChannelPtr *channel, const std::string &path, const char *who,
+                                   ReplicationLog *log) {
+  if (!CloseChannel(channel)) {
     QWErrorRethrow("%s: could not close: \"%s\"", who, path.c_str());
-    Abandon(&channel, path);
+    Abandon(channel, path);
     return false;
   }
   if (log && !ReplicationLogWrite(log, REPLICATION_FILE_CREATED, 0, 0, path.c_str(), nullptr, 0))
     return QWErrorRethrow("IndexFileFlushNew: could not log file creation");
   return true;
+}
+
+// Writes, syncs, closes and logs one index file on its own.
+template <typename Body>
+[[nodiscard]] bool WriteIndexFile(const std::string &path, const char *who, ReplicationLog *log, Body &&body) {
+  ChannelPtr channel = BeginIndexFile(path, who, body);
+  if (!channel) return false;
+  if (!ChannelSync(channel.get())) {
+    QWErrorRethrow("%s: could not sync: \"%s\"", who, path.c_str());
+    Abandon(&channel, path);
+    return false;
+  }
+  return FinishIndexFile(&channel, path, who, log);
 }
 
 struct NewGenContent {
@@ -110,25 +128,45 @@ struct NewGenContent {
   return true;
 }
 
-[[nodiscard]] bool WriteNewIndex(const std::string &path, uint32_t blockSize, const NewGenContent &content,
-                                 ReplicationLog *log) {
-  return WriteIndexFile(path, "IndexFileFlushNew", log, [&](QWChannel *channel) {
+constexpr const char *kFlushNew = "IndexFileFlushNew";
+constexpr const char *kFlushOld = "IndexFileFlushOld";
+
+auto NewIndexBody(const std::string &path, uint32_t blockSize, const NewGenContent &content) {
+  return [&path, blockSize, &content](QWChannel *channel) {
     if (!packed::WriteScalar(channel, blockSize, 8))
       return QWErrorRethrow("IndexFileFlushNew: could not write block size");
     if (!IndexFileNewGenWrite(channel, content))
       return QWErrorRethrow("IndexFileFlushNew: could not write data on: \"%s\"", path.c_str());
     return 1;
-  });
+  };
 }
 
-[[nodiscard]] bool WriteOldIndex(const std::string &path, const FArray *blockMap, ReplicationLog *log) {
-  return WriteIndexFile(path, "IndexFileFlushOld", log, [&](QWChannel *channel) {
+auto OldIndexBody(const std::string &path, const FArray *blockMap) {
+  return [&path, blockMap](QWChannel *channel) {
     if (!FArrayWriteRaw_(blockMap, channel, 4)) {
       QWErrorRethrow("IndexFileOldGenWrite: could not write data");
       return QWErrorRethrow("IndexFileFlushOld: could not write data on: \"%s\"", path.c_str());
     }
     return 1;
-  });
+  };
+}
+
+[[nodiscard]] bool WriteNewIndex(const std::string &path, uint32_t blockSize, const NewGenContent &content,
+                                 ReplicationLog *log) {
+  return WriteIndexFile(path, kFlushNew, log, NewIndexBody(path, blockSize, content));
+}
+
+[[nodiscard]] bool WriteOldIndex(const std::string &path, const FArray *blockMap, ReplicationLog *log) {
+  return WriteIndexFile(path, kFlushOld, log, OldIndexBody(path, blockMap));
+}
+
+// A flush's index file: written, its sync in the caller's round.
+[[nodiscard]] bool BeginFlushFile(LocalBlockServer0 *server, std::string path, const char *who, ChannelPtr channel,
+                                  SyncRound *round) {
+  if (!channel) return false;
+  round->AddChannel(channel.get(), StringPrintf("%s: could not sync: \"%s\"", who, path.c_str()));
+  server->pendingIndexFiles.push_back({channel.release(), std::move(path), who});
+  return true;
 }
 
 // The new generation's content after the block size; also opens the data
@@ -346,13 +384,14 @@ struct NewGenContent {
 
 // Commits index<suffix><kind>.new; 0 (no message of its own) when the
 // atomic commit fails.
-[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable) {
+[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable,
+                                  std::vector<std::string> *asides) {
   const std::string name = IndexFileName(suffix, kind);
   const std::string pending = StringPrintf("%s/%s.new", directory, name.c_str());
   // Already committed (or never written): finish an interrupted commit, if
   // any, and leave the rest alone.
   if (!FileExists(pending.c_str())) return FileAtomicRecover(directory, name.c_str());
-  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str());
+  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str(), asides);
   return FileAtomicCommit(directory, name.c_str());
 }
 
@@ -380,18 +419,33 @@ bool InstallGeneration(LocalBlockServer0 *server, GenerationImage *image, bool m
   return InstallNewGeneration(server, image, mount);
 }
 
-bool IndexFileFlushNew(LocalBlockServer0 *server, uint64_t serial, uint64_t rsize) {
+bool IndexFilesWrite(LocalBlockServer0 *server, SyncRound *round) {
   const auto *rw_gen = &server->rwGen;
-  const NewGenContent content{rsize, &rw_gen->blockMap, rw_gen->freeRawBlocksOld, rw_gen->freeRawBlocksNew,
+  const NewGenContent content{server->rsize, &rw_gen->blockMap, rw_gen->freeRawBlocksOld, rw_gen->freeRawBlocksNew,
                               rw_gen->freeBlocks};
-  return WriteNewIndex(IndexFileFlushPath(server->directory, server->suffix, ".new", serial), server->blockSize,
-                       content, server->log);
+  const std::string newPath = IndexFileFlushPath(server->directory, server->suffix, ".new", server->flushedSerialNew);
+  const std::string oldPath = IndexFileFlushPath(server->directory, server->suffix, ".old", server->flushedSerialOld);
+  return BeginFlushFile(server, newPath, kFlushNew,
+                        BeginIndexFile(newPath, kFlushNew, NewIndexBody(newPath, server->blockSize, content)), round) &&
+         BeginFlushFile(server, oldPath, kFlushOld,
+                        BeginIndexFile(oldPath, kFlushOld, OldIndexBody(oldPath, &rw_gen->blockMap)), round);
 }
 
-bool IndexFileFlushOld(LocalBlockServer0 *server, uint64_t serial) {
-  const std::string path = IndexFileFlushPath(server->directory, server->suffix, ".old", serial);
-  if (!WriteOldIndex(path, &server->rwGen.blockMap, server->log)) return false;
-  // What the memory commit installs is what is on disk.
+bool IndexFilesFinish(LocalBlockServer0 *server) {
+  std::vector<PendingIndexFile> pending;
+  pending.swap(server->pendingIndexFiles);
+  bool ok = true;
+  for (PendingIndexFile &file : pending) {
+    ChannelPtr channel(file.channel);
+    if (ok)
+      ok = FinishIndexFile(&channel, file.path, file.who, server->log);
+    else
+      Abandon(&channel, file.path);
+  }
+  if (!ok) return false;
+  // What the memory commit installs is what is on disk: the old index (the
+  // last one written) read back.
+  const std::string &path = pending.back().path;
   ChannelPtr channel = OpenChannel(path, "r");
   if (!channel || !IndexFileOldGenRead(channel.get(), &server->oldMapNext) || !CloseChannel(&channel))
     return QWErrorRethrow("IndexFileFlushOld: could not read data on: \"%s\"", path.c_str());
@@ -403,6 +457,14 @@ bool IndexFileFlushOld(LocalBlockServer0 *server, uint64_t serial) {
                           path.c_str());
   }
   return true;
+}
+
+void IndexFilesAbandon(LocalBlockServer0 *server) {
+  for (PendingIndexFile &file : server->pendingIndexFiles) {
+    ChannelPtr channel(file.channel);
+    Abandon(&channel, file.path);
+  }
+  server->pendingIndexFiles.clear();
 }
 
 bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, uint64_t serial, uint32_t blockSize,
@@ -444,14 +506,14 @@ bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, u
   return written;
 }
 
-int IndexFileCommitNew(const char *directory, const char *suffix, bool durable) {
-  if (IndexFileCommit(directory, suffix, ".new", durable)) return 1;
+int IndexFileCommitNew(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
+  if (IndexFileCommit(directory, suffix, ".new", durable, asides)) return 1;
   return QWErrorRethrow("IndexFileCommitNew: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".new").c_str());
 }
 
-int IndexFileCommitOld(const char *directory, const char *suffix, bool durable) {
-  if (IndexFileCommit(directory, suffix, ".old", durable)) return 1;
+int IndexFileCommitOld(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
+  if (IndexFileCommit(directory, suffix, ".old", durable, asides)) return 1;
   return QWErrorRethrow("IndexFileCommitOld: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".old").c_str());
 }

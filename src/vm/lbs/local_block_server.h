@@ -9,10 +9,16 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "qwvm/qwcache.h"
 #include "qwvm/qwlog.h"
 #include "qwvm/vmarena.h"
+
+namespace qw {
+class SyncRound;
+}
 
 namespace qw::vm {
 
@@ -60,18 +66,35 @@ int LocalBlockServer0RawBlockPrefetch(LocalBlockServer0 *server, uint32_t rawId)
 [[nodiscard]] int LocalBlockServer0FlushStart(LocalBlockServer0 *server, uint64_t flushedSerialOld,
                                               uint64_t flushedSerialNew);
 [[nodiscard]] int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server);
+// The flush execute in two halves, for a caller that syncs the files of
+// several servers in one round: FlushWrite folds the generation and writes
+// the data file and both index files without syncing them, adding their
+// syncs and the directory's to `round`; after the round has run, FlushFinish
+// closes and logs the index files and reads the old one back. Either half
+// failing ends the flush: the flush stop removes what was left unfinished.
+// LocalBlockServer0FlushFileExec = FlushWrite + round + FlushFinish.
+[[nodiscard]] int LocalBlockServer0FlushWrite(LocalBlockServer0 *server, qw::SyncRound *round);
+[[nodiscard]] int LocalBlockServer0FlushFinish(LocalBlockServer0 *server);
+// Hands the data file's dirty cached pages to the operating system without
+// syncing (flush start: most of the writing happens before the flush lock).
+int LocalBlockServer0MappingWriteBack(LocalBlockServer0 *server);
 // Renames the index files into place; with `durable` false the directory is
 // not synced (see IndexFileCommitNew).
-[[nodiscard]] int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable = true);
+[[nodiscard]] int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable = true,
+                                              std::vector<std::string> *asides = nullptr);
 [[nodiscard]] int LocalBlockServer0CommitMemory(LocalBlockServer0 *server);
 void LocalBlockServer0FlushStop(LocalBlockServer0 *server);
 // `indexS.new.new` -> `indexS.new` and `indexS.old.new` -> `indexS.old`
 // (unserialised servers), each tolerating a target already committed. With
 // `durable` false the directory is not synced: the caller syncs it once
 // after committing every server (the disk commit does, under the arena's
-// `committing` marker).
-[[nodiscard]] int IndexFileCommitNew(const char *directory, const char *suffix, bool durable = true);
-[[nodiscard]] int IndexFileCommitOld(const char *directory, const char *suffix, bool durable = true);
+// `committing` marker). With `asides` (unsynced commits only) the replaced
+// index files are left as `indexS.*.old` and their paths appended there, for
+// the caller to remove once the renames are durable (FileAtomicCommitUnsynced).
+[[nodiscard]] int IndexFileCommitNew(const char *directory, const char *suffix, bool durable = true,
+                                     std::vector<std::string> *asides = nullptr);
+[[nodiscard]] int IndexFileCommitOld(const char *directory, const char *suffix, bool durable = true,
+                                     std::vector<std::string> *asides = nullptr);
 // Mapping flush (mode 1 at flush start, 0 inside flush exec).
 int LocalBlockServer0MappingFlush(LocalBlockServer0 *server, int mode);
 // Reads generation (oldSerial, newSerial) of a serialised server.

@@ -263,6 +263,22 @@ void *CachePage(MemoryMapping *mapping, uint32_t rawId, bool overwrite) {
   return true;
 }
 
+// Cuts a writable data file down to the committed size (what lies beyond was
+// never committed).
+[[nodiscard]] bool CutToCommittedSize(MemoryMapping *mapping) {
+  if (mapping->readOnly) return true;
+  uint64_t size = 0;
+  if (!QWFileGetSize(mapping->fd, &size))
+    return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
+  if (size <= mapping->rsize) return true;
+  if (!QWFileSetSize(mapping->fd, mapping->rsize))
+    return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
+  if (mapping->log &&
+      !ReplicationLogWrite(mapping->log, REPLICATION_FILE_CHANGED, 0, 0, mapping->path.c_str(), nullptr, 0))
+    return QWErrorRethrow("MapAlloc: could not log file truncation \"%s\"", mapping->path.c_str());
+  return true;
+}
+
 // Extent mode, mode 0: the extents are copied into the data file in order.
 [[nodiscard]] bool CopyExtents(MemoryMapping *mapping) {
   if (!QWFileSetSize(mapping->fd, mapping->rsize + mapping->rwMappedBytes))
@@ -354,6 +370,21 @@ bool MemoryMappingRemapWrite(MemoryMapping *mapping, uint64_t rsize) {
 
 bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
   ScopedMutex lock(mapping->mutex);
+  // The file is the same and the mapping shared: a new committed size only
+  // resizes the read part, keeping every page already mapped.
+  if (mapping->readAddress && mapping->rsize > 0 && !invalidateCache) {
+    if (mapping->rsize != mapping->readLength) {
+      const uint32_t access = mapping->readOnly ? QW_MAP_READ : (QW_MAP_READ | QW_MAP_WRITE);
+      void *address =
+          FileRemapSegment(mapping->fd, mapping->readAddress, 0, mapping->readLength, mapping->rsize, access);
+      if (!address)
+        return QWErrorRethrow("MapAlloc: could not map file \"%s/%s%s\"", mapping->directory.c_str(),
+                              mapping->base.c_str(), mapping->suffix.c_str());
+      mapping->readAddress = address;
+      mapping->readLength = mapping->rsize;
+    }
+    return CutToCommittedSize(mapping);
+  }
   if (mapping->readAddress) {
     if (!FileUnmap(mapping->readAddress, mapping->readLength))
       return QWErrorRethrow("MemoryMappingRemapRead: cannot unmap: \"%s/%s%s\"", mapping->directory.c_str(),
@@ -361,18 +392,7 @@ bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
     mapping->readAddress = nullptr;
     mapping->readLength = 0;
   }
-  if (!mapping->readOnly) {
-    uint64_t size = 0;
-    if (!QWFileGetSize(mapping->fd, &size))
-      return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
-    if (size > mapping->rsize) {
-      if (!QWFileSetSize(mapping->fd, mapping->rsize))
-        return QWErrorRethrow("MemoryMappingRemapRead: could not shrink file \"%s\"", mapping->path.c_str());
-      if (mapping->log &&
-          !ReplicationLogWrite(mapping->log, REPLICATION_FILE_CHANGED, 0, 0, mapping->path.c_str(), nullptr, 0))
-        return QWErrorRethrow("MapAlloc: could not log file truncation \"%s\"", mapping->path.c_str());
-    }
-  }
+  if (!CutToCommittedSize(mapping)) return false;
   if (mapping->cache && invalidateCache && !PageCacheInvalidateFile(mapping->cache, mapping->cacheFileId))
     return QWErrorRethrow("MemoryMappingRemapRead: could not drop the cached pages of \"%s\"", mapping->path.c_str());
   if (mapping->Mapped() && mapping->rsize > 0) {
@@ -387,24 +407,32 @@ bool MemoryMappingRemapRead(MemoryMapping *mapping, bool invalidateCache) {
   return true;
 }
 
-bool MemoryMappingFlush(MemoryMapping *mapping, int mode) {
+bool MemoryMappingWriteBack(MemoryMapping *mapping, int mode) {
   if (mapping->readOnly || mapping->fd == QWFILE_INVALID) return true;
   ScopedMutex lock(mapping->mutex);
   if (!mapping->Mapped()) {
     if (mode == 0 && !WriteAnonymousPart(mapping))
       return QWErrorRethrow("MemoryMappingFlush : could not flush read-write part");
-    // The cache's flush ends with a sync of the file.
-    if (!PageCacheFlushFile(mapping->cache, mapping->cacheFileId))
+    if (!PageCacheWriteBackFile(mapping->cache, mapping->cacheFileId))
       return QWErrorRethrow("MemoryMappingSync: cannot flush file cache: \"%s\"", mapping->path.c_str());
     return true;
   }
   // Extents become part of the data file only inside the flush execute.
   if (mapping->ExtentMode() && mode == 0 && !CopyExtents(mapping)) return false;
+  return true;
+}
+
+bool MemoryMappingSyncFile(MemoryMapping *mapping) {
+  if (mapping->readOnly || mapping->fd == QWFILE_INVALID) return true;
   // A sync of the file also writes back every page changed through its
   // mappings (the read part and the mapped read-write part): one sync of the
   // whole file instead of one per segment.
   if (!QWFileSync(mapping->fd)) return QWErrorRethrow("MemoryMappingSync: cannot fsync: \"%s\"", mapping->path.c_str());
   return true;
+}
+
+bool MemoryMappingFlush(MemoryMapping *mapping, int mode) {
+  return MemoryMappingWriteBack(mapping, mode) && MemoryMappingSyncFile(mapping);
 }
 
 bool MemoryMappingMSync(MemoryMapping *mapping) {

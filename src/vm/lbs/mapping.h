@@ -110,7 +110,15 @@ struct MemoryMapping {
 
 // Mode 1 (flush start): syncs what is mapped and the cache's dirty pages.
 // Mode 0 (flush execute): also writes the read-write part into the file.
+// MemoryMappingFlush = MemoryMappingWriteBack + MemoryMappingSyncFile.
 [[nodiscard]] bool MemoryMappingFlush(MemoryMapping *mapping, int mode);
+// The writing half of a flush: the cache's dirty pages (page-cache mode) and,
+// in mode 0, the read-write part (page-cache mode) or the extents (extent
+// mode) go to the file; nothing is synced. Pages changed through a mapping
+// need no writing: the file's sync writes them.
+[[nodiscard]] bool MemoryMappingWriteBack(MemoryMapping *mapping, int mode);
+// The syncing half: one data sync of the file (mapped pages included).
+[[nodiscard]] bool MemoryMappingSyncFile(MemoryMapping *mapping);
 [[nodiscard]] bool MemoryMappingMSync(MemoryMapping *mapping);
 [[nodiscard]] bool MemoryMappingAdvise(MemoryMapping *mapping, int advice);
 // Unmaps, frees the read-write part, gives the file up to the cache

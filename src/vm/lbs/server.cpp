@@ -59,6 +59,9 @@ bool CopyRawBlock(LocalBlockServer0 *server, uint32_t from, uint32_t to) {
 }  // namespace qw::vm
 
 LocalBlockServer0::~LocalBlockServer0() {
+  QWErrorSave();
+  qw::vm::IndexFilesAbandon(this);
+  QWErrorRestore();
   (void)FArrayFree(&rwGen.blockMap);
   (void)FArrayFree(&oldMap);
   (void)FArrayFree(&oldMapNext);
@@ -297,6 +300,12 @@ void LocalBlockServer0RawBlockRelease(LocalBlockServer0 *server, void *address, 
 
 int LocalBlockServer0RawBlockPrefetch(LocalBlockServer0 *server, uint32_t rawId) {
   return MemoryMappingRawBlockPrefetch(&server->mapping, rawId) ? 1 : 0;
+}
+
+int LocalBlockServer0MappingWriteBack(LocalBlockServer0 *server) {
+  if (MemoryMappingWriteBack(&server->mapping, 1)) return 1;
+  return QWErrorRethrow("LocalBlockServer0MappingFlush: could not flush \"%s/data%s\"", server->directory.c_str(),
+                        server->suffix.c_str());
 }
 
 int LocalBlockServer0MappingFlush(LocalBlockServer0 *server, int mode) {

@@ -27,11 +27,13 @@
 #include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "qwvm/qwfile.h"
 #include "qwvm/qwlib.h"
 #include "qwvm/qwutil.h"
 #include "vm/lbs/local_block_server.h"
+#include "platform/qwlib/sync_round.h"
 #include "vm/lbs/mapping.h"
 
 namespace qw::vm {
@@ -81,6 +83,16 @@ struct GenerationImage {
   FArray oldMap{};
 };
 
+// An index file a flush wrote and has not closed yet (owned: closed by
+// IndexFilesFinish or IndexFilesAbandon).
+struct PendingIndexFile {
+  QWChannel *channel;
+  std::string path;
+  const char *who;  // the flush function named in messages
+};
+
+using qw::SyncRound;
+
 }  // namespace qw::vm
 
 struct LocalBlockServer0 {
@@ -129,6 +141,9 @@ struct LocalBlockServer0 {
   uint64_t rsize = 0;
 
   qw::vm::MemoryMapping mapping;
+
+  // Index files a flush execute wrote and has not closed yet.
+  std::vector<qw::vm::PendingIndexFile> pendingIndexFiles;
 };
 
 namespace qw::vm {
@@ -160,9 +175,13 @@ inline bool BlockIsInMemory(uint8_t flags) { return (flags & BLOCK_FLAG_SHARED) 
 // Makes `image` the new generation (and, unless mounting, its old map the
 // old one and its raw size the mapping's committed size).
 [[nodiscard]] bool InstallGeneration(LocalBlockServer0 *server, GenerationImage *image, bool mount);
-// Writes the index files of the new generation as the flush leaves it.
-[[nodiscard]] bool IndexFileFlushNew(LocalBlockServer0 *server, uint64_t serial, uint64_t rsize);
-[[nodiscard]] bool IndexFileFlushOld(LocalBlockServer0 *server, uint64_t serial);
+// Writes the index files of the new generation as the flush leaves it (new,
+// then old), unsynced: their syncs join `round`, and they stay open on
+// `pendingIndexFiles` until IndexFilesFinish closes and logs them and reads
+// the old one back (or IndexFilesAbandon closes and removes them).
+[[nodiscard]] bool IndexFilesWrite(LocalBlockServer0 *server, SyncRound *round);
+[[nodiscard]] bool IndexFilesFinish(LocalBlockServer0 *server);
+void IndexFilesAbandon(LocalBlockServer0 *server);
 // Creates the files of an empty server.
 [[nodiscard]] bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, uint64_t serial,
                                                   uint32_t blockSize, ReplicationLog *log);

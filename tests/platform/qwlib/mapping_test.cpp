@@ -88,4 +88,30 @@ TEST_F(MappingTest, BadSegmentsAreRefused) {
   ASSERT_EQ(QWFileClose(file), 1);
 }
 
+TEST_F(MappingTest, RemapGrowsAndShrinksKeepingTheBytes) {
+  const uint64_t page = PageSize();
+  QWFILE file = MakeFile("f", 4);
+  auto *segment = static_cast<char *>(FileMapSegment(file, 0, page, QW_MAP_READ | QW_MAP_WRITE));
+  ASSERT_NE(segment, nullptr);
+  segment[7] = 'W';  // not yet synced: the remapped segment must still see it
+  auto *grown = static_cast<char *>(FileRemapSegment(file, segment, 0, page, 3 * page, QW_MAP_READ | QW_MAP_WRITE));
+  ASSERT_NE(grown, nullptr) << QWErrorMessage();
+  EXPECT_EQ(grown[7], 'W');
+  EXPECT_EQ(grown[2 * page], 'c');
+  grown[2 * page + 1] = 'X';
+  // Past the end of the file: refused, and the segment stays usable.
+  QWErrorClear();
+  EXPECT_EQ(FileRemapSegment(file, grown, 0, 3 * page, 5 * page, QW_MAP_READ | QW_MAP_WRITE), nullptr);
+  EXPECT_EQ(QWErrorCode(), EINVAL);
+  EXPECT_EQ(grown[2 * page + 1], 'X');
+  auto *shrunk = static_cast<char *>(FileRemapSegment(file, grown, 0, 3 * page, page, QW_MAP_READ | QW_MAP_WRITE));
+  ASSERT_NE(shrunk, nullptr) << QWErrorMessage();
+  EXPECT_EQ(shrunk[7], 'W');
+  ASSERT_EQ(FileUnmap(shrunk, page), 1);
+  ASSERT_EQ(QWFileClose(file), 1);
+  const std::string bytes = qwtest::ReadFileBytes(path("f"));
+  EXPECT_EQ(bytes[7], 'W');
+  EXPECT_EQ(bytes[2 * page + 1], 'X');
+}
+
 }  // namespace

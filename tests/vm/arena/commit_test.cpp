@@ -167,4 +167,63 @@ TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 60));
 }
 
+// A returned commit leaves nothing to finish: after a power loss right after
+// it, the replication log holds every record of the commit, no `committing`
+// marker is left (a read-only open works), and no replaced `N.old` remains.
+TEST_F(ArenaTest, AReturnedCommitIsCompleteAfterAPowerLoss) {
+  const std::string logPath = path("replication.log");
+  auto openWithLog = [&](ReplicationLog **log, uint32_t flags) {
+    *log = ReplicationLogFileOpen(logPath.c_str(), 8192);
+    return *log ? VMArenaOpen(arenaDir().c_str(), flags, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, *log, cache) : nullptr;
+  };
+  auto createdRecords = [&] {
+    uint64_t count = 0;
+    EXPECT_EQ(ReplicationLogFileRead(
+                  logPath.c_str(),
+                  [](void *context, uint32_t type, uint32_t, uint32_t, const char *, const uint64_t *, uint32_t) {
+                    *static_cast<uint64_t *>(context) += type == REPLICATION_FILE_CREATED;
+                    return 1;
+                  },
+                  &count),
+              1)
+        << QWErrorMessage();
+    return count;
+  };
+  ReplicationLog *log = nullptr;
+  VMArena *arena = openWithLog(&log, VM_FLAG_CREATE);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  const uint64_t id = VMArenaBlockNew(arena, 0, 8192, nullptr, 0);
+  Fill(arena, id, 1);
+  ASSERT_EQ(VMArenaCommit(arena, nullptr, nullptr, 0), 1) << QWErrorMessage();
+  VMArenaClose(arena);
+  ReplicationLogClose(log);
+  for (const char *directory : {"arena", "arena/block"})
+    for (const auto &entry : std::filesystem::directory_iterator(path(directory))) {
+      const std::string name = entry.path().filename();
+      EXPECT_FALSE(name.size() > 8 && name.compare(name.size() - 8, 8, ".old.old") == 0) << name;
+      EXPECT_FALSE(name.size() > 8 && name.compare(name.size() - 8, 8, ".new.old") == 0) << name;
+    }
+  const uint64_t before = createdRecords();
+
+  auto child = qwtest::RunInChild([&] {
+    qw::fault::Reset();
+    qw::fault::EnableDurabilityTracking(true);
+    ReplicationLog *childLog = nullptr;
+    VMArena *childArena = openWithLog(&childLog, 0);
+    if (!childArena) _exit(4);
+    Fill(childArena, id, 2);
+    if (!VMArenaCommit(childArena, nullptr, nullptr, 0)) _exit(3);
+    qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
+    _exit(2);
+  });
+  ASSERT_TRUE(child.exited);
+  ASSERT_EQ(child.exitStatus, 2);
+  // Both index files of both buckets and both generation files.
+  EXPECT_EQ(createdRecords(), before + 6);
+  arena = VMArenaOpen(arenaDir().c_str(), VM_FLAG_READ_ONLY, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
+  ASSERT_NE(arena, nullptr) << QWErrorMessage();
+  EXPECT_TRUE(Holds(arena, id, OLDGEN, 2));
+  VMArenaClose(arena);
+}
+
 }  // namespace
