@@ -22,6 +22,7 @@ int RunTour(const char *directory);
 // argv starts after the command name.
 int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
+int RunCopy(int argc, char **argv);
 int RunSfs(int argc, char **argv);
 int RunEval(int argc, char **argv);
 int RunLog(int argc, char **argv);

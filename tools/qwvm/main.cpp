@@ -59,6 +59,7 @@ int main(int argc, char **argv) {
   if (command == "tour") return qwtool::RunTour(argc > 2 ? argv[2] : "qwvm-tour");
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
+  if (command == "copy") return qwtool::RunCopy(argc - 2, argv + 2);
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
   if (command == "eval") return qwtool::RunEval(argc - 2, argv + 2);
   if (command == "box") return qwtool::RunBox(argc - 2, argv + 2);
