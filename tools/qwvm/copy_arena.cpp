@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <unordered_map>
 
 #include "qwvm/qwvm.h"
@@ -15,6 +17,7 @@
 namespace qwtool {
 namespace {
 
+namespace fs = std::filesystem;
 constexpr uint64_t kBlockSize = 8192;
 constexpr uint64_t kFileBlocks = 8;  // the data file grows 65536 bytes at a time
 constexpr uint32_t kNoRaw = 0xFFFFFFFFu;
@@ -121,7 +124,7 @@ bool ReadWhole(int fd, const std::string &path, std::string *bytes) {
 bool WriteWhole(const std::string &path, const std::string &bytes) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
   if (fd < 0) return QWErrorThrowErrno(errno, "cannot create \"%s\"", path.c_str()) != 0;
-  const bool ok = write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size()) && fsync(fd) == 0;
+  const bool ok = write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
   const int error = errno;
   close(fd);
   return ok || QWErrorThrowErrno(error, "cannot write \"%s\"", path.c_str()) != 0;
@@ -266,12 +269,29 @@ bool ArenaSnapshot::CopyTo(const std::string &to, bool compact, Progress *progre
       ok = CopyBlock(from, fromPath, it->first, into, toPath, it->second);
       progress->Add(1);
     }
-    if (ok && fsync(into) != 0) ok = QWErrorThrowErrno(errno, "cannot sync \"%s\"", toPath.c_str()) != 0;
     close(from);
     if (into >= 0) close(into);
     if (!ok) return false;
   }
-  return DirectorySync((to + "/block").c_str()) && DirectorySync(to.c_str());
+  return true;
+}
+
+bool SyncTree(const std::string &root) {
+  std::error_code error;
+  std::vector<std::string> paths{root};
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error))
+    paths.push_back(it->path().string());
+  if (error) return QWErrorThrow(error.value(), QW_ERROR_CLASS_SYSTEM, "cannot list \"%s\"", root.c_str()) != 0;
+  // Files first, then their directories, deepest first.
+  std::sort(paths.begin(), paths.end(), [](const std::string &a, const std::string &b) { return a > b; });
+  for (const std::string &path : paths) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool ok = fd >= 0 && fsync(fd) == 0;
+    const int code = errno;
+    if (fd >= 0) close(fd);
+    if (!ok) return QWErrorThrowErrno(code, "cannot sync \"%s\"", path.c_str()) != 0;
+  }
+  return true;
 }
 
 }  // namespace qwtool

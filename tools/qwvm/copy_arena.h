@@ -85,7 +85,10 @@ class ArenaSnapshot {
 bool PathExists(const std::string &path);
 // Reads the whole file on `fd` into *bytes; false with the error set.
 bool ReadWhole(int fd, const std::string &path, std::string *bytes);
-// Writes `bytes` to the new file `path`, synced; false with the error set.
+// Writes `bytes` to the new file `path` (not synced: SyncTree does that
+// once the copy is whole); false with the error set.
 bool WriteWhole(const std::string &path, const std::string &bytes);
+// Syncs every file and directory under `root`, deepest first.
+bool SyncTree(const std::string &root);
 
 }  // namespace qwtool

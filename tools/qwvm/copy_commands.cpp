@@ -120,7 +120,7 @@ bool CopyDataFiles(const std::string &from, const std::string &to) {
     close(fd);
     if (!read || !WriteWhole(to + "/" + it->path().filename().string(), bytes)) return false;
   }
-  return DirectorySync(to.c_str()) != 0;
+  return true;
 }
 
 // One pass over a store. False with the error set on a failure; *moved when
@@ -169,9 +169,11 @@ bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, b
   return true;
 }
 
-bool CopyStore(const std::string &src, const std::string &tmp, StorePlan *plan, bool compact, Progress *progress) {
+// Copies one store, taking it again while it moves; *attempts counts the passes.
+bool CopyStore(const std::string &src, const std::string &tmp, StorePlan *plan, bool compact, Progress *progress,
+               int *attempts) {
   const std::string root = plan->rel.empty() ? tmp : tmp + "/" + plan->rel;
-  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+  for (int &attempt = *attempts = 1; attempt <= kAttempts; ++attempt) {
     std::error_code error;
     fs::remove_all(root, error);
     if (!MakeDirectories(root)) return false;
@@ -224,12 +226,14 @@ int RunCopy(int argc, char **argv) {
       std::fprintf(stderr, "qwvm copy: %s: %s: not copied\n", stores[i].path.c_str(), StoreKindName(stores[i].kind));
       continue;
     }
-    ok = CopyStore(src, tmp, &plan, compact, &progress);
-    if (ok) std::printf("%s: %s: copied\n", stores[i].path.c_str(), StoreKindName(stores[i].kind));
+    int attempts = 0;
+    ok = CopyStore(src, tmp, &plan, compact, &progress, &attempts);
+    if (ok) std::printf("%s: %s: copied (%d pass%s)\n", stores[i].path.c_str(), StoreKindName(stores[i].kind),
+                        attempts, attempts == 1 ? "" : "es");
   }
   progress.Finish();
   const std::string parent = fs::path(dst).has_parent_path() ? fs::path(dst).parent_path().string() : ".";
-  if (ok && (!FileRename(tmp.c_str(), dst.c_str()) || !DirectorySync(parent.c_str())))
+  if (ok && (!SyncTree(tmp) || !FileRename(tmp.c_str(), dst.c_str()) || !DirectorySync(parent.c_str())))
     ok = QWErrorRethrow("cannot move the copy into \"%s\"", dst.c_str()) != 0;
   if (ok) return 0;
   const int status = FailWithChain("copy", "cannot copy \"" + src + "\"");
