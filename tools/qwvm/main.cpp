@@ -13,12 +13,16 @@ void Usage(FILE *out) {
                "commands:\n"
                "  tour [DIR]                        walk through the storage services in DIR\n"
                "                                    (default: ./qwvm-tour)\n"
-               "  check DIR [--serial OLD NEW]      check every store in DIR (arena, logged arena, box,\n"
+               "  check DIR [--serial OLD NEW] [--progress]\n"
+               "                                    check every store in DIR (arena, logged arena, box,\n"
                "                                    string table, or a tree of them): one line per store,\n"
                "                                    exit 1 unless all are clean; qwvm help check tells more\n"
                "  stat DIR [--json] [--serial OLD NEW]\n"
                "                                    print the statistics of every store in DIR, as text or\n"
                "                                    one JSON document; qwvm help stat tells the schema\n"
+               "  copy SRC DST [--compact] [--progress]\n"
+               "                                    copy the committed state of every store in SRC into the\n"
+               "                                    new directory DST while writers go on; qwvm help copy\n"
                "  sfs DIR put PATH FILE | get PATH | ls [PREFIX]\n"
                "                                    use a small file store by hand\n"
                "  eval DIR add 'EXPR' VALUE | match [--weak ATOM]... ATOM... | stat\n"
@@ -35,7 +39,7 @@ void Usage(FILE *out) {
                "                                    sort lines as LC_ALL=C sort does; with -T the state\n"
                "                                    stays in DIR/qwvm-sort until the output is written\n"
                "  sort --resume DIR [-o OUT]        finish a sort that was stopped\n"
-               "  help [CMD]                        this text, or what CMD (check, stat, box, strtable) takes\n");
+               "  help [CMD]                        this text, or what CMD (check, stat, copy, box, strtable) takes\n");
 }
 
 }  // namespace
@@ -48,6 +52,7 @@ int main(int argc, char **argv) {
     const std::string topic = argv[2];
     if (topic == "check") return qwtool::RunCheck(1, helpArguments);
     if (topic == "stat") return qwtool::RunStat(1, helpArguments);
+    if (topic == "copy") return qwtool::RunCopy(1, helpArguments);
     if (topic == "box") return qwtool::RunBox(1, helpArguments);
     if (topic == "strtable") return qwtool::RunStrTable(1, helpArguments);
   }
