@@ -23,6 +23,8 @@ int RunTour(const char *directory);
 int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
 int RunCopy(int argc, char **argv);
+int RunDump(int argc, char **argv);
+int RunLoad(int argc, char **argv);
 int RunSfs(int argc, char **argv);
 int RunEval(int argc, char **argv);
 int RunLog(int argc, char **argv);

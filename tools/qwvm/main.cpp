@@ -65,6 +65,8 @@ int main(int argc, char **argv) {
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
   if (command == "stat") return qwtool::RunStat(argc - 2, argv + 2);
   if (command == "copy") return qwtool::RunCopy(argc - 2, argv + 2);
+  if (command == "dump") return qwtool::RunDump(argc - 2, argv + 2);
+  if (command == "load") return qwtool::RunLoad(argc - 2, argv + 2);
   if (command == "sfs") return qwtool::RunSfs(argc - 2, argv + 2);
   if (command == "eval") return qwtool::RunEval(argc - 2, argv + 2);
   if (command == "box") return qwtool::RunBox(argc - 2, argv + 2);
