@@ -152,7 +152,7 @@ bool CheckStore(const FoundStore &store, uint64_t oldSerial, uint64_t newSerial,
 }  // namespace
 
 int RunCheck(int argc, char **argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "help") == 0)) {
+  if (AsksHelp(argc, argv)) {
     CheckUsage(stdout);
     return 0;
   }

@@ -137,6 +137,17 @@ void ArenaSnapshot::Release() {
   servers_.clear();
 }
 
+bool PublishDirectory(const std::string &built, const std::string &target) {
+  const fs::path path(target);
+  const std::string parent = path.has_parent_path() ? path.parent_path().string() : ".";
+  if (SyncTree(built) && FileRename(built.c_str(), target.c_str()) && DirectorySync(parent.c_str())) return true;
+  return QWErrorRethrow("cannot move \"%s\" into place as \"%s\"", built.c_str(), target.c_str()) != 0;
+}
+
+std::string BuildDirectory(const std::string &target, const char *what) {
+  return target + what + "-" + std::to_string(getpid());
+}
+
 bool ArenaSnapshot::HoldFile(const std::string &name, bool *busy) {
   const std::string path = dir_ + "/" + name;
   HeldFile file;

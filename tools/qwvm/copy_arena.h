@@ -90,5 +90,10 @@ bool ReadWhole(int fd, const std::string &path, std::string *bytes);
 bool WriteWhole(const std::string &path, const std::string &bytes);
 // Syncs every file and directory under `root`, deepest first.
 bool SyncTree(const std::string &root);
+// Puts the directory `built` (beside `target`) in place: syncs it whole,
+// renames it to `target` and syncs the parent; false with the error set.
+bool PublishDirectory(const std::string &built, const std::string &target);
+// Where a command builds `target` before PublishDirectory: "<target><what>-<pid>".
+std::string BuildDirectory(const std::string &target, const char *what);
 
 }  // namespace qwtool

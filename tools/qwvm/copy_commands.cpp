@@ -191,7 +191,7 @@ bool CopyStore(const std::string &src, const std::string &tmp, StorePlan *plan, 
 }  // namespace
 
 int RunCopy(int argc, char **argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "help") == 0)) {
+  if (AsksHelp(argc, argv)) {
     CopyUsage(stdout);
     return 0;
   }
@@ -217,7 +217,7 @@ int RunCopy(int argc, char **argv) {
     return 1;
   }
   QWSetMessageThreshold(QW_LEVEL_WARNING);
-  const std::string tmp = dst + ".copying-" + std::to_string(getpid());
+  const std::string tmp = BuildDirectory(dst, ".copying");
   Progress progress("copy", "blocks", forced);
   bool ok = MakeDirectories(tmp);
   for (size_t i = 0; ok && i < stores.size(); ++i) {
@@ -232,9 +232,7 @@ int RunCopy(int argc, char **argv) {
                         attempts, attempts == 1 ? "" : "es");
   }
   progress.Finish();
-  const std::string parent = fs::path(dst).has_parent_path() ? fs::path(dst).parent_path().string() : ".";
-  if (ok && (!SyncTree(tmp) || !FileRename(tmp.c_str(), dst.c_str()) || !DirectorySync(parent.c_str())))
-    ok = QWErrorRethrow("cannot move the copy into \"%s\"", dst.c_str()) != 0;
+  ok = ok && PublishDirectory(tmp, dst);
   if (ok) return 0;
   const int status = FailWithChain("copy", "cannot copy \"" + src + "\"");
   std::error_code error;

@@ -54,7 +54,7 @@ struct Options {
 
 // -1 when the arguments are good, else the exit status.
 int ParseOptions(int argc, char **argv, bool load, Options *options) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "help") == 0)) {
+  if (AsksHelp(argc, argv)) {
     DumpUsage(stdout);
     return 0;
   }
@@ -239,7 +239,7 @@ int RunLoad(int argc, char **argv) {
   DumpReader reader(in);
   std::vector<std::string> header;
   uint64_t version = 0, buckets = 0;
-  const std::string tmp = options.dir + ".loading-" + std::to_string(getpid());
+  const std::string tmp = BuildDirectory(options.dir, ".loading");
   Progress progress("load", "records", options.progress);
   bool ok = reader.Next(&header);
   if (ok && (header.size() != 4 || header[0] != kDumpMagic))
@@ -253,9 +253,7 @@ int RunLoad(int argc, char **argv) {
   ok = ok && LoadStore(&reader, header[2], uint32_t(buckets), tmp, options.structure, &progress);
   progress.Finish();
   if (in != stdin) std::fclose(in);
-  const std::string parent = fs::path(options.dir).has_parent_path() ? fs::path(options.dir).parent_path().string() : ".";
-  if (ok && (!SyncTree(tmp) || !FileRename(tmp.c_str(), options.dir.c_str()) || !DirectorySync(parent.c_str())))
-    ok = QWErrorRethrow("cannot move the store into \"%s\"", options.dir.c_str()) != 0;
+  ok = ok && PublishDirectory(tmp, options.dir);
   if (ok) return 0;
   const int status = FailWithChain("load", "cannot load \"" + options.dir + "\"");
   std::error_code error;
