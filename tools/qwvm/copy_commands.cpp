@@ -179,7 +179,11 @@ bool CopyStore(const std::string &src, const std::string &tmp, StorePlan *plan, 
     if (!MakeDirectories(root)) return false;
     bool moved = false;
     if (CopyPass(src, tmp, plan, compact, progress, &moved)) return true;
+    // A failure while the source moved (a log file truncated away, a name
+    // renamed between two reads) is the move's doing: take it again.
+    for (auto &part : plan->parts) moved = moved || !part->arena.Unchanged();
     if (!moved) return false;
+    QWErrorClear();
     for (auto &part : plan->parts) part->arena.Release();
     std::this_thread::sleep_for(std::chrono::milliseconds(attempt < 10 ? 1 : 20));
   }
@@ -219,7 +223,7 @@ int RunCopy(int argc, char **argv) {
   QWSetMessageThreshold(QW_LEVEL_WARNING);
   const std::string tmp = BuildDirectory(dst, ".copying");
   Progress progress("copy", "blocks", forced);
-  bool ok = MakeDirectories(tmp);
+  bool ok = DirectoryCreate(tmp.c_str()) != 0;
   for (size_t i = 0; ok && i < stores.size(); ++i) {
     StorePlan plan;
     if (!Plan(stores[i], src, &plan)) {
