@@ -39,6 +39,27 @@ run strtable '"$qwvm" strtable "$work/strtable" set k$i "$(head -c $((i * 500)) 
 run box 'head -c $((i * 400 + 1)) "$work/value" >"$work/v"; "$qwvm" box "$work/box" put $((i % 7)) "$work/v"' \
   'for id in 0 1 2 3 4 5 6; do "$qwvm" box "$dir" get $id 2>/dev/null | md5sum; done'
 
+# A copy held (QWVMCOPYHOLD) after it read the generation files while two
+# commits free and reuse the blocks it was about to read: it must see that
+# and take the copy again, ending with the newest state.
+held() {  # store, list command, two writes
+  local store=$work/$1 hold=$work/hold-$1
+  QWVMCOPYHOLD=$hold "$qwvm" copy "$store" "$work/$1.held" >"$work/held.out" &
+  local copier=$!
+  for _ in $(seq 1 500); do [ -e "$hold.held" ] && break; sleep 0.01; done
+  eval "$3" >/dev/null && eval "$4" >/dev/null || fail "$1: writes beside the held copy"
+  touch "$hold.go"
+  wait $copier || fail "$1: held copy"
+  grep -q '(2 passes)' "$work/held.out" || fail "$1: the held copy did not start again: $(cat "$work/held.out")"
+  "$qwvm" check "$work/$1.held" >/dev/null || fail "$1: held copy does not check clean"
+  cmp -s <(eval "${2//\$dir/$store}") <(eval "${2//\$dir/$work/$1.held}") || fail "$1: held copy is not the newest state"
+}
+held arena '"$qwvm" sfs "$dir" ls; for f in $("$qwvm" sfs "$dir" ls | awk "{print \$2}"); do "$qwvm" sfs "$dir" get $f | md5sum; done' \
+  'head -c 9000 "$work/value" >"$work/v"; "$qwvm" sfs "$work/arena" put f1 "$work/v"' \
+  '"$qwvm" sfs "$work/arena" put f2 "$work/v"'
+held strtable '"$qwvm" strtable "$dir" list' '"$qwvm" strtable "$work/strtable" set k1 changed' \
+  '"$qwvm" strtable "$work/strtable" rm k2'
+
 "$qwvm" copy "$work/box" "$work/arena.copy1" 2>"$work/err"; [ $? = 1 ] || fail "existing destination not refused"
 grep -q 'exists' "$work/err" || fail "existing destination message: $(cat "$work/err")"
 "$qwvm" check "$work/arena.copy1" | grep -q 'arena: clean' || fail "refused copy touched the destination"

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 #include <chrono>
 #include <cstring>
@@ -123,6 +124,19 @@ bool CopyDataFiles(const std::string &from, const std::string &to) {
   return true;
 }
 
+// Test hook: with QWVMCOPYHOLD=P in the environment, the first pass stops
+// once it holds the generation files, creates P.held and waits (up to a
+// minute) for P.go, so that a test can commit in between.
+void HoldForTest() {
+  static bool done = false;
+  const char *hold = getenv("QWVMCOPYHOLD");
+  if (done || !hold) return;
+  done = true;
+  const std::string base = hold;
+  (void)WriteWhole(base + ".held", "");
+  for (int i = 0; i < 6000 && !PathExists(base + ".go"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
 // One pass over a store. False with the error set on a failure; *moved when
 // the source changed under the pass (then take it again).
 bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, bool compact, Progress *progress,
@@ -135,6 +149,7 @@ bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, b
   uint64_t blocks = 0;
   for (auto &part : plan->parts) blocks += part->arena.BlockCount(compact);
   progress->SetTotal(blocks);
+  HoldForTest();
   for (auto &part : plan->parts)
     if (!MakeDirectories(T(part->Vm())) || !part->arena.CopyTo(T(part->Vm()), compact, progress)) return false;
   for (auto &part : plan->parts) {
