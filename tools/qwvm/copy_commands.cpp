@@ -17,9 +17,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -63,8 +62,8 @@ struct Part {
 };
 
 struct StorePlan {
-  std::string rel;                  // the store inside SRC ("" when SRC is the store)
-  std::vector<std::string> files;   // copied whole (box status files)
+  std::string rel;                 // the store inside SRC ("" when SRC is the store)
+  std::vector<std::string> files;  // copied whole (box status files)
   std::vector<std::unique_ptr<Part>> parts;
 };
 
@@ -89,7 +88,10 @@ bool Plan(const FoundStore &store, const std::string &src, StorePlan *plan) {
   single->rel = plan->rel;
   switch (store.kind) {
     case StoreKind::kArena: plan->parts.push_back(std::move(single)); return true;
-    case StoreKind::kLoggedArena: single->logged = true; plan->parts.push_back(std::move(single)); return true;
+    case StoreKind::kLoggedArena:
+      single->logged = true;
+      plan->parts.push_back(std::move(single));
+      return true;
     case StoreKind::kBox: AddBox(src, plan->rel, plan); return true;
     case StoreKind::kStrTable:
       single->rel = Part::Join(plan->rel, "dict");
@@ -134,10 +136,12 @@ void HoldForTest() {
   done = true;
   const std::string base = hold;
   (void)WriteWhole(base + ".held", "");
-  for (int i = 0; i < 6000 && !PathExists(base + ".go"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 6000 && !PathExists(base + ".go"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
-// One pass over a store. False with the error set on a failure; *moved when
+// One pass over a store, phase by phase as the header says (a linear
+// sequence, kept whole). False with the error set on a failure; *moved when
 // the source changed under the pass (then take it again).
 bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, bool compact, Progress *progress,
               bool *moved) {
@@ -155,17 +159,17 @@ bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, b
   for (auto &part : plan->parts) {
     if (!part->logged) continue;
     LogScan scan;
-    if (!ReadArenaSerial(T(part->Vm()), &part->serial) || !ScanLog(S(Part::Join(part->rel, "log")), part->serial, &scan))
-      return part->arena.Unchanged() ? false : (QWErrorClear(), *moved = true, false);
+    if (!ReadArenaSerial(T(part->Vm()), &part->serial) ||
+        !ScanLog(S(Part::Join(part->rel, "log")), part->serial, &scan))
+      return false;  // a log truncated past the serial: CopyStore sees the commit that did it
     part->cut = scan.checkpoint ? scan.checkpointNext : scan.fromNext;
   }
   for (auto &part : plan->parts)
-    if (part->logged && !CopyLogPrefix(S(Part::Join(part->rel, "log")), part->serial, part->cut,
-                                       T(Part::Join(part->rel, "log"))))
+    if (part->logged &&
+        !CopyLogPrefix(S(Part::Join(part->rel, "log")), part->serial, part->cut, T(Part::Join(part->rel, "log"))))
       return false;
   for (auto &part : plan->parts)
-    if (part->data && !CopyDataFiles(S(Part::Join(part->rel, "data")), T(Part::Join(part->rel, "data"))))
-      return false;
+    if (part->data && !CopyDataFiles(S(Part::Join(part->rel, "data")), T(Part::Join(part->rel, "data")))) return false;
   for (auto &part : plan->parts) {
     if (!part->logged) continue;
     LogScan again;
@@ -178,8 +182,9 @@ bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, b
   for (const std::string &file : plan->files) {
     std::error_code error;
     fs::copy_file(S(file), T(file), error);
-    if (error) return QWErrorThrow(error.value(), QW_ERROR_CLASS_SYSTEM, "cannot copy \"%s\": %s", S(file).c_str(),
-                                   error.message().c_str()) != 0;
+    if (error)
+      return QWErrorThrow(error.value(), QW_ERROR_CLASS_SYSTEM, "cannot copy \"%s\": %s", S(file).c_str(),
+                          error.message().c_str()) != 0;
   }
   return true;
 }
@@ -247,8 +252,9 @@ int RunCopy(int argc, char **argv) {
     }
     int attempts = 0;
     ok = CopyStore(src, tmp, &plan, compact, &progress, &attempts);
-    if (ok) std::printf("%s: %s: copied (%d pass%s)\n", stores[i].path.c_str(), StoreKindName(stores[i].kind),
-                        attempts, attempts == 1 ? "" : "es");
+    if (ok)
+      std::printf("%s: %s: copied (%d pass%s)\n", stores[i].path.c_str(), StoreKindName(stores[i].kind), attempts,
+                  attempts == 1 ? "" : "es");
   }
   progress.Finish();
   ok = ok && PublishDirectory(tmp, dst);

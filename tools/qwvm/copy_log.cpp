@@ -69,8 +69,8 @@ bool CopyLogPrefix(const std::string &logDir, uint64_t first, uint64_t end, cons
     if (!read) return false;
     if (number == LOG_SERIAL_FILE(end)) {
       if (bytes.size() < LOG_SERIAL_OFFSET(end))
-        return QWErrorThrow(EBADMSG, QW_ERROR_CLASS_DATA, "\"%s\" is shorter than its scanned records",
-                            from.c_str()) != 0;
+        return QWErrorThrow(EBADMSG, QW_ERROR_CLASS_DATA, "\"%s\" is shorter than its scanned records", from.c_str()) !=
+               0;
       bytes.resize(LOG_SERIAL_OFFSET(end));
     }
     if (!WriteWhole(LogFileName(toDir, number), bytes)) return false;
@@ -79,14 +79,14 @@ bool CopyLogPrefix(const std::string &logDir, uint64_t first, uint64_t end, cons
 }
 
 bool ReadArenaSerial(const std::string &vmDir, uint64_t *serial) {
-  VMArena *arena = VMArenaOpen(vmDir.c_str(), VM_FLAG_MAPPED | VM_FLAG_READ_ONLY, 1, STATUS_NO_SERIAL,
-                               STATUS_NO_SERIAL, nullptr, nullptr);
+  VMArena *arena = VMArenaOpen(vmDir.c_str(), VM_FLAG_MAPPED | VM_FLAG_READ_ONLY, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
+                               nullptr, nullptr);
   if (!arena) return false;
   VMAArrayHandle handle{};
   bool ok = VMAArrayInitFromPath(&handle, arena, "lvm", "serial") != 0;
   uint32_t end = 0;
-  void *element = ok ? VMAArrayRange_(arena, handle.id[OLDGEN], 0, ARENA_MAX_BLOCK_SIZE, 0, &end, OLDGEN, 1, 8, 0)
-                     : nullptr;
+  void *element =
+      ok ? VMAArrayRange_(arena, handle.id[OLDGEN], 0, ARENA_MAX_BLOCK_SIZE, 0, &end, OLDGEN, 1, 8, 0) : nullptr;
   if (element) {
     const auto *bytes = static_cast<const unsigned char *>(element);
     *serial = 0;

@@ -76,8 +76,8 @@ bool DumpLarge(VMArena *arena, const std::string &path, DumpWriter *out) {
       for (uint32_t h = 0; ok && h < size; ++h) {
         ok = LDBArrayGetArray(array, b, h, &value, 0, OLDGEN) != 0;
         if (ok)
-          out->Record({"element", Escape(path), std::to_string(b), std::to_string(h),
-                       Escape(value, ArrayLength(value))});
+          out->Record(
+              {"element", Escape(path), std::to_string(b), std::to_string(h), Escape(value, ArrayLength(value))});
       }
     }
   }
@@ -126,7 +126,8 @@ bool ArenaLoader::Add(const std::vector<std::string> &fields, const DumpReader &
 }
 
 bool ArenaLoader::Finish(const DumpReader &reader) {
-  if (blocksLeft_ > 0) return reader.Bad("block array \"%s\" still expects %u blocks", blockArray_.c_str(), blocksLeft_);
+  if (blocksLeft_ > 0)
+    return reader.Bad("block array \"%s\" still expects %u blocks", blockArray_.c_str(), blocksLeft_);
   return true;
 }
 
@@ -224,7 +225,8 @@ bool ArenaLoader::LargeArray(const std::vector<std::string> &fields, const DumpR
   if (!threadData_ && !(threadData_ = LDBArrayThreadDataNew())) return false;
   int created = 1;
   LDBArray *array = LDBArrayNew(arena_, &pathBuffer_, path.c_str(), &created, 0, uint32_t(buckets));
-  if (!array) return QWErrorRethrow("line %llu: cannot make \"%s\"", (unsigned long long)reader.Line(), path.c_str()) != 0;
+  if (!array)
+    return QWErrorRethrow("line %llu: cannot make \"%s\"", (unsigned long long)reader.Line(), path.c_str()) != 0;
   large_[path] = array;
   return true;
 }

@@ -85,8 +85,8 @@ bool DumpStore(const Options &options, StoreKind kind, DumpWriter *out) {
   bool ok = false;
   if (kind == StoreKind::kArena) {
     PageCache *cache = PageCacheNew(64 << 20, 8192);
-    VMArena *arena = cache ? VMArenaOpen(dir, VM_FLAG_READ_ONLY, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache)
-                           : nullptr;
+    VMArena *arena =
+        cache ? VMArenaOpen(dir, VM_FLAG_READ_ONLY, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache) : nullptr;
     if (arena) {
       out->Record({kDumpMagic, std::to_string(kDumpVersion), "arena", std::to_string(VMArenaBucketCount(arena))});
       ok = DumpArena(arena, options.structure, {}, out);
@@ -97,8 +97,8 @@ bool DumpStore(const Options &options, StoreKind kind, DumpWriter *out) {
     LoggedVM *lvm = LoggedVMOpen(dir, 1, 0, 1, nullptr, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (lvm) {
       VMArena *arena = LoggedVMArenaGet(lvm);
-      out->Record({kDumpMagic, std::to_string(kDumpVersion), "logged_arena",
-                   std::to_string(VMArenaBucketCount(arena))});
+      out->Record(
+          {kDumpMagic, std::to_string(kDumpVersion), "logged_arena", std::to_string(VMArenaBucketCount(arena))});
       ok = DumpArena(arena, options.structure, {"lvm/serial"}, out);
       QWErrorSave();
       LoggedVMClose(lvm);
@@ -156,20 +156,22 @@ bool LoadStore(DumpReader *reader, const std::string &kind, uint32_t buckets, co
   if (kind == "arena" || kind == "logged_arena") {
     const bool logged = kind == "logged_arena";
     PageCache *cache = logged ? nullptr : PageCacheNew(64 << 20, 8192);
-    LoggedVM *lvm = logged ? LoggedVMOpen(path, buckets, 1, 0, nullptr, 0, 0, nullptr, nullptr, nullptr, nullptr,
-                                          nullptr)
-                           : nullptr;
-    VMArena *arena = logged ? (lvm ? LoggedVMArenaGet(lvm) : nullptr)
-                            : (cache ? VMArenaOpen(path, VM_FLAG_CREATE, buckets, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
-                                                   nullptr, cache)
-                                     : nullptr);
+    LoggedVM *lvm = logged
+                        ? LoggedVMOpen(path, buckets, 1, 0, nullptr, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr)
+                        : nullptr;
+    VMArena *arena =
+        logged ? (lvm ? LoggedVMArenaGet(lvm) : nullptr)
+               : (cache ? VMArenaOpen(path, VM_FLAG_CREATE, buckets, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache)
+                        : nullptr);
     bool ok = arena != nullptr;
     if (ok) {
       ArenaLoader loader(arena);
-      ok = ReadRecords(reader, only, progress, [&](const std::vector<std::string> &f) { return loader.Add(f, *reader); }) &&
+      ok = ReadRecords(reader, only, progress,
+                       [&](const std::vector<std::string> &f) { return loader.Add(f, *reader); }) &&
            loader.Finish(*reader);
     }
-    if (ok) ok = logged ? LoggedVMCheckpoint(lvm, 1, LVM_NO_SERIAL) != 0 : VMArenaCommit(arena, nullptr, nullptr, 0) != 0;
+    if (ok)
+      ok = logged ? LoggedVMCheckpoint(lvm, 1, LVM_NO_SERIAL) != 0 : VMArenaCommit(arena, nullptr, nullptr, 0) != 0;
     QWErrorSave();
     if (lvm) LoggedVMClose(lvm), UnAllocate(lvm);
     else if (arena) VMArenaClose(arena);
@@ -180,7 +182,8 @@ bool LoadStore(DumpReader *reader, const std::string &kind, uint32_t buckets, co
   if (kind == "box") {
     BoxLVM *box = BoxLVMOpen(path, buckets, 1, 1, 1, 0, nullptr);
     if (!box) return false;
-    bool ok = ReadRecords(reader, only, progress, [&](const std::vector<std::string> &f) { return LoadBoxEntry(box, f, *reader); }) &&
+    bool ok = ReadRecords(reader, only, progress,
+                          [&](const std::vector<std::string> &f) { return LoadBoxEntry(box, f, *reader); }) &&
               BoxLVMCheckpoint(box, 1, nullptr);
     QWErrorSave();
     BoxLVMClose(box, 0);
@@ -189,10 +192,11 @@ bool LoadStore(DumpReader *reader, const std::string &kind, uint32_t buckets, co
   }
   LoggedStrTable *table = LoggedStrTableOpen(path, buckets, 1, 1, 0, nullptr);
   LoggedStrTableThreadData *threadData = LoggedStrTableThreadDataNew();
-  bool ok = table && threadData &&
-            ReadRecords(reader, only, progress,
-                        [&](const std::vector<std::string> &f) { return LoadStrTablePair(table, threadData, f, *reader); }) &&
-            LoggedStrTableCheckpoint(table, 1);
+  bool ok =
+      table && threadData &&
+      ReadRecords(reader, only, progress,
+                  [&](const std::vector<std::string> &f) { return LoadStrTablePair(table, threadData, f, *reader); }) &&
+      LoggedStrTableCheckpoint(table, 1);
   QWErrorSave();
   LoggedStrTableThreadDataFree(threadData);
   if (table) LoggedStrTableClose(table, 0);

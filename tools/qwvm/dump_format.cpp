@@ -105,7 +105,8 @@ bool DumpReader::Next(std::vector<std::string> *fields) {
     return true;
   }
   uint64_t count = 0;
-  if (fields->size() != 2 || !ParseNumber(*this, (*fields)[1], UINT64_MAX, &count)) return Bad("malformed \"end\" record");
+  if (fields->size() != 2 || !ParseNumber(*this, (*fields)[1], UINT64_MAX, &count))
+    return Bad("malformed \"end\" record");
   if (count != records_)
     return Bad("the dump holds %llu records, its \"end\" record says %llu", (unsigned long long)records_,
                (unsigned long long)count);

@@ -22,8 +22,7 @@ bool DumpBoxEntries(BoxLVM *box, DumpWriter *out) {
   for (uint64_t id = 0; ok && id < ids && id <= UINT32_MAX; ++id) {
     if (BoxLVMGet(box, threadData, uint32_t(id), &value))
       out->Record({"entry", std::to_string(id), Escape(value, ArrayLength(value))});
-    else if (QWErrorIsSet())
-      ok = QWErrorRethrow("cannot read the entry of id %llu", (unsigned long long)id) != 0;
+    else if (QWErrorIsSet()) ok = QWErrorRethrow("cannot read the entry of id %llu", (unsigned long long)id) != 0;
   }
   ArrayFree(value);
   BoxLVMThreadDataFree(threadData);
@@ -52,17 +51,17 @@ bool LoadBoxEntry(BoxLVM *box, const std::vector<std::string> &fields, const Dum
   if (BoxLVMExists(box, uint32_t(id))) return reader.Bad("id %llu is defined twice", (unsigned long long)id);
   int isNew = 0, inError = 0;
   return BoxLVMUpdate(box, uint32_t(id), 0, 0, bytes.data(), uint32_t(bytes.size()), &isNew, &inError) ||
-         QWErrorRethrow("line %llu: cannot store id %llu", (unsigned long long)reader.Line(),
-                        (unsigned long long)id) != 0;
+         QWErrorRethrow("line %llu: cannot store id %llu", (unsigned long long)reader.Line(), (unsigned long long)id) !=
+             0;
 }
 
 bool LoadStrTablePair(LoggedStrTable *table, LoggedStrTableThreadData *threadData,
                       const std::vector<std::string> &fields, const DumpReader &reader) {
   std::string key, value;
-  if (fields.size() != 3 || fields[0] != "pair") return reader.Bad("a string table dump holds \"pair KEY VALUE\" records");
+  if (fields.size() != 3 || fields[0] != "pair")
+    return reader.Bad("a string table dump holds \"pair KEY VALUE\" records");
   if (!Unescape(fields[1], &key) || !Unescape(fields[2], &value)) return reader.Bad("bad bytes in the pair");
-  return LoggedStrTableSet(table, threadData, key.data(), uint32_t(key.size()), value.data(),
-                           uint32_t(value.size())) ||
+  return LoggedStrTableSet(table, threadData, key.data(), uint32_t(key.size()), value.data(), uint32_t(value.size())) ||
          QWErrorRethrow("line %llu: cannot store the pair", (unsigned long long)reader.Line()) != 0;
 }
 
