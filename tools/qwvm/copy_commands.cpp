@@ -152,7 +152,7 @@ bool CopyPass(const std::string &src, const std::string &tmp, StorePlan *plan, b
     if (!part->arena.Hold(S(part->Vm()), moved) || *moved) return false;
   uint64_t blocks = 0;
   for (auto &part : plan->parts) blocks += part->arena.BlockCount(compact);
-  progress->SetTotal(blocks);
+  progress->SetTotal(progress->Done() + blocks);  // what this pass has left to do
   HoldForTest();
   for (auto &part : plan->parts)
     if (!MakeDirectories(T(part->Vm())) || !part->arena.CopyTo(T(part->Vm()), compact, progress)) return false;

@@ -21,6 +21,7 @@ class Progress {
 
   // 0 when the total is unknown: "done" is then printed alone.
   void SetTotal(uint64_t total) { total_ = total; }
+  uint64_t Done() const { return done_; }
   void Add(uint64_t count);
   // Prints the final figures (and ends the terminal line); idempotent.
   void Finish();
