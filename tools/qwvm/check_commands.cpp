@@ -22,6 +22,7 @@
 
 #include "qwvm/qwvm.h"
 #include "tools/qwvm/commands.h"
+#include "tools/qwvm/progress.h"
 #include "tools/qwvm/store_kind.h"
 
 namespace qwtool {
@@ -29,7 +30,7 @@ namespace {
 
 void CheckUsage(FILE *out) {
   std::fprintf(out,
-               "usage: qwvm check DIR [--serial OLD NEW]\n"
+               "usage: qwvm check DIR [--serial OLD NEW] [--progress]\n"
                "  Recognises the stores in DIR (an arena, a logged arena, a box, a string table, a sort\n"
                "  directory, or a tree of directories holding them) and checks each one read-only:\n"
                "  arenas for blocks shared between users, logs by reading every record, boxes by reading\n"
@@ -38,7 +39,8 @@ void CheckUsage(FILE *out) {
                "  so). One line per store, \"<path>: <kind>: clean\" or \"<path>: <kind>: N faults\"\n"
                "  followed by the faults. Exit status 0 when every store is clean, 1 when one is not or\n"
                "  DIR holds no store, 2 on bad arguments.\n"
-               "  --serial OLD NEW  open the generation files of these serials (a plain arena only)\n");
+               "  --serial OLD NEW  open the generation files of these serials (a plain arena only)\n"
+               "  --progress        print progress (stores checked) on stderr even when it is not a terminal\n");
 }
 
 // The faults found in one store; `prefix` names the part being checked.
@@ -150,10 +152,11 @@ bool CheckStore(const FoundStore &store, uint64_t oldSerial, uint64_t newSerial,
 }  // namespace
 
 int RunCheck(int argc, char **argv) {
-  if (argc == 1 && (std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "help") == 0)) {
+  if (AsksHelp(argc, argv)) {
     CheckUsage(stdout);
     return 0;
   }
+  const bool forced = Progress::TakeFlag(&argc, argv);
   StoreArguments found;
   const int refused = FindStoresToInspect(std::vector<std::string>(argv, argv + argc), "check", CheckUsage, &found);
   if (refused >= 0) return refused;
@@ -165,8 +168,14 @@ int RunCheck(int argc, char **argv) {
   // Opening and recovery report progress; the check prints its own lines.
   QWSetMessageThreshold(QW_LEVEL_WARNING);
   bool clean = true;
-  for (const FoundStore &store : found.stores)
+  Progress progress("check", "stores", forced);
+  progress.SetTotal(found.stores.size());
+  for (const FoundStore &store : found.stores) {
     clean = CheckStore(store, found.oldSerial, found.newSerial, cache) && clean;
+    std::fflush(stdout);
+    progress.Add(1);
+  }
+  progress.Finish();
   PageCacheFree(cache);
   return clean ? 0 : 1;
 }

@@ -18,10 +18,18 @@ inline int FailWithChain(const char *command, const std::string &what) {
   return 1;
 }
 
+// Whether the arguments are just "--help" (or "help").
+inline bool AsksHelp(int argc, char **argv) {
+  return argc == 1 && (std::string(argv[0]) == "--help" || std::string(argv[0]) == "help");
+}
+
 int RunTour(const char *directory);
 // argv starts after the command name.
 int RunCheck(int argc, char **argv);
 int RunStat(int argc, char **argv);
+int RunCopy(int argc, char **argv);
+int RunDump(int argc, char **argv);
+int RunLoad(int argc, char **argv);
 int RunSfs(int argc, char **argv);
 int RunEval(int argc, char **argv);
 int RunLog(int argc, char **argv);

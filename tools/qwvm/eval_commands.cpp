@@ -19,8 +19,8 @@ constexpr const char *kEvalPrefix = "eval";
 
 int Fail(const char *what) { return FailWithChain("eval", what); }
 
-int EvalUsage() {
-  std::fprintf(stderr,
+int EvalUsage(FILE *out = stderr) {
+  std::fprintf(out,
                "usage: qwvm eval DIR add 'EXPR' VALUE\n"
                "           store a query with the u32 VALUE and commit; EXPR combines atoms ID or ID:SUB\n"
                "           with ! (not), & (and), | (or) and parentheses; its disjunctive form may have at\n"
@@ -31,7 +31,7 @@ int EvalUsage() {
                "       qwvm eval DIR stat\n"
                "           print the numbers of stored conjunctions and atom nodes and their bytes\n",
                kMaxConjunctions, kMaxConjunctionAtoms);
-  return 2;
+  return out == stderr ? 2 : 0;
 }
 
 // The arena and the evaluator of DIR.
@@ -122,6 +122,7 @@ int Stat(const std::string &directory) {
 }  // namespace
 
 int RunEval(int argc, char **argv) {
+  if (argc == 1 && (std::string(argv[0]) == "--help" || std::string(argv[0]) == "help")) return EvalUsage(stdout);
   if (argc < 2) return EvalUsage();
   const std::string directory = argv[0], verb = argv[1];
   if (verb == "add" && argc == 4) return Add(directory, argv[2], argv[3]);

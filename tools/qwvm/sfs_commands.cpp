@@ -16,12 +16,12 @@ namespace {
 
 int Fail(const char *what) { return FailWithChain("sfs", what); }
 
-int SfsUsage() {
-  std::fprintf(stderr,
+int SfsUsage(FILE *out = stderr) {
+  std::fprintf(out,
                "usage: qwvm sfs DIR put PATH FILE   store FILE's bytes at PATH (creates the store) and commit\n"
                "       qwvm sfs DIR get PATH        write the file at PATH to standard output\n"
                "       qwvm sfs DIR ls [PREFIX]     list the files (under PREFIX) with their sizes\n");
-  return 2;
+  return out == stderr ? 2 : 0;
 }
 
 int Put(SFS *store, const std::string &path, const char *file) {
@@ -82,6 +82,7 @@ int List(SFS *store, const std::string &prefix) {
 }  // namespace
 
 int RunSfs(int argc, char **argv) {
+  if (argc == 1 && (std::string(argv[0]) == "--help" || std::string(argv[0]) == "help")) return SfsUsage(stdout);
   if (argc < 2) return SfsUsage();
   const std::string directory = argv[0], verb = argv[1];
   const bool put = verb == "put";
