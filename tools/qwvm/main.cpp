@@ -1,4 +1,6 @@
 // qwvm: the command-line face of the library.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -83,6 +85,17 @@ bool CommandHelp(const std::string &command) {
   return false;
 }
 
+// The library reports long work (a log replayed during recovery, commits of
+// logged stores) as progress messages on stderr. A command prints them when
+// stderr is a terminal or with --progress, as its own progress; on a pipe only
+// warnings and errors reach stderr. The tour shows everything it does.
+void QuietUnlessAskedForProgress(int argc, char **argv) {
+  if (std::strcmp(argv[1], "tour") == 0 || isatty(STDERR_FILENO)) return;
+  for (int i = 2; i < argc; ++i)
+    if (std::strcmp(argv[i], "--progress") == 0) return;
+  QWSetMessageThreshold(QW_LEVEL_WARNING);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -111,6 +124,7 @@ int main(int argc, char **argv) {
     Usage(argc < 2 ? stderr : stdout);
     return argc < 2 ? 2 : 0;
   }
+  QuietUnlessAskedForProgress(argc, argv);
   std::string command = argv[1];
   if (command == "tour") return qwtool::RunTour(argc > 2 ? argv[2] : "qwvm-tour");
   if (command == "check") return qwtool::RunCheck(argc - 2, argv + 2);
