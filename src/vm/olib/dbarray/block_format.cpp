@@ -33,7 +33,7 @@ inline void PrefetchSpan(const uint8_t *from, const uint8_t *to) {
 // and the block as full. Wrong guesses cost memory bandwidth, never a
 // result.
 inline void PrefetchGuess(const BlockView &block, uint32_t position, uint32_t count) {
-  constexpr uint32_t kMargin = 2 * kCacheLine;
+  constexpr uint32_t kMargin = 1 * kCacheLine;
   const uint32_t indexBytes = 2 * ((count - 1) / kIndexStride);
   if (block.size() < HEADER_SIZE + indexBytes) return;
   const uint64_t area = block.size() - HEADER_SIZE - indexBytes;
