@@ -129,7 +129,7 @@ bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
     Bytes16 here, next;
     std::memcpy(&here, bytes + i, 16);
     std::memcpy(&next, bytes + i + 1, 16);
-    const Bytes16 falls = next <= here;  // 0xFF where a byte does not rise
+    const auto falls = next <= here;  // all ones where a byte does not rise
     uint64_t halves[2];
     std::memcpy(halves, &falls, 16);
     if ((halves[0] | halves[1]) != 0) return false;

@@ -81,16 +81,21 @@ TEST_F(PITreeTest, RandomLeafAndHeadBytesNeverCrash) {
 }
 
 TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
-  // A root head node with 40 branches (first symbols 0 .. 39); each case
-  // swaps two neighbours: at the start, across 16-byte groups, at the end.
+  // A root head node with 40 branches whose bytes rise from 0x6C across
+  // 0x7F / 0x80 to 0x93 (symbols from 0x80 on start with a byte >= 0x80);
+  // each case swaps two neighbours: at the start, around 16-byte groups and
+  // the sign bit, at the end.
   constexpr uint32_t kBranches = 40;
-  for (uint32_t swapAt : {0u, 14u, 15u, 16u, 31u, kBranches - 2}) {
+  auto symbol = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + 256 * (b - 20); };
+  auto firstByte = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + (b - 20); };
+  for (uint32_t swapAt : {0u, 14u, 15u, 16u, 19u, 31u, kBranches - 2}) {
     SCOPED_TRACE(swapAt);
     std::filesystem::remove_all(arenaDir());
     Open();
     for (uint32_t b = 0; b < kBranches; ++b)
-      for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert({b, i, 500 + i}, 1 + b * 100 + i), 0u);
-    EXPECT_EQ(Find({kBranches - 1, 99, 599}), kBranches * 100);
+      for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert({symbol(b), i, 500 + i}, 1 + b * 100 + i), 0u);
+    EXPECT_EQ(Find({symbol(kBranches - 1), 99, 599}), kBranches * 100);
+    EXPECT_EQ(Find({symbol(20), 0, 500}), 2001u);
     uint8_t *scratch = nullptr;
     uint32_t index = 0, root = 0, end = 0;
     ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
@@ -110,10 +115,10 @@ TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
     ASSERT_EQ(node[1], 0u);         // no skip
     ASSERT_EQ(node[2], kBranches);  // count
     uint8_t *branches = node + 4 + ((node[0] & 1) ? 8 : 0);
-    ASSERT_EQ(branches[swapAt], swapAt);
+    ASSERT_EQ(branches[swapAt], firstByte(swapAt));
     std::swap(branches[swapAt], branches[swapAt + 1]);
     VMAArrayRelease_(arena, nodes, node, 0);
-    EXPECT_EQ(Find({0, 0, 500}), 0u);
+    EXPECT_EQ(Find({symbol(0), 0, 500}), 0u);
     ExpectDataError("unordered head node");
     CloseAll();
   }
