@@ -1,8 +1,8 @@
 // The small file store against the same files as plain files in a directory.
 //
-// Data: N files (QWVM_BENCH_SFS_FILES, default 100000) of 1 to 64 KiB
-// (uniform, fixed seed) at paths "dNN/fI" (100 directories), bytes derived
-// from the file number.
+// Data: N files (QWVM_BENCH_SFS_FILES, default 100000) of 1 to M KiB
+// (QWVM_BENCH_SFS_MAX_KIB, default 64; uniform, fixed seed) at paths "dNN/fI"
+// (100 directories), bytes derived from the file number.
 //
 // Put: one timed pass that stores every file and makes it durable. The store
 // commits every 10000 files and at the end; the plain side creates, writes
@@ -31,6 +31,7 @@ constexpr uint32_t kProbes = 1 << 16;
 struct Globals {
   std::string root;
   uint32_t files = 100000;
+  uint32_t maxKiB = 64;
   std::vector<uint32_t> sizes;
   std::vector<uint32_t> probes;
   uint64_t totalBytes = 0;
@@ -188,13 +189,14 @@ BENCHMARK(BM_PlainGet)->Unit(benchmark::kMicrosecond);
 
 bool Prepare() {
   if (const char *files = std::getenv("QWVM_BENCH_SFS_FILES")) g.files = uint32_t(std::strtoul(files, nullptr, 10));
-  if (g.files == 0) return false;
+  if (const char *kib = std::getenv("QWVM_BENCH_SFS_MAX_KIB")) g.maxKiB = uint32_t(std::strtoul(kib, nullptr, 10));
+  if (g.files == 0 || g.maxKiB == 0) return false;
   char pattern[] = "/tmp/qwvm-sfs-bench-XXXXXX";
   if (!mkdtemp(pattern)) return false;
   g.root = pattern;
   std::mt19937 random(42);
   for (uint32_t file = 0; file < g.files; ++file) {
-    g.sizes.push_back(1024 + random() % (64 * 1024 - 1024 + 1));
+    g.sizes.push_back(1024 + random() % (g.maxKiB * 1024 - 1024 + 1));
     g.totalBytes += g.sizes.back();
   }
   for (uint32_t i = 0; i < kProbes; ++i) g.probes.push_back(random() % g.files);
@@ -202,7 +204,7 @@ bool Prepare() {
 }
 
 void Summary(const qwbench::SummaryReporter &reporter) {
-  std::printf("\n%u files, %.1f MiB in all\n", g.files, double(g.totalBytes) / (1 << 20));
+  std::printf("\n%u files of 1 to %u KiB, %.1f MiB in all\n", g.files, g.maxKiB, double(g.totalBytes) / (1 << 20));
   const auto *storePut = reporter.Find("BM_StorePut"), *plainPut = reporter.Find("BM_PlainPut");
   if (storePut && plainPut) {
     std::printf("%-28s: %.3f  (%.1f s vs %.1f s for all files)\n", "put, store / plain files",
@@ -224,5 +226,5 @@ void Cleanup() {
 
 int main(int argc, char **argv) {
   return qwbench::RunWithSummary(argc, argv, 28, Prepare, Summary, Cleanup,
-                                 [] { return "cannot prepare the data (QWVM_BENCH_SFS_FILES must be positive)"; });
+                                 [] { return "cannot prepare the data (QWVM_BENCH_SFS_FILES and QWVM_BENCH_SFS_MAX_KIB must be positive)"; });
 }

@@ -22,6 +22,10 @@ SearchResult Tree<Key>::Search(BTree *tree, const Node<Key> &node, Key key) {
     if (only == key) return {0, true};
     return {only < key ? 1u : 0u, false};
   }
+  // Keys that go past the last one (appends in key order) skip the search.
+  const Key last = node.key(keyCount - 1);
+  if (last < key) return {keyCount, false};
+  if (last == key) return {keyCount - 1, true};
   uint32_t start = 0, end = keyCount - 1;
   while (start < end - 1) {
     const uint32_t mid = (start + end) >> 1;

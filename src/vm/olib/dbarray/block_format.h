@@ -122,9 +122,10 @@ struct Located {
 
 // Finds the element at `position` (handle - handle0) of the block. In the
 // bucket's last block a position past its elements is not found (no error);
-// in any other block that is corruption.
+// in any other block that is corruption. `countHint`, the block's element
+// count as the directory gives it (0 when unknown), only steers prefetching.
 [[nodiscard]] bool LocateElement(const Where &where, const BlockView &block, uint32_t position, bool lastBlock,
-                                 Located *out);
+                                 Located *out, uint32_t countHint = 0);
 
 // Counts the elements of a block, walking from its last index entry to
 // dataSize ("lastOffset == dataSize").

@@ -165,10 +165,12 @@ class HeldBlock {
 
 // Finds the block holding `handle`: *block is kNone when the handle lies
 // past the directory. The forward walk from the directory entry also yields
-// the block's first handle. False with an error when the bucket is
+// the block's first handle, and (when asked) the first handle of the next
+// block, kNone for the last block. False with an error when the bucket is
 // inconsistent.
 [[nodiscard]] bool FindBlock(DBArray *array, uint32_t bucketIndex, const DBArrayBucket &bucket, uint32_t genID,
-                             uint32_t handle, uint32_t *block, uint32_t *firstOfBlock, BucketShape *shape);
+                             uint32_t handle, uint32_t *block, uint32_t *firstOfBlock, BucketShape *shape,
+                             uint32_t *nextFirst = nullptr);
 
 // The first handle of block b.
 [[nodiscard]] bool FirstHandleOf(DBArray *array, const DBArrayBucket &bucket, uint32_t genID, uint32_t b,

@@ -30,9 +30,10 @@ bool FirstHandleOf(DBArray *array, const DBArrayBucket &bucket, uint32_t genID, 
 }
 
 bool FindBlock(DBArray *array, uint32_t bucketIndex, const DBArrayBucket &bucket, uint32_t genID, uint32_t handle,
-               uint32_t *block, uint32_t *firstOfBlock, BucketShape *shape) {
+               uint32_t *block, uint32_t *firstOfBlock, BucketShape *shape, uint32_t *nextFirst) {
   Where where{array, bucketIndex, kNone};
   *block = kNone;
+  if (nextFirst) *nextFirst = kNone;
   if (!ReadShape(where, bucket, genID, shape)) return false;
   const uint32_t i = handle / kDirectoryStride;
   if (i >= shape->indexLength) return true;
@@ -52,7 +53,10 @@ bool FindBlock(DBArray *array, uint32_t bucketIndex, const DBArrayBucket &bucket
   DBA_REQUIRE(where, handle >= handle0);
   while (b + 1 < blockCount) {
     if (!firstHandles.Get(b + 1, &next)) return false;
-    if (next > handle) break;
+    if (next > handle) {
+      if (nextFirst) *nextFirst = next;
+      break;
+    }
     where.block = ++b;
     DBA_REQUIRE(where, next > handle0);  // first handles rise strictly
     handle0 = next;

@@ -15,14 +15,16 @@ bool FindElement(DBArray *array, uint32_t bucketIndex, const DBArrayBucket &buck
                  uint32_t handle, HeldBlock *held, FoundElement *found) {
   *found = FoundElement{};
   BucketShape shape;
-  uint32_t block = kNone, handle0 = 0;
-  if (!FindBlock(array, bucketIndex, bucket, genID, handle, &block, &handle0, &shape)) return false;
+  uint32_t block = kNone, handle0 = 0, nextFirst = kNone;
+  if (!FindBlock(array, bucketIndex, bucket, genID, handle, &block, &handle0, &shape, &nextFirst)) return false;
   if (block == kNone) return true;
   if (!held->Acquire(array, bucket, block, genID, read)) return false;
   Where where{array, bucketIndex, block};
   DBA_REQUIRE(where, handle >= handle0);
   BlockView view(held->bytes(), held->size());
-  if (!LocateElement(where, view, handle - handle0, block + 1 == shape.blockCount, &found->at)) return false;
+  const uint32_t countHint = nextFirst != kNone && nextFirst > handle0 ? nextFirst - handle0 : 0;
+  if (!LocateElement(where, view, handle - handle0, block + 1 == shape.blockCount, &found->at, countHint))
+    return false;
   if (!found->at.found) held->Release();
   found->block = block;
   found->handle0 = handle0;

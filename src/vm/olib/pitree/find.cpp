@@ -26,6 +26,7 @@ struct Walk {
   size_t pos = 0;         // key bytes consumed before `ref`'s node (or leaf)
   uint32_t skipAt = 0;    // kDiverge: matched skip bytes
   uint64_t found = EMPTY_NODE_DATA;
+  uint32_t nextLeaf = 0;  // the next fresh leaf number: leaves below it exist
 };
 
 // One step down: (head node, branch position) pairs in td->path.
@@ -39,7 +40,7 @@ struct Request {
 bool WalkHead(const Request &r, Walk *walk) {
   const std::vector<uint8_t> &key = r.td->key;
   r.td->path.clear();
-  if (!HeadIndexGet(r.tree, kRootSlot, r.genID, &walk->ref)) return false;
+  if (!HeadIndexRootAndNext(r.tree, r.genID, &walk->ref, &walk->nextLeaf)) return false;
   if (walk->ref == kNoRef) return true;
   HeadSlot slot(r.tree, r.genID, true);
   while (!IsLeafRef(walk->ref)) {
@@ -77,7 +78,7 @@ bool WalkHead(const Request &r, Walk *walk) {
 
 bool FindInLeaf(const Request &r, Walk *walk) {
   uint32_t length = 0;
-  const uint8_t *bytes = LeafAcquire(r.tree, LeafOf(walk->ref), r.genID, &length);
+  const uint8_t *bytes = LeafAcquireBelow(r.tree, LeafOf(walk->ref), walk->nextLeaf, r.genID, &length);
   if (!bytes) return false;
   const std::vector<uint8_t> &key = r.td->key;
   uint64_t value = EMPTY_NODE_DATA;

@@ -118,14 +118,36 @@ void HeadNode::InsertBranch(uint8_t b, uint32_t ref) {
   branches.insert(at, b);
 }
 
+namespace {
+
+// True when bytes[0 .. count) rise strictly. It runs at every step of every
+// walk over up to 256 branch bytes, so it compares 16 neighbours at a time.
+bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
+  using Bytes16 = uint8_t __attribute__((vector_size(16)));
+  uint32_t i = 0;
+  for (; i + 17 <= count; i += 16) {
+    Bytes16 here, next;
+    std::memcpy(&here, bytes + i, 16);
+    std::memcpy(&next, bytes + i + 1, 16);
+    const auto falls = next <= here;  // all ones where a byte does not rise
+    uint64_t halves[2];
+    std::memcpy(halves, &falls, 16);
+    if ((halves[0] | halves[1]) != 0) return false;
+  }
+  for (++i; i < count; ++i)
+    if (bytes[i] <= bytes[i - 1]) return false;
+  return true;
+}
+
+}  // namespace
+
 bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
   Release();
   bytes_ = AcquireSlot(tree_, ref, genID_, read_, &array_);
   if (!bytes_) return false;
   if (!ParseHead(bytes_, kClassSize[ClassOf(ref)], view)) return Corrupted(tree_, "malformed head node", ref);
   // Branches must rise, or lookups could miss keys and writes duplicate them.
-  for (uint32_t i = 1; i < view->count; ++i)
-    if (view->branches[i] <= view->branches[i - 1]) return Corrupted(tree_, "unordered head node", ref);
+  if (!StrictlyRising(view->branches, view->count)) return Corrupted(tree_, "unordered head node", ref);
   return true;
 }
 
@@ -143,6 +165,27 @@ bool HeadIndexGet(const PITree *tree, uint32_t index, uint32_t genID, uint32_t *
   }
   if (length != kHeadIndexLength) return Corrupted(tree, "the head index has a wrong length", length);
   return ReadU32(tree, tree->headIndex, index, genID, value);
+}
+
+bool HeadIndexRootAndNext(const PITree *tree, uint32_t genID, uint32_t *root, uint32_t *nextLeaf) {
+  *root = kNoRef;
+  *nextLeaf = 0;
+  const uint32_t id = tree->headIndex.id[genID];
+  const uint32_t length = id == VMA_NO_ARRAY ? 0 : VMAArrayLength_(tree->arena, id, genID);
+  if (length == 0) return true;
+  if (length != kHeadIndexLength) return Corrupted(tree, "the head index has a wrong length", length);
+  uint32_t end = 0;
+  auto *p = static_cast<const uint8_t *>(
+      VMAArrayRange_(tree->arena, id, Locked(tree, genID), kArrayBlock, kRootSlot, &end, genID, 1, 4, 0));
+  if (!p) return QWErrorRethrow("cannot read a symbol-sequence tree");
+  static_assert(kNextLeafSlot == kRootSlot + 1, "both in one range");
+  const bool inRange = end > kNextLeafSlot;
+  if (inRange) {
+    *root = GetU32(p + 4 * kRootSlot);
+    *nextLeaf = GetU32(p + 4 * kNextLeafSlot);
+  }
+  VMAArrayRelease_(tree->arena, id, const_cast<uint8_t *>(p), 1);
+  return inRange || Corrupted(tree, "the head index has a wrong length", end);
 }
 
 bool HeadIndexEnsure(const PITree *tree) {

@@ -88,6 +88,9 @@ class HeadSlot {
 // The tree's headIndex element in `genID`; kNoRef / 0 when the tree has no
 // head yet. False with an error when it cannot be read.
 [[nodiscard]] bool HeadIndexGet(const PITree *tree, uint32_t index, uint32_t genID, uint32_t *value);
+// The root reference and the next fresh leaf number together, through one
+// access of headIndex (a walk needs both).
+[[nodiscard]] bool HeadIndexRootAndNext(const PITree *tree, uint32_t genID, uint32_t *root, uint32_t *nextLeaf);
 // Makes headIndex whole in NEWGEN (first change of an empty tree).
 [[nodiscard]] bool HeadIndexEnsure(const PITree *tree);
 

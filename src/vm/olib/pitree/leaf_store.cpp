@@ -38,6 +38,10 @@ bool PopFreeLeaf(const PITree *tree, uint32_t *leaf) {
 const uint8_t *LeafAcquire(const PITree *tree, uint32_t leaf, uint32_t genID, uint32_t *length) {
   uint32_t next = 0;
   if (!HeadIndexGet(tree, kNextLeafSlot, genID, &next)) return nullptr;
+  return LeafAcquireBelow(tree, leaf, next, genID, length);
+}
+
+const uint8_t *LeafAcquireBelow(const PITree *tree, uint32_t leaf, uint32_t next, uint32_t genID, uint32_t *length) {
   if (leaf >= next) {
     Corrupted(tree, "a reference names a leaf never made", leaf);
     return nullptr;

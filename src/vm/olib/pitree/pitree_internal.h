@@ -116,6 +116,9 @@ inline void CheckGeneration(uint32_t genID) {
 // Leaves (leaf_store.cpp). A leaf's bytes are held from LeafAcquire until
 // LeafRelease; null with an error when the leaf is missing or unreadable.
 const uint8_t *LeafAcquire(const PITree *tree, uint32_t leaf, uint32_t genID, uint32_t *length);
+// The same when the next fresh leaf number of genID is known already.
+const uint8_t *LeafAcquireBelow(const PITree *tree, uint32_t leaf, uint32_t nextLeaf, uint32_t genID,
+                                uint32_t *length);
 void LeafRelease(const PITree *tree, uint32_t genID, const uint8_t *bytes);
 // Stores `bytes` as a new leaf (a number from "free" first). NEWGEN.
 [[nodiscard]] bool LeafNew(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *leaf);

@@ -72,19 +72,25 @@ QW_API void SFSDataRelease(SFS *store, uint32_t handle, const void *data) {
   LDBArrayRelease(store->file, GenerationOf(handle), 1, const_cast<void *>(data));
 }
 
+// The record is checked once and the ranges read one after the other until
+// the file's length (each range tells it), with the buffer grown once.
 QW_API int SFSGetArray(SFS *store, uint32_t handle, uint8_t **array, int append) {
   if (*array == nullptr && !ArrayInit(*array, 1, 4096)) return 0;
   if (!append && !ArrayLengthSet(*array, 0)) return 0;
   QWErrorClear();
-  uint32_t offset = 0, end = 0, length = 0;
-  while (const void *data = SFSGet(store, handle, offset, &end, &length)) {
+  const uint32_t genID = GenerationOf(handle);
+  if (FileOf(handle) >= LDBArraySize(store->file, kFileBucket, genID)) return QWErrorIsSet() ? 0 : 1;
+  uint32_t offset = 0, end = 0, total = 0;
+  do {
+    const void *data = LDBArrayRange(store->file, kFileBucket, FileOf(handle), offset, &end, &total, genID, 1);
+    if (!data) break;
     const size_t at = ArrayLength(*array);
-    const bool grown = ArrayGrow(*array, end - offset) != 0;
+    const bool grown = (offset != 0 || ArrayEnsureCapacity(*array, at + total)) && ArrayGrow(*array, end - offset);
     if (grown) std::memcpy(*array + at, data, end - offset);
-    SFSDataRelease(store, handle, data);
+    LDBArrayRelease(store->file, genID, 1, const_cast<void *>(data));
     if (!grown) return 0;
     offset = end;
-  }
+  } while (offset < total);
   return QWErrorIsSet() ? 0 : 1;
 }
 

@@ -80,4 +80,48 @@ TEST_F(PITreeTest, RandomLeafAndHeadBytesNeverCrash) {
   EXPECT_TRUE(Tagged());
 }
 
+TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
+  // A root head node with 40 branches whose bytes rise from 0x6C across
+  // 0x7F / 0x80 to 0x93 (symbols from 0x80 on start with a byte >= 0x80);
+  // each case swaps two neighbours: at the start, around 16-byte groups and
+  // the sign bit, at the end.
+  constexpr uint32_t kBranches = 40;
+  auto symbol = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + 256 * (b - 20); };
+  auto firstByte = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + (b - 20); };
+  for (uint32_t swapAt : {0u, 14u, 15u, 16u, 19u, 31u, kBranches - 2}) {
+    SCOPED_TRACE(swapAt);
+    std::filesystem::remove_all(arenaDir());
+    Open();
+    for (uint32_t b = 0; b < kBranches; ++b)
+      for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert({symbol(b), i, 500 + i}, 1 + b * 100 + i), 0u);
+    EXPECT_EQ(Find({symbol(kBranches - 1), 99, 599}), kBranches * 100);
+    EXPECT_EQ(Find({symbol(20), 0, 500}), 2001u);
+    uint8_t *scratch = nullptr;
+    uint32_t index = 0, root = 0, end = 0;
+    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
+    auto *rootRef = static_cast<uint8_t *>(VMAArrayRange_(arena, index, 0, 8192, 0, &end, NEWGEN, 1, 4, 0));
+    ASSERT_NE(rootRef, nullptr);
+    std::memcpy(&root, rootRef, 4);
+    VMAArrayRelease_(arena, index, rootRef, 1);
+    ASSERT_EQ(root >> 31, 0u) << "the root is a head node";
+    const uint32_t cls = root >> 28, classSize = 32u << (2 * cls);
+    uint32_t nodes = 0;
+    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
+                                       ("node" + std::to_string(cls)).c_str(), 0, &nodes));
+    ArrayFree(scratch);
+    auto *node = static_cast<uint8_t *>(
+        VMAArrayRange_(arena, nodes, 0, 8192, root & 0x0FFFFFFF, &end, NEWGEN, 0, classSize, 0));
+    ASSERT_NE(node, nullptr);
+    ASSERT_EQ(node[1], 0u);         // no skip
+    ASSERT_EQ(node[2], kBranches);  // count
+    uint8_t *branches = node + 4 + ((node[0] & 1) ? 8 : 0);
+    ASSERT_EQ(branches[swapAt], firstByte(swapAt));
+    std::swap(branches[swapAt], branches[swapAt + 1]);
+    VMAArrayRelease_(arena, nodes, node, 0);
+    EXPECT_EQ(Find({symbol(0), 0, 500}), 0u);
+    ExpectDataError("unordered head node");
+    CloseAll();
+  }
+}
+
 }  // namespace

@@ -74,6 +74,11 @@ TEST_F(SFSTest, HandlesAndRecords) {
   EXPECT_EQ(std::make_pair(end, length), std::make_pair(0u, 0u));
   EXPECT_EQ(SFSGet(store, handle, 1, &end, &length), nullptr);  // at the end of a file: end = offset
   EXPECT_EQ(std::make_pair(end, length), std::make_pair(1u, 1u));
+  ASSERT_EQ(Get("a", NEWGEN), "x");  // reading whole: appended on request, nothing past the records
+  EXPECT_EQ(SFSGetArray(store, handle, &buffer, 1), 1);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(buffer), ArrayLength(buffer)), "xx");
+  EXPECT_EQ(SFSGetArray(store, (99u << 1) | 1, &buffer, 0), 1);
+  EXPECT_EQ(ArrayLength(buffer), 0u);
   EXPECT_EQ(SFSSet(store, SFS_NO_HANDLE, "y", 1), 0);
   EXPECT_EQ(SFSHandleGet(store, "missing", 7, 0, NEWGEN), SFS_NO_HANDLE);
   EXPECT_FALSE(QWErrorIsSet());
