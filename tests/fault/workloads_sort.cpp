@@ -18,9 +18,9 @@ namespace faulttest {
 namespace {
 
 constexpr uint32_t kBlockSize = 4096;
-constexpr uint32_t kPairs = 200;         // per round
+constexpr uint32_t kPairs = 200;              // per round
 constexpr uint64_t kBudget = 3 * kBlockSize;  // merges up to three runs at once
-constexpr uint64_t kCheckpoint = 40;     // merged entries between merge commits
+constexpr uint64_t kCheckpoint = 40;          // merged entries between merge commits
 
 using Pair = std::pair<std::string, std::string>;
 
@@ -108,7 +108,8 @@ class SortWorkload : public Workload {
         previous = key;
         const char *value = reinterpret_cast<const char *>(entry->values);
         for (size_t v = 0; v < ArrayLength(entry->valueLengths); ++v) {
-          for (uint32_t c = 0; c < entry->counts[v]; ++c) pairs.emplace_back(key, std::string(value, entry->valueLengths[v]));
+          for (uint32_t c = 0; c < entry->counts[v]; ++c)
+            pairs.emplace_back(key, std::string(value, entry->valueLengths[v]));
           value += entry->valueLengths[v];
         }
       }
