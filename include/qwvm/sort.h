@@ -99,6 +99,8 @@ QW_API int DRBServerBlockFree(DRBServer *server, uint32_t block);
  * block released but not yet written back is waited for before it is
  * acquired again. Sharing a block between a writer and anyone else reports
  * "BAD on %d mode = %s block mode = %s" and fails the assertion "FALSE".
+ * A block whose write-back failed is refused for reading or loading, with
+ * that failure, until it is acquired for writing without `load`.
  * Returns `handle` filled with (block, read, address), or NULL with an error
  * ("Could not read data", "Could not map data").
  */

@@ -16,6 +16,7 @@ std::unique_ptr<Workload> MakeLvmCommitted();
 std::unique_ptr<Workload> MakeBoxReplayed();
 std::unique_ptr<Workload> MakeBoxCommitted();
 std::unique_ptr<Workload> MakeStrTable();
+std::unique_ptr<Workload> MakeSort();
 
 const std::vector<WorkloadKind> &AllWorkloads() {
   static const std::vector<WorkloadKind> kinds = {
@@ -33,6 +34,7 @@ const std::vector<WorkloadKind> &AllWorkloads() {
       {"box_replayed", MakeBoxReplayed},
       {"box_committed", MakeBoxCommitted},
       {"strtable", MakeStrTable},
+      {"sort", MakeSort},
   };
   return kinds;
 }

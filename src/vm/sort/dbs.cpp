@@ -107,11 +107,11 @@ QW_API DBSorter *DBSorterNew(const char *directory, uint32_t fileCount, uint32_t
   dbs->mutex = MutexInit();
   const std::string meta = dbs->directory + "/meta";
   if (!readOnly) {
-    if (!DirectoryCreate((dbs->directory + "/data").c_str())) {
+    if (!DirectoryCreateDurably((dbs->directory + "/data").c_str())) {
       QWErrorRethrow("DBSorter: could not create data dir: \"%s/%s\"", directory, "data");
       return nullptr;
     }
-    if (!DirectoryCreate(meta.c_str())) {
+    if (!DirectoryCreateDurably(meta.c_str())) {
       QWErrorRethrow("DBSorter: could not create meta dir: \"%s/%s\"", directory, "meta");
       return nullptr;
     }

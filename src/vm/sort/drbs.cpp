@@ -41,14 +41,19 @@ bool OpenArrays(DRBServer *server) {
 
 bool OpenFiles(DRBServer *server) {
   char name[262];
+  bool created = false;
   for (uint32_t i = 0; i < server->fileCount; ++i) {
     std::snprintf(name, sizeof name, "%s/data%d", server->directory.c_str(), int(i));
     QWFILE file = QWFILE_INVALID;
     const uint32_t mode = server->readOnly ? QWFILE_READ : (QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE);
+    created = created || (!server->readOnly && !FileExists(name));
     if (!QWFileOpen(&file, name, mode)) return QWErrorRethrow("Could not open file %s", name);
     server->fds.push_back(file);
   }
-  return true;
+  // New data files are made durable at once: a commit syncs their contents,
+  // and their names must survive a power loss as well.
+  return !created || DirectorySync(server->directory.c_str()) ||
+         QWErrorRethrow("Could not sync directory %s", server->directory.c_str());
 }
 
 bool StartThreads(DRBServer *server, uint32_t syncThreads, uint32_t prefetchThreads) {

@@ -16,6 +16,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -68,6 +69,9 @@ struct DRBServer {
   uint32_t inFlight = 0;  // released written blocks not yet written back
   uint32_t loaded = 0, maxLoaded = 0;
   std::string syncError;  // the first write-back failure, reported at commit
+  // Blocks whose write-back failed, with the failure: their file range holds
+  // older bytes, so they are not read again until written anew.
+  std::unordered_map<uint32_t, std::string> lost;
 
   // Queues of the background threads, each with its own mutex and condition.
   QWMutex *syncMutex = nullptr;

@@ -4,7 +4,9 @@
 // gets one buffer of the write pool (at most `poolLimit` exist, so a second
 // writer waits until the sync thread has written the first block back).
 // Release queues a written block for the sync thread; the block stays in
-// the table with its buffer until written, and an acquire of it waits.
+// the table with its buffer until written, and an acquire of it waits. A
+// block whose write-back failed is refused to readers (and to loading
+// writers) with that failure until a writer takes it without loading.
 #include <cinttypes>
 #include <vector>
 
@@ -97,8 +99,11 @@ void *SyncThreadMain(void *argument) {
     const BlockPlace place = server->Place(block);
     const bool ok = DRBServerDataWrite(server->fds[place.file], place.offset, data, server->blockSize);
     Lock lock(server->mutex);
-    if (!ok && server->syncError.empty()) server->syncError = QWErrorMessage();
-    if (!ok) QWErrorClear();
+    if (!ok) {
+      if (server->syncError.empty()) server->syncError = QWErrorMessage();
+      server->lost[block] = QWErrorMessage();
+      QWErrorClear();
+    }
     server->blocks[block].address = nullptr;
     server->pool.push_back(data);
     --server->loaded;
@@ -138,6 +143,14 @@ QW_API DRBServerBlockHandle *DRBServerBlockAcquire(DRBServerBlockHandle *handle,
     if (entry.address && !entry.read && entry.count == 0) {  // queued for write-back
       ConditionWait(server->changed, server->mutex);
       continue;
+    }
+    if (const auto lost = server->lost.find(block); lost != server->lost.end()) {
+      if (read || load) {
+        QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "run block server \"%s\": block %u was not written back: %s",
+                     server->directory.c_str(), block, lost->second.c_str());
+        return nullptr;
+      }
+      if (!entry.address) server->lost.erase(lost);  // written anew: the old bytes no longer matter
     }
     if (entry.address) {
       if (!read || !entry.read) {
