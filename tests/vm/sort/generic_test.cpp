@@ -141,6 +141,90 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
   }
 }
 
+// A flush's run, byte for byte, against the plain algorithm: records sorted
+// with the record comparator (equal records in writing order), equal keys
+// grouped into one entry (field 0, key, values, lengths, counts of 1) by the
+// entry encoder, each framed alone, or (compressing) appended until 1 MiB is
+// pending, then deflated as one payload.
+TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
+  struct Record {
+    std::string key, value;
+  };
+  for (int mode = 0; mode < 8; ++mode) {
+    const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
+    SCOPED_TRACE(mode);
+    Close();
+    std::filesystem::remove_all(dir() + "/meta");
+    std::filesystem::remove_all(dir() + "/data");
+    Open(reverse, compareValues, compress);
+    std::mt19937 random(mode);
+    std::vector<Record> records;
+    GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 1 << 20);
+    for (int i = 0; i < (compress ? 1500 : 400); ++i) {
+      Record r{std::string(random() % 11, 'a'), std::string(compress ? 1000 : random() % 3, 'v')};
+      for (char &c : r.key) c = "\0a\xff"[random() % 3];
+      for (char &c : r.value) c = "\0z\xff"[random() % 3];
+      ASSERT_TRUE(GenericDBSorterWrite(writer, r.key.data(), uint32_t(r.key.size()), r.value.data(),
+                                       uint32_t(r.value.size())));
+      records.push_back(r);
+    }
+    ASSERT_EQ(GenericDBSorterFlush(writer), 1) << QWErrorMessage();
+    GenericDBSorterWriterDelete(writer);
+    auto compare = [&](const Record &a, const Record &b) {
+      int c = a.key.compare(b.key) < 0 ? -1 : a.key != b.key;  // std::string compares bytes unsigned
+      if (c == 0 && compareValues) c = a.value.compare(b.value) < 0 ? -1 : a.value != b.value;
+      return (reverse ? -c : c) < 0;
+    };
+    std::stable_sort(records.begin(), records.end(), compare);
+    std::vector<uint8_t> expected, pending;
+    auto frame = [&](const uint8_t *bytes, size_t length) {
+      const uint8_t header[4] = {uint8_t(length), uint8_t(length >> 8), uint8_t(length >> 16), uint8_t(length >> 24)};
+      expected.insert(expected.end(), header, header + 4);
+      expected.insert(expected.end(), bytes, bytes + length);
+    };
+    ZFlow *flow = ZFlowNewCompress(2, 6);
+    int payloads = 0;
+    auto deflate = [&] {
+      ++payloads;
+      uint8_t *packed = nullptr;
+      ASSERT_TRUE(ZFlowSetCompress(flow, 1, 2, 6) && ZFlowCompress(flow, pending.data(), pending.size(), &packed));
+      frame(packed, ArrayLength(packed));
+      ArrayFree(packed);
+      pending.clear();
+    };
+    KMVEntry *entry = KMVEntryNew();
+    for (size_t first = 0, next; first < records.size(); first = next) {
+      ASSERT_TRUE(KMVEntryReInit(entry));
+      ASSERT_TRUE(ArrayGrow(entry->key, records[first].key.size()));
+      std::memcpy(entry->key, records[first].key.data(), records[first].key.size());
+      for (next = first; next < records.size() && records[next].key == records[first].key; ++next) {
+        const std::string &value = records[next].value;
+        const size_t at = ArrayLength(entry->values);
+        ASSERT_TRUE(ArrayGrow(entry->values, value.size()));
+        std::memcpy(entry->values + at, value.data(), value.size());
+        ASSERT_TRUE(ArrayAppend(entry->valueLengths, uint32_t(value.size())) && ArrayAppend(entry->counts, 1u));
+      }
+      const std::vector<uint8_t> bytes = Encode(entry);
+      if (!compress) frame(bytes.data(), bytes.size());
+      pending.insert(pending.end(), bytes.begin(), bytes.end());
+      if (compress && pending.size() >= COMPRESSOR_THRESHOLD) deflate();
+    }
+    if (compress && !pending.empty()) deflate();
+    EXPECT_EQ(payloads, compress ? 2 : 0);  // 1.5 MB of values: cut once
+    KMVEntryDelete(entry);
+    ZFlowDelete(flow);
+    const uint32_t run = DBSorterMergedRunID(sorter->dbs);
+    ASSERT_NE(run, DBS_NO_RUN);
+    ASSERT_EQ(DBSorterRunLength(sorter->dbs, run), expected.size());
+    std::vector<uint8_t> got(expected.size());
+    DBSEntryReader reader;
+    ASSERT_TRUE(DBSEntryReaderInit(&reader, sorter->dbs, run, 0));
+    EXPECT_EQ(DBSEntryReaderReadBytes(&reader, got.data(), uint32_t(got.size()), 0, 0), 1);
+    DBSEntryReaderClose(&reader);
+    EXPECT_TRUE(got == expected);
+  }
+}
+
 TEST_F(GenericSorterTest, WriterEdgeCases) {
   Open(0, 1, 0);
   GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 4096);
