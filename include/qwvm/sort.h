@@ -38,6 +38,7 @@
 
 #include "qwvm/export.h"
 #include "qwvm/qwfile.h"
+#include "qwvm/qwmime.h"
 #include "qwvm/vmarena.h"
 
 QW_BEGIN_DECLS
@@ -325,7 +326,13 @@ QW_API void DBSEntryReaderClose(DBSEntryReader *reader);
 /* Compressed payloads are cut at this many uncompressed bytes. */
 #define COMPRESSOR_THRESHOLD 0x100000u
 
-typedef struct Compressor Compressor;
+/* Groups of encoded entries are deflated (ZFlowNewCompress(2, 6), reset with
+ * ZFlowSetCompress(stream, 1, 2, 6) before each group) once `threshold`
+ * bytes are pending. */
+typedef struct Compressor {
+  ZFlow *stream;
+  uint32_t threshold; /* COMPRESSOR_THRESHOLD */
+} Compressor;
 QW_API Compressor *CompressorNew(void);
 QW_API void CompressorDelete(Compressor *compressor);
 
@@ -361,7 +368,22 @@ typedef struct GenericDBSorter {
   int compress;
 } GenericDBSorter;
 
-typedef struct GenericDBSorterWriter GenericDBSorterWriter;
+/*
+ * A writer of key/value pairs (one thread's). Buffers are qwlib growable
+ * arrays. A flush encodes its entries straight from the pending bytes and
+ * leaves `entry` holding the last one; KMVWriterWriteEntry writes `entry`.
+ */
+typedef struct GenericDBSorterWriter {
+  GenericDBSorter *sorter;
+  uint8_t *bytes;         /* pending keys and values back to back */
+  uint32_t *records;      /* pending records, five words each: key offset, key
+                             length, value offset, value length, count (1) */
+  KMVEntry *entry;        /* the current entry */
+  uint8_t *encoded;       /* the entry being encoded; compressing: every
+                             encoded entry not yet compressed */
+  Compressor *compressor; /* NULL unless the sorter compresses */
+  uint8_t *scratch;       /* the compressed payload */
+} GenericDBSorterWriter;
 
 QW_API GenericDBSorter *GenericDBSorterNew(const char *directory, uint32_t fileCount, uint32_t blockSize,
                                            int readOnly, int reverse, int compareValues, int compress);
@@ -386,6 +408,17 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer);
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval);
 QW_API int GenericDBSorterCommit(GenericDBSorter *sorter);
 QW_API int GenericDBSorterClose(GenericDBSorter *sorter);
+
+/*
+ * Run payloads: a 4-byte little-endian length, then that many bytes. With no
+ * compressor KMVWriterWriteEntry writes the writer's entry, encoded alone, as
+ * one payload; with one it appends the encoding to `encoded` and, once that
+ * holds COMPRESSOR_THRESHOLD bytes or more, writes them deflated as one
+ * payload. KMVWriterFlush writes what is pending that way (nothing when not
+ * compressing). Return 1, or 0 with an error.
+ */
+QW_API int KMVWriterWriteEntry(GenericDBSorterWriter *writer, DBSEntryWriter *run);
+QW_API int KMVWriterFlush(GenericDBSorterWriter *writer, DBSEntryWriter *run);
 
 /* Reading a sorted run back: entries in order. */
 typedef struct KMVReader KMVReader;

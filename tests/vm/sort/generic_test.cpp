@@ -145,7 +145,9 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
 // with the record comparator (equal records in writing order), equal keys
 // grouped into one entry (field 0, key, values, lengths, counts of 1) by the
 // entry encoder, each framed alone, or (compressing) appended until 1 MiB is
-// pending, then deflated as one payload.
+// pending, then deflated as one payload. The same entries written through
+// KMVWriterWriteEntry make the same run, and the flush leaves the writer's
+// entry holding its last one.
 TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
   struct Record {
     std::string key, value;
@@ -169,7 +171,9 @@ TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
       records.push_back(r);
     }
     ASSERT_EQ(GenericDBSorterFlush(writer), 1) << QWErrorMessage();
-    GenericDBSorterWriterDelete(writer);
+    const std::vector<uint8_t> lastEntry = Encode(writer->entry);
+    DBSEntryWriter kmvRun;
+    ASSERT_TRUE(DBSEntryWriterInit(&kmvRun, sorter->dbs, DBSorterNewRunID(sorter->dbs)));
     auto compare = [&](const Record &a, const Record &b) {
       int c = a.key.compare(b.key) < 0 ? -1 : a.key != b.key;  // std::string compares bytes unsigned
       if (c == 0 && compareValues) c = a.value.compare(b.value) < 0 ? -1 : a.value != b.value;
@@ -192,7 +196,8 @@ TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
       ArrayFree(packed);
       pending.clear();
     };
-    KMVEntry *entry = KMVEntryNew();
+    KMVEntry *entry = writer->entry;
+    std::vector<uint8_t> bytes;
     for (size_t first = 0, next; first < records.size(); first = next) {
       ASSERT_TRUE(KMVEntryReInit(entry));
       ASSERT_TRUE(ArrayGrow(entry->key, records[first].key.size()));
@@ -204,24 +209,27 @@ TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
         std::memcpy(entry->values + at, value.data(), value.size());
         ASSERT_TRUE(ArrayAppend(entry->valueLengths, uint32_t(value.size())) && ArrayAppend(entry->counts, 1u));
       }
-      const std::vector<uint8_t> bytes = Encode(entry);
+      bytes = Encode(entry);
+      ASSERT_TRUE(KMVWriterWriteEntry(writer, &kmvRun)) << QWErrorMessage();
       if (!compress) frame(bytes.data(), bytes.size());
       pending.insert(pending.end(), bytes.begin(), bytes.end());
       if (compress && pending.size() >= COMPRESSOR_THRESHOLD) deflate();
     }
     if (compress && !pending.empty()) deflate();
     EXPECT_EQ(payloads, compress ? 2 : 0);  // 1.5 MB of values: cut once
-    KMVEntryDelete(entry);
+    EXPECT_TRUE(lastEntry == bytes);
+    ASSERT_TRUE(KMVWriterFlush(writer, &kmvRun) && DBSEntryWriterFlush(&kmvRun)) << QWErrorMessage();
+    GenericDBSorterWriterDelete(writer);
     ZFlowDelete(flow);
-    const uint32_t run = DBSorterMergedRunID(sorter->dbs);
-    ASSERT_NE(run, DBS_NO_RUN);
-    ASSERT_EQ(DBSorterRunLength(sorter->dbs, run), expected.size());
-    std::vector<uint8_t> got(expected.size());
-    DBSEntryReader reader;
-    ASSERT_TRUE(DBSEntryReaderInit(&reader, sorter->dbs, run, 0));
-    EXPECT_EQ(DBSEntryReaderReadBytes(&reader, got.data(), uint32_t(got.size()), 0, 0), 1);
-    DBSEntryReaderClose(&reader);
-    EXPECT_TRUE(got == expected);
+    for (uint32_t run : {0u, kmvRun.runIndex}) {  // the flush's, then KMVWriterWriteEntry's
+      ASSERT_EQ(DBSorterRunLength(sorter->dbs, run), expected.size()) << run;
+      std::vector<uint8_t> got(expected.size());
+      DBSEntryReader reader;
+      ASSERT_TRUE(DBSEntryReaderInit(&reader, sorter->dbs, run, 0));
+      EXPECT_EQ(DBSEntryReaderReadBytes(&reader, got.data(), uint32_t(got.size()), 0, 0), 1);
+      DBSEntryReaderClose(&reader);
+      EXPECT_TRUE(got == expected) << run;
+    }
   }
 }
 
