@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 
+#include "platform/qwlib/fault.h"
 #include "qwvm/qwvm.h"
 #include "support/test_support.h"
 #include "util/heap.h"
@@ -252,6 +253,26 @@ TEST_F(DBSorterTest, MergeInterruptedByACrashResumesToTheSameResult) {
     ASSERT_NE(result, DBS_NO_RUN);
     EXPECT_EQ(ReadRun(result), all);
   }
+}
+
+// A run whose files cannot grow fails; every commit is then refused, with
+// "Commit failed !!" last, until the sorter is reopened at its last commit.
+TEST_F(DBSorterTest, AFailedWriteRefusesCommitsUntilReopened) {
+  Open();
+  qw::fault::Reset();
+  qw::fault::FailPath("data/data0", qw::fault::Bit(qw::fault::Op::SetSize));
+  EXPECT_EQ(DBSorterRunAdd(dbs, "abc", 3), DBS_NO_RUN);
+  qw::fault::Disable();
+  EXPECT_NE(std::string(QWErrorMessage()).find("Could not extend file"), std::string::npos) << QWErrorMessage();
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_FALSE(DBSorterCommit(dbs));
+    const std::string message = QWErrorMessage();
+    EXPECT_EQ(message.substr(message.rfind('\n') + 1), "Commit failed !!") << message;
+  }
+  Close();
+  Open();
+  EXPECT_NE(DBSorterRunAdd(dbs, "abc", 3), DBS_NO_RUN);
+  EXPECT_TRUE(DBSorterCommit(dbs)) << QWErrorMessage();
 }
 
 TEST_F(DBSorterTest, MisuseFailsItsAssertions) {
