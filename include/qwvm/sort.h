@@ -243,38 +243,40 @@ QW_API int DBSorterMergePending(DBSorter *dbs);
 QW_API uint32_t DBSorterMergedRunID(DBSorter *dbs);
 
 /*
- * The merge driver's callbacks. A heap item is `itemSize` bytes of the
- * caller's layout that knows its input number (0 .. count-1, in ascending
- * run id order) and holds that input's current entry.
+ * The merge driver's callbacks: the first eight fields are required, the
+ * last four may be NULL. A heap item is `itemSize` bytes of the caller's
+ * layout that knows its input number (0 .. count-1, in ascending run id
+ * order) and holds that input's current entry.
  *  readFirst     reads the first entry of input `input` into `item`: 1 read,
  *                0 the run is empty, -1 error.
- *  saveState     appends to *buffer what restoreState needs to rebuild
- *                `item` (its current entry and any read-ahead), and tells its
- *                input number. 1, or 0 with an error.
- *  restoreState  rebuilds an item from saved bytes for input `input`.
+ *  saveState     appends to *buffer the state of `item` for a checkpoint and
+ *                tells its input number. 1, or 0 with an error.
  *  compare       negative, zero or positive.
  *  advance       writes the item's entry to `writer` and reads the next
  *                entry of the item's input (readers[input]) into it: 1 read,
  *                0 that input is exhausted, -1 error.
+ *  heap          a qwlib growable byte array used as the heap's storage.
+ *  restoreState  rebuilds an item from the bytes saveState saved for input
+ *                `input`. NULL: those bytes are the item itself (itemSize
+ *                bytes), pushed back as they are.
  *  saveWriter, restoreWriter  the caller's output-side state (for example
  *                bytes buffered for compression) across a checkpoint.
  *  final         called once the heap is empty, before the writer flushes.
- *  heap          a qwlib growable byte array used as the heap's storage.
  */
 typedef struct DBSMergeCallbacks {
   int (*readFirst)(void *context, DBSEntryReader *reader, uint32_t input, void *item);
   int (*saveState)(void *context, const void *item, uint32_t *input, uint8_t **buffer);
-  int (*restoreState)(void *context, DBSEntryReader *reader, uint32_t input, const uint8_t *data, uint32_t length,
-                      void *item);
   int (*compare)(const void *a, const void *b, void *compareContext);
   int (*advance)(void *context, void *item, DBSEntryReader *readers, DBSEntryWriter *writer);
-  int (*saveWriter)(void *context, uint8_t **buffer);
-  int (*restoreWriter)(void *context, const uint8_t *data, uint32_t length);
-  int (*final)(void *context, DBSEntryWriter *writer);
   uint8_t *heap;
   void *context;
   uint32_t itemSize;
   void *compareContext;
+  int (*restoreState)(void *context, DBSEntryReader *reader, uint32_t input, const uint8_t *data, uint32_t length,
+                      void *item);
+  int (*saveWriter)(void *context, uint8_t **buffer);
+  int (*restoreWriter)(void *context, const uint8_t *data, uint32_t length);
+  int (*final)(void *context, DBSEntryWriter *writer);
 } DBSMergeCallbacks;
 
 /* Saves the merge positions into "runMergePos" (readers must have marked

@@ -156,8 +156,14 @@ bool Resume(Merge *merge, uint32_t *output) {
       ok = QWErrorThrow(74, QW_ERROR_CLASS_DATA, "saved merge item %u names input %u of %u", h, input, merge->count);
       break;
     }
-    ok = cb->restoreState(cb->context, &merge->readers[input], input, bytes + 4, length - 4, item.data()) &&
-         merge->Push(item.data());
+    if (cb->restoreState)
+      ok = cb->restoreState(cb->context, &merge->readers[input], input, bytes + 4, length - 4, item.data());
+    else if (length - 4 != cb->itemSize)
+      ok = QWErrorThrow(74, QW_ERROR_CLASS_DATA, "saved merge item %u holds %u bytes, not %u", h, length - 4,
+                        cb->itemSize);
+    else
+      std::memcpy(item.data(), bytes + 4, cb->itemSize);
+    ok = ok && merge->Push(item.data());
   }
   ArrayFree(bytes);
   return ok;

@@ -286,9 +286,9 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
 
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval) {
   Order order{sorter->reverse, sorter->compareValues};
-  DBSMergeCallbacks callbacks{ReadFirst,  SaveState, RestoreState, CompareItems, KMVWriterReader,
-                              SaveWriter, RestoreWriter, FinalFlush, nullptr,      nullptr,
-                              sizeof(HeapItem), &order};
+  DBSMergeCallbacks callbacks{ReadFirst,    SaveState,  CompareItems,  KMVWriterReader, nullptr,
+                              nullptr,      sizeof(HeapItem), &order, RestoreState,    SaveWriter,
+                              RestoreWriter, FinalFlush};
   uint32_t *runs = nullptr, output = DBS_NO_RUN;
   std::unique_ptr<MergeContext> context = NewMergeContext(sorter);
   int result = 1;

@@ -35,19 +35,12 @@ struct KeyMerge {
     it->input = input;
     return DBSEntryReaderReadBytes(reader, &it->key, 8, 1, 1);
   }
+  // The saved state is the item itself, pushed back as it is on restore.
   static int Save(void *, const void *item, uint32_t *input, uint8_t **buffer) {
-    auto *it = static_cast<const Item *>(item);
-    *input = it->input;
+    *input = static_cast<const Item *>(item)->input;
     const size_t at = ArrayLength(*buffer);
-    if (!ArrayGrow(*buffer, 8)) return 0;
-    std::memcpy(*buffer + at, &it->key, 8);
-    return 1;
-  }
-  static int Restore(void *, DBSEntryReader *, uint32_t input, const uint8_t *data, uint32_t length, void *item) {
-    if (length != 8) return 0;
-    auto *it = static_cast<Item *>(item);
-    it->input = input;
-    std::memcpy(&it->key, data, 8);
+    if (!ArrayGrow(*buffer, sizeof(Item))) return 0;
+    std::memcpy(*buffer + at, item, sizeof(Item));
     return 1;
   }
   static int Compare(const void *a, const void *b, void *) {
@@ -67,8 +60,14 @@ struct KeyMerge {
     return DBSEntryReaderReadBytes(&readers[it->input], &it->key, 8, 1, 1);
   }
   DBSMergeCallbacks Callbacks() {
-    return DBSMergeCallbacks{ReadFirst, Save, Restore, Compare, Advance, nullptr, nullptr, nullptr,
-                             nullptr,   this, sizeof(Item), nullptr};
+    DBSMergeCallbacks callbacks{};  // no restoreState, saveWriter, restoreWriter, final
+    callbacks.readFirst = ReadFirst;
+    callbacks.saveState = Save;
+    callbacks.compare = Compare;
+    callbacks.advance = Advance;
+    callbacks.context = this;
+    callbacks.itemSize = sizeof(Item);
+    return callbacks;
   }
 };
 
