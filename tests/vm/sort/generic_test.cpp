@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 
+#include "platform/qwlib/fault.h"
 #include "qwvm/qwvm.h"
 #include "support/test_support.h"
 
@@ -252,6 +253,48 @@ TEST_F(GenericSorterTest, WriterEdgeCases) {
   // "ab" (twice, one entry, values in order) before its extension "abc".
   EXPECT_EQ(Result(&entryKeys), (std::vector<Pair>{{"ab", "2"}, {"ab", "3"}, {"abc", "1"}}));
   EXPECT_EQ(entryKeys, (std::vector<std::string>{"ab", "abc"}));
+}
+
+// Every millionth pair added reports "written = %d" (level 1) with the
+// writer's pending bytes: two rounds of a million 2-byte pairs report once
+// each, 2000000 bytes apart (the pair counter would be 1000000 apart). A
+// merge that cannot read its runs reports "SORT ERROR" (level 2).
+TEST_F(GenericSorterTest, MessagesOfTheWriterAndOfAFailedSort) {
+  Open(0, 0, 0);
+  constexpr uint32_t kPairs = 1000000;
+  std::vector<uint32_t> offsets(kPairs + 1);
+  for (uint32_t i = 0; i <= kPairs; ++i) offsets[i] = i;
+  const std::string bytes(kPairs, 'k');
+  const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+  GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 4 * kPairs);
+  std::vector<long> reported;
+  for (int round = 0; round < 2; ++round) {
+    qwtest::MessageCapture messages;
+    ASSERT_EQ(GenericDBSorterMultiWrite(writer, data, offsets.data(), kPairs + 1, data, offsets.data(), kPairs + 1),
+              int(kPairs));
+    for (const auto &m : messages.messages())
+      if (m.text.rfind("written = ", 0) == 0) {
+        EXPECT_EQ(m.level, QW_LEVEL_DEBUG);
+        reported.push_back(std::stol(m.text.substr(10)));
+      }
+  }
+  GenericDBSorterWriterDelete(writer);
+  ASSERT_EQ(reported.size(), 2u);
+  EXPECT_EQ(reported[1] - reported[0], 2 * long(kPairs));
+  EXPECT_EQ(reported[0] % 2, 0);
+  WriteRandom(100, 50, 1);
+  ASSERT_TRUE(GenericDBSorterCommit(sorter));
+  qwtest::MessageCapture messages;
+  qw::fault::Reset();
+  qw::fault::FailPath("data/data", qw::fault::Bit(qw::fault::Op::Map));
+  EXPECT_FALSE(GenericDBSorterSort(sorter, 1 << 20, 0));
+  qw::fault::Disable();
+  EXPECT_TRUE(messages.contains("SORT ERROR", QW_LEVEL_PROGRESS));
+  EXPECT_FALSE(GenericDBSorterClose(sorter));  // its commit is refused: the failed merge is dropped
+  sorter = nullptr;
+  Open(0, 0, 0);
+  EXPECT_TRUE(GenericDBSorterSort(sorter, 1 << 20, 0)) << QWErrorMessage();
+  EXPECT_EQ(Result().size(), 100u);
 }
 
 TEST_F(GenericSorterTest, CompressedMergeKilledAfterACheckpointResumes) {
