@@ -61,6 +61,13 @@ class GenericSorterTest : public qwtest::TempDirTest {
     EXPECT_TRUE(!sorter || GenericDBSorterClose(sorter));
     sorter = nullptr;
   }
+  // Closes and opens an empty sorter.
+  void Fresh(int reverse, int compareValues, int compress) {
+    Close();
+    std::filesystem::remove_all(dir() + "/meta");
+    std::filesystem::remove_all(dir() + "/data");
+    Open(reverse, compareValues, compress);
+  }
   // Every entry of the single run left, as (key, value) pairs in order, the
   // entries' keys and each pair's entry number.
   std::vector<Pair> Result(std::vector<std::string> *keys = nullptr, std::vector<size_t> *entryOf = nullptr) {
@@ -114,10 +121,7 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
   for (int mode = 0; mode < 8; ++mode) {
     const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
     SCOPED_TRACE(mode);
-    Close();
-    std::filesystem::remove_all(dir() + "/meta");
-    std::filesystem::remove_all(dir() + "/data");
-    Open(reverse, compareValues, compress);
+    Fresh(reverse, compareValues, compress);
     std::vector<Pair> model = WriteRandom(6000, 700, 3 + mode);
     ASSERT_TRUE(GenericDBSorterSort(sorter, 3 * 8192, 250)) << QWErrorMessage();  // fan-in 3: several passes
     std::vector<std::string> keys;
@@ -156,10 +160,7 @@ TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
   for (int mode = 0; mode < 8; ++mode) {
     const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
     SCOPED_TRACE(mode);
-    Close();
-    std::filesystem::remove_all(dir() + "/meta");
-    std::filesystem::remove_all(dir() + "/data");
-    Open(reverse, compareValues, compress);
+    Fresh(reverse, compareValues, compress);
     std::mt19937 random(mode);
     std::vector<Record> records;
     GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 1 << 20);
