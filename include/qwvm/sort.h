@@ -403,7 +403,11 @@ QW_API int GenericDBSorterWrite(GenericDBSorterWriter *writer, const void *key, 
 /* Bytes pending in the writer (keys and values). */
 QW_API uint64_t GenericDBSorterWriterPending(GenericDBSorterWriter *writer);
 /* Sorts what is pending into one run: 1 when a run was written, 0 when
- * nothing was pending, -1 with an error. */
+ * nothing was pending, -1 with an error. Keys compare as unsigned bytes, a
+ * key before its extensions; equal keys by value when the sorter compares
+ * values; all reversed when it is reversed. Records that compare equal keep
+ * the order they were written in. Each key's records make one entry: field
+ * 0, the key, the values back to back, their lengths, their counts (1). */
 QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer);
 /* Merges until one run is left (messages, not failures, report problems:
  * "SORT ERROR", "Could not commit dbs"). Returns 1 when no merge failed. */
