@@ -283,8 +283,9 @@ typedef struct DBSMergeCallbacks {
  * what they read). */
 QW_API int DBSorterSyncDB(DBSorter *dbs, const DBSEntryWriter *writer, const DBSEntryReader *readers,
                           uint32_t count);
-/* Prints "RESTORE MERGE" and rebuilds the writer and readers (*count of
- * them, in a qwlib growable array) from "runMergePos". */
+/* Prints "RESTORE MERGE" (on standard output, and as a level 2 message) and
+ * rebuilds the writer and readers (*count of them, in a qwlib growable
+ * array) from "runMergePos". */
 QW_API int DBSorterRestore(DBSorter *dbs, DBSEntryWriter *writer, DBSEntryReader **readers, uint32_t *count);
 
 /*

@@ -11,6 +11,7 @@
 // had not consumed.
 #include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -275,6 +276,10 @@ QW_API int DBSorterSyncDB(DBSorter *dbs, const DBSEntryWriter *writer, const DBS
 }
 
 QW_API int DBSorterRestore(DBSorter *dbs, DBSEntryWriter *writer, DBSEntryReader **readers, uint32_t *count) {
+  // Printed on standard output, as DBSorterPrint prints, and told to the
+  // message handler for logs.
+  std::printf("RESTORE MERGE\n");
+  std::fflush(stdout);
   QWSetMessageContext_(__FILE__, __LINE__, QW_LEVEL_PROGRESS, 0);
   QWMessage_("RESTORE MERGE");
   std::vector<MergePos> positions;

@@ -246,7 +246,9 @@ TEST_F(DBSorterTest, MergeInterruptedByACrashResumesToTheSameResult) {
     EXPECT_EQ(DBSorterMergePending(dbs), pending ? 1 : 0);
     qwtest::MessageCapture messages;
     KeyMerge context;
+    testing::internal::CaptureStdout();
     const uint32_t result = MergeAll(100 * kBlock, 1000, &context);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), pending ? "RESTORE MERGE\n" : "");
     EXPECT_EQ(messages.contains("RESTORE MERGE", QW_LEVEL_PROGRESS), pending);
     std::sort(all.begin(), all.end());
     ASSERT_NE(result, DBS_NO_RUN);
