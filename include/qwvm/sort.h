@@ -173,9 +173,9 @@ typedef struct DBSEntryReader {
   uint32_t left;          /* bytes left in the current range */
   uint64_t offset;        /* bytes read */
   uint64_t lastOffset;    /* position committed by a `mark` read */
-  uint64_t length;        /* the run's length */
   uint32_t block;         /* current server block, DBS_NO_RUN when none */
   const uint8_t *blockAddress;
+  uint64_t length;        /* the run's length */
 } DBSEntryReader;
 
 /*
