@@ -371,6 +371,16 @@ typedef struct GenericDBSorter {
   int compress;
 } GenericDBSorter;
 
+/* A pending pair (20 bytes): where its key and value lie in the writer's
+ * `bytes`, and its count (1). */
+typedef struct GenericDBSorterRecord {
+  uint32_t keyOffset;
+  uint32_t keyLength;
+  uint32_t valueOffset;
+  uint32_t valueLength;
+  uint32_t count;
+} GenericDBSorterRecord;
+
 /*
  * A writer of key/value pairs (one thread's). Buffers are qwlib growable
  * arrays. A flush encodes its entries straight from the pending bytes and
@@ -379,8 +389,7 @@ typedef struct GenericDBSorter {
 typedef struct GenericDBSorterWriter {
   GenericDBSorter *sorter;
   uint8_t *bytes;         /* pending keys and values back to back */
-  uint32_t *records;      /* pending records, five words each: key offset, key
-                             length, value offset, value length, count (1) */
+  GenericDBSorterRecord *records; /* the pending pairs */
   KMVEntry *entry;        /* the current entry */
   uint8_t *encoded;       /* the entry being encoded; compressing: every
                              encoded entry not yet compressed */

@@ -17,6 +17,8 @@ using namespace qw::sort;
 using qw::kVarintMaxBytes;
 using qw::VarintEncode;
 
+static_assert(sizeof(GenericDBSorterRecord) == 20);
+
 // Names the assertion texts use.
 inline constexpr uint64_t UINT_MAX_VALUE = 0xFFFFFFFFu;
 
@@ -191,7 +193,7 @@ QW_API GenericDBSorterWriter *GenericDBSorterWriterNew(GenericDBSorter *sorter, 
   qwassert_(maxRunLength <= UINT_MAX_VALUE);
   auto writer = std::make_unique<GenericDBSorterWriter>();
   *writer = GenericDBSorterWriter{sorter, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) || !ArrayInit(writer->records, 4, 5 * 1024) ||
+  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) || !ArrayInit(writer->records, sizeof(GenericDBSorterRecord), 1024) ||
       !(writer->entry = KMVEntryNew()) || !ArrayInit(writer->encoded, 1, 256) || !ArrayInit(writer->scratch, 1, 256) ||
       (sorter->compress && !(writer->compressor = CompressorNew()))) {
     QWErrorSave();
@@ -221,13 +223,11 @@ QW_API int GenericDBSorterWrite(GenericDBSorterWriter *writer, const void *key, 
   if (!ArrayGrow(writer->bytes, size_t(keyLength) + valueLength)) return 0;
   if (keyLength) std::memcpy(writer->bytes + at, key, keyLength);
   if (valueLength) std::memcpy(writer->bytes + at + keyLength, value, valueLength);
-  const uint32_t record[5] = {uint32_t(at), keyLength, uint32_t(at + keyLength), valueLength, 1};
-  const size_t n = ArrayLength(writer->records);
-  if (!ArrayGrow(writer->records, 5)) {
+  const GenericDBSorterRecord record{uint32_t(at), keyLength, uint32_t(at + keyLength), valueLength, 1};
+  if (!ArrayAppend(writer->records, record)) {
     (void)ArrayLengthSet(writer->bytes, at);
     return 0;
   }
-  std::memcpy(writer->records + n, record, sizeof record);
   return 1;
 }
 
@@ -250,14 +250,16 @@ QW_API int GenericDBSorterMultiWrite(GenericDBSorterWriter *writer, const uint8_
 QW_API uint64_t GenericDBSorterWriterPending(GenericDBSorterWriter *writer) { return ArrayLength(writer->bytes); }
 
 QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
-  const size_t count = ArrayLength(writer->records) / 5;
+  const size_t count = ArrayLength(writer->records);
+  // The records as five words each, as the sort and the encoding read them.
+  const auto *records = reinterpret_cast<const uint32_t *>(writer->records);
   if (count == 0) return 0;
   DBSorter *dbs = writer->sorter->dbs;
   const uint32_t run = DBSorterNewRunID(dbs);
   DBSEntryWriter out;
   if (run == DBS_NO_RUN || !DBSEntryWriterInit(&out, dbs, run)) return -1;
   std::vector<SortKey> order;
-  SortPendingRecords(writer->records, count, writer->bytes, writer->sorter->reverse != 0,
+  SortPendingRecords(records, count, writer->bytes, writer->sorter->reverse != 0,
                      writer->sorter->compareValues != 0, order);
   PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
   bool ok = true;
@@ -266,16 +268,16 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
     // The records and their bytes are read in an order unrelated to where
     // they lie: ask for them ahead (the record 16 on, its bytes 8 on).
     for (next = first + 1; next < count && order[next].sameKeyAsPrevious;) ++next;
-    if (first + 16 < count) __builtin_prefetch(writer->records + 5 * size_t(order[first + 16].index));
-    if (first + 8 < count) __builtin_prefetch(writer->bytes + writer->records[5 * size_t(order[first + 8].index)]);
+    if (first + 16 < count) __builtin_prefetch(records + 5 * size_t(order[first + 16].index));
+    if (first + 8 < count) __builtin_prefetch(writer->bytes + records[5 * size_t(order[first + 8].index)]);
     const size_t start = ArrayLength(writer->encoded);
-    ok = EncodeGroup(&writer->encoded, writer->bytes, writer->records, &order[first], next - first) &&
+    ok = EncodeGroup(&writer->encoded, writer->bytes, records, &order[first], next - first) &&
          payloads.Encoded(&out, start);
   }
   // The writer's entry is left holding the last entry written.
   size_t lastEnd = last + 1;
   while (lastEnd < count && order[lastEnd].sameKeyAsPrevious) ++lastEnd;
-  ok = ok && FillEntry(writer->entry, writer->bytes, writer->records, &order[last], lastEnd - last) &&
+  ok = ok && FillEntry(writer->entry, writer->bytes, records, &order[last], lastEnd - last) &&
        payloads.Flush(&out);
   if (!DBSEntryWriterFlush(&out)) ok = false;
   (void)ArrayLengthSet(writer->bytes, 0);

@@ -245,6 +245,11 @@ TEST_F(GenericSorterTest, WriterEdgeCases) {
   const uint32_t keyIdx[] = {0, 3, 5, 7}, valueIdx[] = {0, 1, 2, 3};
   EXPECT_EQ(GenericDBSorterMultiWrite(writer, keys, keyIdx, 1, values, valueIdx, 1), 0);
   EXPECT_EQ(GenericDBSorterMultiWrite(writer, keys, keyIdx, 4, values, valueIdx, 4), 3);
+  // Each key then its value joins the pending bytes; one record per pair.
+  const uint32_t pending[3][5] = {{0, 3, 3, 1, 1}, {4, 2, 6, 1, 1}, {7, 2, 9, 1, 1}};
+  ASSERT_EQ(ArrayLength(writer->records), 3u);
+  EXPECT_EQ(std::memcmp(writer->records, pending, sizeof pending), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(writer->bytes), ArrayLength(writer->bytes)), "abc1ab2ab3");
   EXPECT_DEATH(GenericDBSorterMultiWrite(writer, keys, keyIdx, 4, values, valueIdx, 3), "keyIdx_len == valueIdx_len");
   EXPECT_EQ(GenericDBSorterFlush(writer), 1);
   GenericDBSorterWriterDelete(writer);
