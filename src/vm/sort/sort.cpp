@@ -193,8 +193,9 @@ QW_API GenericDBSorterWriter *GenericDBSorterWriterNew(GenericDBSorter *sorter, 
   qwassert_(maxRunLength <= UINT_MAX_VALUE);
   auto writer = std::make_unique<GenericDBSorterWriter>();
   *writer = GenericDBSorterWriter{sorter, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) || !ArrayInit(writer->records, sizeof(GenericDBSorterRecord), 1024) ||
-      !(writer->entry = KMVEntryNew()) || !ArrayInit(writer->encoded, 1, 256) || !ArrayInit(writer->scratch, 1, 256) ||
+  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) ||
+      !ArrayInit(writer->records, sizeof(GenericDBSorterRecord), 1024) || !(writer->entry = KMVEntryNew()) ||
+      !ArrayInit(writer->encoded, 1, 256) || !ArrayInit(writer->scratch, 1, 256) ||
       (sorter->compress && !(writer->compressor = CompressorNew()))) {
     QWErrorSave();
     GenericDBSorterWriterDelete(writer.release());

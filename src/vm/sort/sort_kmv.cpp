@@ -85,7 +85,8 @@ bool PayloadWriter::Encoded(DBSEntryWriter *writer, size_t start) {
   const uint32_t length = uint32_t(ArrayLength(*pending) - start);
   uint8_t header[4];
   StoreLE32(header, length);
-  const bool ok = DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, *pending + start, length);
+  const bool ok =
+      DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, *pending + start, length);
   (void)ArrayLengthSet(*pending, start);
   return ok;
 }
