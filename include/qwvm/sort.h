@@ -38,6 +38,7 @@
 
 #include "qwvm/export.h"
 #include "qwvm/qwfile.h"
+#include "qwvm/qwmime.h"
 #include "qwvm/vmarena.h"
 
 QW_BEGIN_DECLS
@@ -174,9 +175,9 @@ typedef struct DBSEntryReader {
   uint32_t left;          /* bytes left in the current range */
   uint64_t offset;        /* bytes read */
   uint64_t lastOffset;    /* position committed by a `mark` read */
-  uint64_t length;        /* the run's length */
   uint32_t block;         /* current server block, DBS_NO_RUN when none */
   const uint8_t *blockAddress;
+  uint64_t length;        /* the run's length */
 } DBSEntryReader;
 
 /*
@@ -244,46 +245,49 @@ QW_API int DBSorterMergePending(DBSorter *dbs);
 QW_API uint32_t DBSorterMergedRunID(DBSorter *dbs);
 
 /*
- * The merge driver's callbacks. A heap item is `itemSize` bytes of the
- * caller's layout that knows its input number (0 .. count-1, in ascending
- * run id order) and holds that input's current entry.
+ * The merge driver's callbacks: the first eight fields are required, the
+ * last four may be NULL. A heap item is `itemSize` bytes of the caller's
+ * layout that knows its input number (0 .. count-1, in ascending run id
+ * order) and holds that input's current entry.
  *  readFirst     reads the first entry of input `input` into `item`: 1 read,
  *                0 the run is empty, -1 error.
- *  saveState     appends to *buffer what restoreState needs to rebuild
- *                `item` (its current entry and any read-ahead), and tells its
- *                input number. 1, or 0 with an error.
- *  restoreState  rebuilds an item from saved bytes for input `input`.
+ *  saveState     appends to *buffer the state of `item` for a checkpoint and
+ *                tells its input number. 1, or 0 with an error.
  *  compare       negative, zero or positive.
  *  advance       writes the item's entry to `writer` and reads the next
  *                entry of the item's input (readers[input]) into it: 1 read,
  *                0 that input is exhausted, -1 error.
+ *  heap          a qwlib growable byte array used as the heap's storage.
+ *  restoreState  rebuilds an item from the bytes saveState saved for input
+ *                `input`. NULL: those bytes are the item itself (itemSize
+ *                bytes), pushed back as they are.
  *  saveWriter, restoreWriter  the caller's output-side state (for example
  *                bytes buffered for compression) across a checkpoint.
  *  final         called once the heap is empty, before the writer flushes.
- *  heap          a qwlib growable byte array used as the heap's storage.
  */
 typedef struct DBSMergeCallbacks {
   int (*readFirst)(void *context, DBSEntryReader *reader, uint32_t input, void *item);
   int (*saveState)(void *context, const void *item, uint32_t *input, uint8_t **buffer);
-  int (*restoreState)(void *context, DBSEntryReader *reader, uint32_t input, const uint8_t *data, uint32_t length,
-                      void *item);
   int (*compare)(const void *a, const void *b, void *compareContext);
   int (*advance)(void *context, void *item, DBSEntryReader *readers, DBSEntryWriter *writer);
-  int (*saveWriter)(void *context, uint8_t **buffer);
-  int (*restoreWriter)(void *context, const uint8_t *data, uint32_t length);
-  int (*final)(void *context, DBSEntryWriter *writer);
   uint8_t *heap;
   void *context;
   uint32_t itemSize;
   void *compareContext;
+  int (*restoreState)(void *context, DBSEntryReader *reader, uint32_t input, const uint8_t *data, uint32_t length,
+                      void *item);
+  int (*saveWriter)(void *context, uint8_t **buffer);
+  int (*restoreWriter)(void *context, const uint8_t *data, uint32_t length);
+  int (*final)(void *context, DBSEntryWriter *writer);
 } DBSMergeCallbacks;
 
 /* Saves the merge positions into "runMergePos" (readers must have marked
  * what they read). */
 QW_API int DBSorterSyncDB(DBSorter *dbs, const DBSEntryWriter *writer, const DBSEntryReader *readers,
                           uint32_t count);
-/* Prints "RESTORE MERGE" and rebuilds the writer and readers (*count of
- * them, in a qwlib growable array) from "runMergePos". */
+/* Prints "RESTORE MERGE" (on standard output, and as a level 2 message) and
+ * rebuilds the writer and readers (*count of them, in a qwlib growable
+ * array) from "runMergePos". */
 QW_API int DBSorterRestore(DBSorter *dbs, DBSEntryWriter *writer, DBSEntryReader **readers, uint32_t *count);
 
 /*
@@ -327,7 +331,13 @@ QW_API void DBSEntryReaderClose(DBSEntryReader *reader);
 /* Compressed payloads are cut at this many uncompressed bytes. */
 #define COMPRESSOR_THRESHOLD 0x100000u
 
-typedef struct Compressor Compressor;
+/* Groups of encoded entries are deflated (ZFlowNewCompress(2, 6), reset with
+ * ZFlowSetCompress(stream, 1, 2, 6) before each group) once `threshold`
+ * bytes are pending. */
+typedef struct Compressor {
+  ZFlow *stream;
+  uint32_t threshold; /* COMPRESSOR_THRESHOLD */
+} Compressor;
 QW_API Compressor *CompressorNew(void);
 QW_API void CompressorDelete(Compressor *compressor);
 
@@ -363,7 +373,31 @@ typedef struct GenericDBSorter {
   int compress;
 } GenericDBSorter;
 
-typedef struct GenericDBSorterWriter GenericDBSorterWriter;
+/* A pending pair (20 bytes): where its key and value lie in the writer's
+ * `bytes`, and its count (1). */
+typedef struct GenericDBSorterRecord {
+  uint32_t keyOffset;
+  uint32_t keyLength;
+  uint32_t valueOffset;
+  uint32_t valueLength;
+  uint32_t count;
+} GenericDBSorterRecord;
+
+/*
+ * A writer of key/value pairs (one thread's). Buffers are qwlib growable
+ * arrays. A flush encodes its entries straight from the pending bytes and
+ * leaves `entry` holding the last one; KMVWriterWriteEntry writes `entry`.
+ */
+typedef struct GenericDBSorterWriter {
+  GenericDBSorter *sorter;
+  uint8_t *bytes;         /* pending keys and values back to back */
+  GenericDBSorterRecord *records; /* the pending pairs */
+  KMVEntry *entry;        /* the current entry */
+  uint8_t *encoded;       /* the entry being encoded; compressing: every
+                             encoded entry not yet compressed */
+  Compressor *compressor; /* NULL unless the sorter compresses */
+  uint8_t *scratch;       /* the compressed payload */
+} GenericDBSorterWriter;
 
 QW_API GenericDBSorter *GenericDBSorterNew(const char *directory, uint32_t fileCount, uint32_t blockSize,
                                            int readOnly, int reverse, int compareValues, int compress);
@@ -381,13 +415,28 @@ QW_API int GenericDBSorterWrite(GenericDBSorterWriter *writer, const void *key, 
 /* Bytes pending in the writer (keys and values). */
 QW_API uint64_t GenericDBSorterWriterPending(GenericDBSorterWriter *writer);
 /* Sorts what is pending into one run: 1 when a run was written, 0 when
- * nothing was pending, -1 with an error. */
+ * nothing was pending, -1 with an error. Keys compare as unsigned bytes, a
+ * key before its extensions; equal keys by value when the sorter compares
+ * values; all reversed when it is reversed. Records that compare equal keep
+ * the order they were written in. Each key's records make one entry: field
+ * 0, the key, the values back to back, their lengths, their counts (1). */
 QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer);
 /* Merges until one run is left (messages, not failures, report problems:
  * "SORT ERROR", "Could not commit dbs"). Returns 1 when no merge failed. */
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval);
 QW_API int GenericDBSorterCommit(GenericDBSorter *sorter);
 QW_API int GenericDBSorterClose(GenericDBSorter *sorter);
+
+/*
+ * Run payloads: a 4-byte little-endian length, then that many bytes. With no
+ * compressor KMVWriterWriteEntry writes the writer's entry, encoded alone, as
+ * one payload; with one it appends the encoding to `encoded` and, once that
+ * holds COMPRESSOR_THRESHOLD bytes or more, writes them deflated as one
+ * payload. KMVWriterFlush writes what is pending that way (nothing when not
+ * compressing). Return 1, or 0 with an error.
+ */
+QW_API int KMVWriterWriteEntry(GenericDBSorterWriter *writer, DBSEntryWriter *run);
+QW_API int KMVWriterFlush(GenericDBSorterWriter *writer, DBSEntryWriter *run);
 
 /* Reading a sorted run back: entries in order. */
 typedef struct KMVReader KMVReader;

@@ -345,8 +345,19 @@ int SortRun::Run(bool fresh) {
   // resident size), the rest is the write buffers and the heap.
   const uint64_t block = DBSorterBlockSize(sorter_->dbs);
   const uint64_t perInput = block + (job_.compress ? 3 * COMPRESSOR_THRESHOLD : 0);
-  if (!GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000))
-    return Fail("merge failed; the sort can be finished with --resume " + state_);
+  int sorted;
+  {
+    // A merge finished after a crash prints "RESTORE MERGE" on standard
+    // output, where the sorted lines may go: while the library sorts, its
+    // standard output is the tool's standard error.
+    std::fflush(stdout);
+    const int saved = ::dup(1);
+    if (saved >= 0) ::dup2(2, 1);
+    sorted = GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000);
+    std::fflush(stdout);
+    if (saved >= 0) ::dup2(saved, 1), ::close(saved);
+  }
+  if (!sorted) return Fail("merge failed; the sort can be finished with --resume " + state_);
   if (const int r = WriteOutput()) return r;
   Say("done");
   GenericDBSorterClose(sorter_);

@@ -141,11 +141,12 @@ QW_API int DBSorterClose(DBSorter *dbs) {
 }
 
 QW_API int DBSorterCommit(DBSorter *dbs) {
-  if (dbs->failed)
-    return QWErrorThrow(5, QW_ERROR_CLASS_GENERAL,
-                        "Commit failed !!\nDBSorter in \"%s\": a write failed since the last commit; reopen the "
-                        "sorter to go back to it",
-                        dbs->directory.c_str());
+  if (dbs->failed) {
+    QWErrorThrow(5, QW_ERROR_CLASS_GENERAL,
+                 "DBSorter in \"%s\": a write failed since the last commit; reopen the sorter to go back to it",
+                 dbs->directory.c_str());
+    return QWErrorRethrow("Commit failed !!");
+  }
   // A failed commit leaves blocks of the new runs unwritten (the run block
   // server reports a lost write once), so no later commit may publish them:
   // the sorter refuses until it is reopened at its last commit.

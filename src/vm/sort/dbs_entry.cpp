@@ -115,7 +115,7 @@ QW_API int DBSEntryWriterFlush(DBSEntryWriter *writer) {
 
 QW_API int DBSEntryReaderInit(DBSEntryReader *reader, DBSorter *dbs, uint32_t runIndex, uint64_t offset) {
   (void)Run(dbs, runIndex);
-  *reader = DBSEntryReader{dbs, runIndex, nullptr, 0, offset, offset, RunLength(dbs, runIndex), DBS_NO_RUN, nullptr};
+  *reader = DBSEntryReader{dbs, runIndex, nullptr, 0, offset, offset, DBS_NO_RUN, nullptr, RunLength(dbs, runIndex)};
   return QWErrorIsSet() ? 0 : 1;
 }
 

@@ -9,8 +9,12 @@
 // "runMergePos" (16-byte records, empty unless a merge is in progress:
 // [0] = output position and id, [1..] = input positions and ids, ids
 // ascending), "block<id>" (the server blocks of run <id>, in order); and the
-// large-element array "runMergeData" at the top level (one bucket: the saved
-// heap items of a merge in input order, then the writer's state).
+// large-element array "runMergeData" at the top level (one bucket: one
+// element per saved heap item in input order, each the input number as 4
+// little-endian bytes then the bytes saveState appended, and last the bytes
+// saveWriter appended, empty without it). SyncDB stores the writer's byte
+// count and each reader's committed position; Restore reopens the writer at
+// that count (reloading a part-filled last block) and the readers there.
 //
 // Invariants: a live run of length L holds ceil(L / blockSize) blocks, every
 // one full but the last; a run id is either on the free list or below

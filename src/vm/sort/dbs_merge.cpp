@@ -11,6 +11,7 @@
 // had not consumed.
 #include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -156,8 +157,14 @@ bool Resume(Merge *merge, uint32_t *output) {
       ok = QWErrorThrow(74, QW_ERROR_CLASS_DATA, "saved merge item %u names input %u of %u", h, input, merge->count);
       break;
     }
-    ok = cb->restoreState(cb->context, &merge->readers[input], input, bytes + 4, length - 4, item.data()) &&
-         merge->Push(item.data());
+    if (cb->restoreState)
+      ok = cb->restoreState(cb->context, &merge->readers[input], input, bytes + 4, length - 4, item.data());
+    else if (length - 4 != cb->itemSize)
+      ok = QWErrorThrow(74, QW_ERROR_CLASS_DATA, "saved merge item %u holds %u bytes, not %u", h, length - 4,
+                        cb->itemSize);
+    else
+      std::memcpy(item.data(), bytes + 4, cb->itemSize);
+    ok = ok && merge->Push(item.data());
   }
   ArrayFree(bytes);
   return ok;
@@ -269,6 +276,10 @@ QW_API int DBSorterSyncDB(DBSorter *dbs, const DBSEntryWriter *writer, const DBS
 }
 
 QW_API int DBSorterRestore(DBSorter *dbs, DBSEntryWriter *writer, DBSEntryReader **readers, uint32_t *count) {
+  // Printed on standard output, as DBSorterPrint prints, and told to the
+  // message handler for logs.
+  std::printf("RESTORE MERGE\n");
+  std::fflush(stdout);
   QWSetMessageContext_(__FILE__, __LINE__, QW_LEVEL_PROGRESS, 0);
   QWMessage_("RESTORE MERGE");
   std::vector<MergePos> positions;

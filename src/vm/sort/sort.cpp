@@ -17,18 +17,10 @@ using namespace qw::sort;
 using qw::kVarintMaxBytes;
 using qw::VarintEncode;
 
+static_assert(sizeof(GenericDBSorterRecord) == 20);
+
 // Names the assertion texts use.
 inline constexpr uint64_t UINT_MAX_VALUE = 0xFFFFFFFFu;
-
-struct GenericDBSorterWriter {
-  GenericDBSorter *sorter;
-  uint8_t *bytes = nullptr;     // pending keys and values back to back
-  uint32_t *records = nullptr;  // pending records, five words each
-  KMVEntry *entry = nullptr;
-  uint8_t *encoded = nullptr;
-  Compressor *compressor = nullptr;
-  uint8_t *scratch = nullptr;
-};
 
 namespace {
 
@@ -38,19 +30,20 @@ struct Order {
   int reverse, compareValues;
 };
 
-// Encodes the entry of one key, written by the records `group[0..n)` (in
-// that order), as the KMV entry encoding does (field 0, the key, the values
-// back to back, their lengths, their counts), straight from the pending
-// bytes: one growth of the buffer, no lists in between.
+// Appends the encoding of the entry of one key, written by the records
+// `group[0..n)` (in that order), as the KMV entry encoding does (field 0, the
+// key, the values back to back, their lengths, their counts), straight from
+// the pending bytes: one growth of the buffer, no lists in between.
 bool EncodeGroup(uint8_t **buffer, const uint8_t *bytes, const uint32_t *records, const SortKey *group, size_t n) {
   auto record = [&](size_t i) { return records + 5 * size_t(group[i].index); };
   uint64_t valueBytes = 0;
   for (size_t i = 0; i < n; ++i) valueBytes += record(i)[3];
   if (valueBytes > UINT_MAX_VALUE)
     return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+  const size_t start = ArrayLength(*buffer);
   const size_t most = 3 * kVarintMaxBytes + record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
-  if (!ArrayLengthSet(*buffer, most)) return false;
-  uint8_t *at = *buffer;
+  if (!ArrayLengthSet(*buffer, start + most)) return false;
+  uint8_t *at = *buffer + start;
   at += VarintEncode(at, 0);
   at += VarintEncode(at, record(0)[1]);
   std::memcpy(at, bytes + record(0)[0], record(0)[1]);
@@ -67,13 +60,34 @@ bool EncodeGroup(uint8_t **buffer, const uint8_t *bytes, const uint32_t *records
   return ArrayLengthSet(*buffer, size_t(at - *buffer));
 }
 
+// Makes `entry` the entry of one key, as EncodeGroup encodes it.
+bool FillEntry(KMVEntry *entry, const uint8_t *bytes, const uint32_t *records, const SortKey *group, size_t n) {
+  const uint32_t *first = records + 5 * size_t(group[0].index);
+  if (!KMVEntryReInit(entry) || !ArrayGrow(entry->key, first[1])) return false;
+  if (first[1]) std::memcpy(entry->key, bytes + first[0], first[1]);
+  for (size_t i = 0; i < n; ++i) {
+    const uint32_t *record = records + 5 * size_t(group[i].index);
+    const size_t at = ArrayLength(entry->values);
+    if (!ArrayGrow(entry->values, record[3]) || !ArrayAppend(entry->valueLengths, record[3]) ||
+        !ArrayAppend(entry->counts, record[4]))
+      return false;
+    if (record[3]) std::memcpy(entry->values + at, bytes + record[2], record[3]);
+  }
+  return true;
+}
+
 // The merge context: the order, compression, and one reader per input.
 struct MergeContext {
   Order order;
   Compressor *compressor = nullptr;
   std::vector<std::unique_ptr<PayloadReader>> inputs;
-  PayloadWriter output;
-  ~MergeContext() { CompressorDelete(compressor); }
+  uint8_t *pending = nullptr, *scratch = nullptr;
+  PayloadWriter output{nullptr, &pending, &scratch};
+  ~MergeContext() {
+    CompressorDelete(compressor);
+    ArrayFree(pending);
+    ArrayFree(scratch);
+  }
 };
 
 // A heap item: 72 bytes, of which the input number and its reader are used.
@@ -136,9 +150,9 @@ int KMVWriterReader(void *context, void *item, DBSEntryReader *readers, DBSEntry
 
 int SaveWriter(void *context, uint8_t **buffer) {
   auto *m = static_cast<MergeContext *>(context);
-  const size_t n = m->output.pending ? ArrayLength(m->output.pending) : 0, at = ArrayLength(*buffer);
+  const size_t n = m->pending ? ArrayLength(m->pending) : 0, at = ArrayLength(*buffer);
   if (!ArrayGrow(*buffer, n)) return 0;
-  if (n) std::memcpy(*buffer + at, m->output.pending, n);
+  if (n) std::memcpy(*buffer + at, m->pending, n);
   return 1;
 }
 
@@ -146,9 +160,9 @@ int RestoreWriter(void *context, const uint8_t *data, uint32_t length) {
   auto *m = static_cast<MergeContext *>(context);
   if (length == 0) return 1;
   if (!m->compressor) return QWErrorThrow(74, QW_ERROR_CLASS_DATA, "saved merge writer state of an uncompressed sort");
-  if (!m->output.pending && !ArrayInit(m->output.pending, 1, COMPRESSOR_THRESHOLD + 4096)) return 0;
-  if (!ArrayLengthSet(m->output.pending, length)) return 0;
-  std::memcpy(m->output.pending, data, length);
+  if (!m->pending && !ArrayInit(m->pending, 1, COMPRESSOR_THRESHOLD + 4096)) return 0;
+  if (!ArrayLengthSet(m->pending, length)) return 0;
+  std::memcpy(m->pending, data, length);
   return 1;
 }
 
@@ -178,9 +192,10 @@ QW_API GenericDBSorter *GenericDBSorterNew(const char *directory, uint32_t fileC
 QW_API GenericDBSorterWriter *GenericDBSorterWriterNew(GenericDBSorter *sorter, uint64_t maxRunLength) {
   qwassert_(maxRunLength <= UINT_MAX_VALUE);
   auto writer = std::make_unique<GenericDBSorterWriter>();
-  writer->sorter = sorter;
-  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) || !ArrayInit(writer->records, 4, 5 * 1024) ||
-      !(writer->entry = KMVEntryNew()) || !ArrayInit(writer->encoded, 1, 256) || !ArrayInit(writer->scratch, 1, 256) ||
+  *writer = GenericDBSorterWriter{sorter, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+  if (!ArrayInit(writer->bytes, 1, size_t(maxRunLength) + 1) ||
+      !ArrayInit(writer->records, sizeof(GenericDBSorterRecord), 1024) || !(writer->entry = KMVEntryNew()) ||
+      !ArrayInit(writer->encoded, 1, 256) || !ArrayInit(writer->scratch, 1, 256) ||
       (sorter->compress && !(writer->compressor = CompressorNew()))) {
     QWErrorSave();
     GenericDBSorterWriterDelete(writer.release());
@@ -209,13 +224,11 @@ QW_API int GenericDBSorterWrite(GenericDBSorterWriter *writer, const void *key, 
   if (!ArrayGrow(writer->bytes, size_t(keyLength) + valueLength)) return 0;
   if (keyLength) std::memcpy(writer->bytes + at, key, keyLength);
   if (valueLength) std::memcpy(writer->bytes + at + keyLength, value, valueLength);
-  const uint32_t record[5] = {uint32_t(at), keyLength, uint32_t(at + keyLength), valueLength, 1};
-  const size_t n = ArrayLength(writer->records);
-  if (!ArrayGrow(writer->records, 5)) {
+  const GenericDBSorterRecord record{uint32_t(at), keyLength, uint32_t(at + keyLength), valueLength, 1};
+  if (!ArrayAppend(writer->records, record)) {
     (void)ArrayLengthSet(writer->bytes, at);
     return 0;
   }
-  std::memcpy(writer->records + n, record, sizeof record);
   return 1;
 }
 
@@ -238,40 +251,47 @@ QW_API int GenericDBSorterMultiWrite(GenericDBSorterWriter *writer, const uint8_
 QW_API uint64_t GenericDBSorterWriterPending(GenericDBSorterWriter *writer) { return ArrayLength(writer->bytes); }
 
 QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
-  const size_t count = ArrayLength(writer->records) / 5;
+  const size_t count = ArrayLength(writer->records);
+  // The records as five words each, as the sort and the encoding read them.
+  const auto *records = reinterpret_cast<const uint32_t *>(writer->records);
   if (count == 0) return 0;
   DBSorter *dbs = writer->sorter->dbs;
   const uint32_t run = DBSorterNewRunID(dbs);
   DBSEntryWriter out;
   if (run == DBS_NO_RUN || !DBSEntryWriterInit(&out, dbs, run)) return -1;
   std::vector<SortKey> order;
-  SortPendingRecords(writer->records, count, writer->bytes, writer->sorter->reverse != 0,
+  SortPendingRecords(records, count, writer->bytes, writer->sorter->reverse != 0,
                      writer->sorter->compareValues != 0, order);
-  PayloadWriter payloads;
-  payloads.compressor = writer->compressor;
+  PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
   bool ok = true;
-  for (size_t first = 0, next; ok && first < count; first = next) {
+  size_t last = 0;
+  for (size_t first = 0, next; ok && first < count; last = first, first = next) {
     // The records and their bytes are read in an order unrelated to where
     // they lie: ask for them ahead (the record 16 on, its bytes 8 on).
     for (next = first + 1; next < count && order[next].sameKeyAsPrevious;) ++next;
-    if (first + 16 < count) __builtin_prefetch(writer->records + 5 * size_t(order[first + 16].index));
-    if (first + 8 < count) __builtin_prefetch(writer->bytes + writer->records[5 * size_t(order[first + 8].index)]);
-    ok = EncodeGroup(&writer->encoded, writer->bytes, writer->records, &order[first], next - first) &&
-         payloads.Write(&out, writer->encoded, uint32_t(ArrayLength(writer->encoded)));
+    if (first + 16 < count) __builtin_prefetch(records + 5 * size_t(order[first + 16].index));
+    if (first + 8 < count) __builtin_prefetch(writer->bytes + records[5 * size_t(order[first + 8].index)]);
+    const size_t start = ArrayLength(writer->encoded);
+    ok = EncodeGroup(&writer->encoded, writer->bytes, records, &order[first], next - first) &&
+         payloads.Encoded(&out, start);
   }
-  ok = ok && payloads.Flush(&out);
-  payloads.compressor = nullptr;  // the writer's, not the flush's
+  // The writer's entry is left holding the last entry written.
+  size_t lastEnd = last + 1;
+  while (lastEnd < count && order[lastEnd].sameKeyAsPrevious) ++lastEnd;
+  ok = ok && FillEntry(writer->entry, writer->bytes, records, &order[last], lastEnd - last) &&
+       payloads.Flush(&out);
   if (!DBSEntryWriterFlush(&out)) ok = false;
   (void)ArrayLengthSet(writer->bytes, 0);
   (void)ArrayLengthSet(writer->records, 0);
+  (void)ArrayLengthSet(writer->encoded, 0);
   return ok ? 1 : -1;
 }
 
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval) {
   Order order{sorter->reverse, sorter->compareValues};
-  DBSMergeCallbacks callbacks{ReadFirst,  SaveState, RestoreState, CompareItems, KMVWriterReader,
-                              SaveWriter, RestoreWriter, FinalFlush, nullptr,      nullptr,
-                              sizeof(HeapItem), &order};
+  DBSMergeCallbacks callbacks{ReadFirst,    SaveState,  CompareItems,  KMVWriterReader, nullptr,
+                              nullptr,      sizeof(HeapItem), &order, RestoreState,    SaveWriter,
+                              RestoreWriter, FinalFlush};
   uint32_t *runs = nullptr, output = DBS_NO_RUN;
   std::unique_ptr<MergeContext> context = NewMergeContext(sorter);
   int result = 1;

@@ -2,8 +2,9 @@
 // and sort_kmv.cpp (entry encoding, payload framing, compression, reading).
 //
 // Run payloads: a 4-byte little-endian length, then that many bytes: one
-// encoded entry, or (with compression) the deflate stream of several encoded
-// entries back to back, cut once COMPRESSOR_THRESHOLD bytes are pending.
+// encoded entry, or (with compression) one gzip stream (ZFlow format 2, level
+// 6) of several encoded entries back to back, cut once COMPRESSOR_THRESHOLD
+// bytes or more are pending.
 // Placement of a record in an entry: field 0, the key in the first byte list,
 // the values back to back in the second, each value's length in the first
 // 32-bit list and each record's count in the second.
@@ -17,11 +18,6 @@
 #include "qwvm/qwlib.h"
 #include "qwvm/qwmime.h"
 #include "qwvm/sort.h"
-
-struct Compressor {
-  ZFlow *stream;
-  uint32_t threshold;
-};
 
 namespace qw::sort {
 
@@ -70,13 +66,16 @@ struct SortKey {
 void SortPendingRecords(const uint32_t *records, size_t count, const uint8_t *bytes, bool reverse, bool compareValues,
                         std::vector<SortKey> &keys);
 
-// The output side of a run: frames payloads, compressing when asked.
+// The output side of a run: frames payloads, compressing when asked. The
+// buffers belong to the owner (a sort writer or a merge context).
 struct PayloadWriter {
-  Compressor *compressor = nullptr;  // not owned
-  uint8_t *pending = nullptr;        // encoded entries not yet compressed
-  uint8_t *scratch = nullptr;
-  ~PayloadWriter();
-  // Adds one encoded entry.
+  Compressor *compressor = nullptr;
+  uint8_t **pending = nullptr;  // the entry being written, or every entry not yet compressed
+  uint8_t **scratch = nullptr;  // the compressed payload
+  // The entry just encoded at the end of *pending, from byte `start` on:
+  // written alone (and dropped from *pending), or kept until the threshold.
+  [[nodiscard]] bool Encoded(DBSEntryWriter *writer, size_t start);
+  // Adds a copy of one encoded entry.
   [[nodiscard]] bool Write(DBSEntryWriter *writer, const uint8_t *entry, uint32_t length);
   // Writes what is pending (compressed mode).
   [[nodiscard]] bool Flush(DBSEntryWriter *writer);

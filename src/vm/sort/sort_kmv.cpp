@@ -80,9 +80,15 @@ bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view) {
   return true;
 }
 
-PayloadWriter::~PayloadWriter() {
-  ArrayFree(pending);
-  ArrayFree(scratch);
+bool PayloadWriter::Encoded(DBSEntryWriter *writer, size_t start) {
+  if (compressor) return ArrayLength(*pending) < compressor->threshold || Flush(writer);
+  const uint32_t length = uint32_t(ArrayLength(*pending) - start);
+  uint8_t header[4];
+  StoreLE32(header, length);
+  const bool ok =
+      DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, *pending + start, length);
+  (void)ArrayLengthSet(*pending, start);
+  return ok;
 }
 
 bool PayloadWriter::Write(DBSEntryWriter *writer, const uint8_t *entry, uint32_t length) {
@@ -91,21 +97,20 @@ bool PayloadWriter::Write(DBSEntryWriter *writer, const uint8_t *entry, uint32_t
     StoreLE32(header, length);
     return DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, entry, length);
   }
-  if (!pending && !ArrayInit(pending, 1, compressor->threshold + 4096)) return false;
-  if (!AppendBytes(&pending, entry, length)) return false;
-  return ArrayLength(pending) < compressor->threshold || Flush(writer);
+  if (!*pending && !ArrayInit(*pending, 1, compressor->threshold + 4096)) return false;
+  const size_t start = ArrayLength(*pending);
+  return AppendBytes(pending, entry, length) && Encoded(writer, start);
 }
 
 bool PayloadWriter::Flush(DBSEntryWriter *writer) {
-  if (!compressor || !pending || ArrayLength(pending) == 0) return true;
-  if (!scratch && !ArrayInit(scratch, 1, 4096)) return false;
-  (void)ArrayLengthSet(scratch, 4);
-  if (!ZFlowSetCompress(compressor->stream, 1, 2, 6) ||
-      !ZFlowCompress(compressor->stream, pending, ArrayLength(pending), &scratch))
+  if (!compressor || !*pending || ArrayLength(*pending) == 0) return true;
+  if (!*scratch && !ArrayInit(*scratch, 1, 4096)) return false;
+  if (!ArrayLengthSet(*scratch, 4) || !ZFlowSetCompress(compressor->stream, 1, 2, 6) ||
+      !ZFlowCompress(compressor->stream, *pending, ArrayLength(*pending), scratch))
     return false;
-  StoreLE32(scratch, uint32_t(ArrayLength(scratch) - 4));
-  (void)ArrayLengthSet(pending, 0);
-  return DBSEntryWriterWriteBytes(writer, scratch, uint32_t(ArrayLength(scratch))) != 0;
+  StoreLE32(*scratch, uint32_t(ArrayLength(*scratch) - 4));
+  (void)ArrayLengthSet(*pending, 0);
+  return DBSEntryWriterWriteBytes(writer, *scratch, uint32_t(ArrayLength(*scratch))) != 0;
 }
 
 PayloadReader::~PayloadReader() {
@@ -268,6 +273,18 @@ QW_API int KMVEntryWriteToBuff(const KMVEntry *entry, uint8_t **buffer) {
 QW_API int KMVEntryReadFromBuff(KMVEntry *entry, const uint8_t *buffer, uint32_t length) {
   const uint8_t *at = buffer;
   return KMVEntryRead_(entry, &at, buffer + length) && at == buffer + length;
+}
+
+QW_API int KMVWriterWriteEntry(GenericDBSorterWriter *writer, DBSEntryWriter *run) {
+  PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
+  if (!writer->compressor) (void)ArrayLengthSet(writer->encoded, 0);
+  const size_t start = ArrayLength(writer->encoded);
+  return KMVEntryWrite_(writer->entry, &writer->encoded) && payloads.Encoded(run, start);
+}
+
+QW_API int KMVWriterFlush(GenericDBSorterWriter *writer, DBSEntryWriter *run) {
+  PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
+  return payloads.Flush(run);
 }
 
 QW_API KMVReader *KMVReaderNew(GenericDBSorter *sorter, uint32_t runIndex) {

@@ -36,19 +36,12 @@ struct KeyMerge {
     it->input = input;
     return DBSEntryReaderReadBytes(reader, &it->key, 8, 1, 1);
   }
+  // The saved state is the item itself, pushed back as it is on restore.
   static int Save(void *, const void *item, uint32_t *input, uint8_t **buffer) {
-    auto *it = static_cast<const Item *>(item);
-    *input = it->input;
+    *input = static_cast<const Item *>(item)->input;
     const size_t at = ArrayLength(*buffer);
-    if (!ArrayGrow(*buffer, 8)) return 0;
-    std::memcpy(*buffer + at, &it->key, 8);
-    return 1;
-  }
-  static int Restore(void *, DBSEntryReader *, uint32_t input, const uint8_t *data, uint32_t length, void *item) {
-    if (length != 8) return 0;
-    auto *it = static_cast<Item *>(item);
-    it->input = input;
-    std::memcpy(&it->key, data, 8);
+    if (!ArrayGrow(*buffer, sizeof(Item))) return 0;
+    std::memcpy(*buffer + at, item, sizeof(Item));
     return 1;
   }
   static int Compare(const void *a, const void *b, void *) {
@@ -68,8 +61,14 @@ struct KeyMerge {
     return DBSEntryReaderReadBytes(&readers[it->input], &it->key, 8, 1, 1);
   }
   DBSMergeCallbacks Callbacks() {
-    return DBSMergeCallbacks{ReadFirst, Save, Restore, Compare, Advance, nullptr, nullptr, nullptr,
-                             nullptr,   this, sizeof(Item), nullptr};
+    DBSMergeCallbacks callbacks{};  // no restoreState, saveWriter, restoreWriter, final
+    callbacks.readFirst = ReadFirst;
+    callbacks.saveState = Save;
+    callbacks.compare = Compare;
+    callbacks.advance = Advance;
+    callbacks.context = this;
+    callbacks.itemSize = sizeof(Item);
+    return callbacks;
   }
 };
 
@@ -248,7 +247,9 @@ TEST_F(DBSorterTest, MergeInterruptedByACrashResumesToTheSameResult) {
     EXPECT_EQ(DBSorterMergePending(dbs), pending ? 1 : 0);
     qwtest::MessageCapture messages;
     KeyMerge context;
+    testing::internal::CaptureStdout();
     const uint32_t result = MergeAll(100 * kBlock, 1000, &context);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), pending ? "RESTORE MERGE\n" : "");
     EXPECT_EQ(messages.contains("RESTORE MERGE", QW_LEVEL_PROGRESS), pending);
     std::sort(all.begin(), all.end());
     ASSERT_NE(result, DBS_NO_RUN);
@@ -278,6 +279,26 @@ TEST_F(DBSorterTest, ALostRunBlockWriteIsNeitherReadNorPublished) {
   Close();
   Open();
   EXPECT_EQ(DBSorterRunLength(dbs, run), 0u);
+}
+
+// A run whose files cannot grow fails; every commit is then refused, with
+// "Commit failed !!" last, until the sorter is reopened at its last commit.
+TEST_F(DBSorterTest, AFailedWriteRefusesCommitsUntilReopened) {
+  Open();
+  qw::fault::Reset();
+  qw::fault::FailPath("data/data0", qw::fault::Bit(qw::fault::Op::SetSize));
+  EXPECT_EQ(DBSorterRunAdd(dbs, "abc", 3), DBS_NO_RUN);
+  qw::fault::Disable();
+  EXPECT_NE(std::string(QWErrorMessage()).find("Could not extend file"), std::string::npos) << QWErrorMessage();
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_FALSE(DBSorterCommit(dbs));
+    const std::string message = QWErrorMessage();
+    EXPECT_EQ(message.substr(message.rfind('\n') + 1), "Commit failed !!") << message;
+  }
+  Close();
+  Open();
+  EXPECT_NE(DBSorterRunAdd(dbs, "abc", 3), DBS_NO_RUN);
+  EXPECT_TRUE(DBSorterCommit(dbs)) << QWErrorMessage();
 }
 
 TEST_F(DBSorterTest, MisuseFailsItsAssertions) {

@@ -1,6 +1,7 @@
 // Run block server: block placement in the data files, growth, the free-block
 // order across commits and reopenings, the single write buffer, sharing rules.
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "qwvm/qwvm.h"
@@ -21,10 +22,11 @@ class DRBServerTest : public qwtest::TempDirTest {
                         nullptr, nullptr);
     ASSERT_NE(arena, nullptr) << QWErrorMessage();
   }
-  void Open(uint32_t files) {
+  void Open(uint32_t files, uint32_t blockSize = kBlock) {
     ASSERT_NO_FATAL_FAILURE(OpenArena());
     ASSERT_TRUE(DirectoryCreate(path("data").c_str()));
-    ASSERT_NE(server = DRBServerNew(path("data").c_str(), arena, kBlock, files, 1, 1, 0), nullptr) << QWErrorMessage();
+    ASSERT_NE(server = DRBServerNew(path("data").c_str(), arena, blockSize, files, 1, 1, 0), nullptr)
+        << QWErrorMessage();
   }
   void Close() {
     DRBServerFree(server);
@@ -71,6 +73,28 @@ TEST_F(DRBServerTest, BlocksAreSpreadOverTheFilesAndGrowthDoublesTheRoom) {
   ASSERT_NE(DRBServerBlockAcquire(&h, server, 7, 1, 0), nullptr) << QWErrorMessage();
   EXPECT_EQ(static_cast<const char *>(h.address)[kBlock - 1], 'h');
   ASSERT_TRUE(DRBServerBlockRelease(server, 7, 1, h.address));
+}
+
+// Growth steps by the room, but by at most 512 MiB of blocks once the room
+// holds more: the room after each growth, seen in the (sparse) file sizes.
+TEST_F(DRBServerTest, GrowthStepIsCappedAt512MiB) {
+  struct Case {
+    uint32_t blockSize, files;
+    std::vector<uint32_t> rooms;
+  } cases[] = {{128u << 20, 1, {1, 3, 7, 12, 17}},  // 7 blocks = 896 MiB: step 4, not 7
+               {64u << 20, 2, {2, 6, 14, 24, 34}}};  // 14 blocks = 896 MiB: step 8
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.blockSize);
+    Close();
+    std::filesystem::remove_all(path("meta"));
+    std::filesystem::remove_all(path("data"));
+    Open(c.files, c.blockSize);
+    uint32_t handed = 0;
+    for (uint32_t room : c.rooms) {
+      while (handed <= room - 1) ASSERT_EQ(DRBServerBlockNew(server), handed++) << QWErrorMessage();
+      EXPECT_EQ(Size("data/data0"), uint64_t(room / c.files) * c.blockSize) << room;
+    }
+  }
 }
 
 TEST_F(DRBServerTest, FreedBlocksComeBackLowestFirstOnlyAfterACommit) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 
+#include "platform/qwlib/fault.h"
 #include "qwvm/qwvm.h"
 #include "support/test_support.h"
 
@@ -59,6 +60,13 @@ class GenericSorterTest : public qwtest::TempDirTest {
   void Close() {
     EXPECT_TRUE(!sorter || GenericDBSorterClose(sorter));
     sorter = nullptr;
+  }
+  // Closes and opens an empty sorter.
+  void Fresh(int reverse, int compareValues, int compress) {
+    Close();
+    std::filesystem::remove_all(dir() + "/meta");
+    std::filesystem::remove_all(dir() + "/data");
+    Open(reverse, compareValues, compress);
   }
   // Every entry of the single run left, as (key, value) pairs in order, the
   // entries' keys and each pair's entry number.
@@ -113,10 +121,7 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
   for (int mode = 0; mode < 8; ++mode) {
     const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
     SCOPED_TRACE(mode);
-    Close();
-    std::filesystem::remove_all(dir() + "/meta");
-    std::filesystem::remove_all(dir() + "/data");
-    Open(reverse, compareValues, compress);
+    Fresh(reverse, compareValues, compress);
     std::vector<Pair> model = WriteRandom(6000, 700, 3 + mode);
     ASSERT_TRUE(GenericDBSorterSort(sorter, 3 * 8192, 250)) << QWErrorMessage();  // fan-in 3: several passes
     std::vector<std::string> keys;
@@ -141,6 +146,95 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
   }
 }
 
+// A flush's run, byte for byte, against the plain algorithm: records sorted
+// with the record comparator (equal records in writing order), equal keys
+// grouped into one entry (field 0, key, values, lengths, counts of 1) by the
+// entry encoder, each framed alone, or (compressing) appended until 1 MiB is
+// pending, then deflated as one payload. The same entries written through
+// KMVWriterWriteEntry make the same run, and the flush leaves the writer's
+// entry holding its last one.
+TEST_F(GenericSorterTest, FlushWritesTheEntriesOfTheRecordOrderByteForByte) {
+  struct Record {
+    std::string key, value;
+  };
+  for (int mode = 0; mode < 8; ++mode) {
+    const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
+    SCOPED_TRACE(mode);
+    Fresh(reverse, compareValues, compress);
+    std::mt19937 random(mode);
+    std::vector<Record> records;
+    GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 1 << 20);
+    for (int i = 0; i < (compress ? 1500 : 400); ++i) {
+      Record r{std::string(random() % 11, 'a'), std::string(compress ? 1000 : random() % 3, 'v')};
+      for (char &c : r.key) c = "\0a\xff"[random() % 3];
+      for (char &c : r.value) c = "\0z\xff"[random() % 3];
+      ASSERT_TRUE(GenericDBSorterWrite(writer, r.key.data(), uint32_t(r.key.size()), r.value.data(),
+                                       uint32_t(r.value.size())));
+      records.push_back(r);
+    }
+    ASSERT_EQ(GenericDBSorterFlush(writer), 1) << QWErrorMessage();
+    const std::vector<uint8_t> lastEntry = Encode(writer->entry);
+    DBSEntryWriter kmvRun;
+    ASSERT_TRUE(DBSEntryWriterInit(&kmvRun, sorter->dbs, DBSorterNewRunID(sorter->dbs)));
+    auto compare = [&](const Record &a, const Record &b) {
+      int c = a.key.compare(b.key) < 0 ? -1 : a.key != b.key;  // std::string compares bytes unsigned
+      if (c == 0 && compareValues) c = a.value.compare(b.value) < 0 ? -1 : a.value != b.value;
+      return (reverse ? -c : c) < 0;
+    };
+    std::stable_sort(records.begin(), records.end(), compare);
+    std::vector<uint8_t> expected, pending;
+    auto frame = [&](const uint8_t *bytes, size_t length) {
+      const uint8_t header[4] = {uint8_t(length), uint8_t(length >> 8), uint8_t(length >> 16), uint8_t(length >> 24)};
+      expected.insert(expected.end(), header, header + 4);
+      expected.insert(expected.end(), bytes, bytes + length);
+    };
+    ZFlow *flow = ZFlowNewCompress(2, 6);
+    int payloads = 0;
+    auto deflate = [&] {
+      ++payloads;
+      uint8_t *packed = nullptr;
+      ASSERT_TRUE(ZFlowSetCompress(flow, 1, 2, 6) && ZFlowCompress(flow, pending.data(), pending.size(), &packed));
+      frame(packed, ArrayLength(packed));
+      ArrayFree(packed);
+      pending.clear();
+    };
+    KMVEntry *entry = writer->entry;
+    std::vector<uint8_t> bytes;
+    for (size_t first = 0, next; first < records.size(); first = next) {
+      ASSERT_TRUE(KMVEntryReInit(entry));
+      ASSERT_TRUE(ArrayGrow(entry->key, records[first].key.size()));
+      std::memcpy(entry->key, records[first].key.data(), records[first].key.size());
+      for (next = first; next < records.size() && records[next].key == records[first].key; ++next) {
+        const std::string &value = records[next].value;
+        const size_t at = ArrayLength(entry->values);
+        ASSERT_TRUE(ArrayGrow(entry->values, value.size()));
+        std::memcpy(entry->values + at, value.data(), value.size());
+        ASSERT_TRUE(ArrayAppend(entry->valueLengths, uint32_t(value.size())) && ArrayAppend(entry->counts, 1u));
+      }
+      bytes = Encode(entry);
+      ASSERT_TRUE(KMVWriterWriteEntry(writer, &kmvRun)) << QWErrorMessage();
+      if (!compress) frame(bytes.data(), bytes.size());
+      pending.insert(pending.end(), bytes.begin(), bytes.end());
+      if (compress && pending.size() >= COMPRESSOR_THRESHOLD) deflate();
+    }
+    if (compress && !pending.empty()) deflate();
+    EXPECT_EQ(payloads, compress ? 2 : 0);  // 1.5 MB of values: cut once
+    EXPECT_TRUE(lastEntry == bytes);
+    ASSERT_TRUE(KMVWriterFlush(writer, &kmvRun) && DBSEntryWriterFlush(&kmvRun)) << QWErrorMessage();
+    GenericDBSorterWriterDelete(writer);
+    ZFlowDelete(flow);
+    for (uint32_t run : {0u, kmvRun.runIndex}) {  // the flush's, then KMVWriterWriteEntry's
+      ASSERT_EQ(DBSorterRunLength(sorter->dbs, run), expected.size()) << run;
+      std::vector<uint8_t> got(expected.size());
+      DBSEntryReader reader;
+      ASSERT_TRUE(DBSEntryReaderInit(&reader, sorter->dbs, run, 0));
+      EXPECT_EQ(DBSEntryReaderReadBytes(&reader, got.data(), uint32_t(got.size()), 0, 0), 1);
+      DBSEntryReaderClose(&reader);
+      EXPECT_TRUE(got == expected) << run;
+    }
+  }
+}
+
 TEST_F(GenericSorterTest, WriterEdgeCases) {
   Open(0, 1, 0);
   GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 4096);
@@ -151,6 +245,11 @@ TEST_F(GenericSorterTest, WriterEdgeCases) {
   const uint32_t keyIdx[] = {0, 3, 5, 7}, valueIdx[] = {0, 1, 2, 3};
   EXPECT_EQ(GenericDBSorterMultiWrite(writer, keys, keyIdx, 1, values, valueIdx, 1), 0);
   EXPECT_EQ(GenericDBSorterMultiWrite(writer, keys, keyIdx, 4, values, valueIdx, 4), 3);
+  // Each key then its value joins the pending bytes; one record per pair.
+  const uint32_t pending[3][5] = {{0, 3, 3, 1, 1}, {4, 2, 6, 1, 1}, {7, 2, 9, 1, 1}};
+  ASSERT_EQ(ArrayLength(writer->records), 3u);
+  EXPECT_EQ(std::memcmp(writer->records, pending, sizeof pending), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(writer->bytes), ArrayLength(writer->bytes)), "abc1ab2ab3");
   EXPECT_DEATH(GenericDBSorterMultiWrite(writer, keys, keyIdx, 4, values, valueIdx, 3), "keyIdx_len == valueIdx_len");
   EXPECT_EQ(GenericDBSorterFlush(writer), 1);
   GenericDBSorterWriterDelete(writer);
@@ -160,6 +259,48 @@ TEST_F(GenericSorterTest, WriterEdgeCases) {
   // "ab" (twice, one entry, values in order) before its extension "abc".
   EXPECT_EQ(Result(&entryKeys), (std::vector<Pair>{{"ab", "2"}, {"ab", "3"}, {"abc", "1"}}));
   EXPECT_EQ(entryKeys, (std::vector<std::string>{"ab", "abc"}));
+}
+
+// Every millionth pair added reports "written = %d" (level 1) with the
+// writer's pending bytes: two rounds of a million 2-byte pairs report once
+// each, 2000000 bytes apart (the pair counter would be 1000000 apart). A
+// merge that cannot read its runs reports "SORT ERROR" (level 2).
+TEST_F(GenericSorterTest, MessagesOfTheWriterAndOfAFailedSort) {
+  Open(0, 0, 0);
+  constexpr uint32_t kPairs = 1000000;
+  std::vector<uint32_t> offsets(kPairs + 1);
+  for (uint32_t i = 0; i <= kPairs; ++i) offsets[i] = i;
+  const std::string bytes(kPairs, 'k');
+  const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+  GenericDBSorterWriter *writer = GenericDBSorterWriterNew(sorter, 4 * kPairs);
+  std::vector<long> reported;
+  for (int round = 0; round < 2; ++round) {
+    qwtest::MessageCapture messages;
+    ASSERT_EQ(GenericDBSorterMultiWrite(writer, data, offsets.data(), kPairs + 1, data, offsets.data(), kPairs + 1),
+              int(kPairs));
+    for (const auto &m : messages.messages())
+      if (m.text.rfind("written = ", 0) == 0) {
+        EXPECT_EQ(m.level, QW_LEVEL_DEBUG);
+        reported.push_back(std::stol(m.text.substr(10)));
+      }
+  }
+  GenericDBSorterWriterDelete(writer);
+  ASSERT_EQ(reported.size(), 2u);
+  EXPECT_EQ(reported[1] - reported[0], 2 * long(kPairs));
+  EXPECT_EQ(reported[0] % 2, 0);
+  WriteRandom(100, 50, 1);
+  ASSERT_TRUE(GenericDBSorterCommit(sorter));
+  qwtest::MessageCapture messages;
+  qw::fault::Reset();
+  qw::fault::FailPath("data/data", qw::fault::Bit(qw::fault::Op::Map));
+  EXPECT_FALSE(GenericDBSorterSort(sorter, 1 << 20, 0));
+  qw::fault::Disable();
+  EXPECT_TRUE(messages.contains("SORT ERROR", QW_LEVEL_PROGRESS));
+  EXPECT_FALSE(GenericDBSorterClose(sorter));  // its commit is refused: the failed merge is dropped
+  sorter = nullptr;
+  Open(0, 0, 0);
+  EXPECT_TRUE(GenericDBSorterSort(sorter, 1 << 20, 0)) << QWErrorMessage();
+  EXPECT_EQ(Result().size(), 100u);
 }
 
 TEST_F(GenericSorterTest, CompressedMergeKilledAfterACheckpointResumes) {
