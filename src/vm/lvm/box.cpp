@@ -67,10 +67,6 @@ QW_API BoxLVM *BoxLVMOpen(const char *dir, uint32_t bucketCount, uint32_t arenaP
     QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "filename too long");
     return nullptr;
   }
-  if (create && bucketCount == 0) {
-    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "a box needs at least one bucket");
-    return nullptr;
-  }
   const uint32_t count = StoredBucketCount(dir, bucketCount, create);
   if (count == 0) return nullptr;
   auto box = std::make_unique<BoxLVM>();

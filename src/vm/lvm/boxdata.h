@@ -14,11 +14,13 @@
 #include "qwvm/boxdata.h"
 #include "qwvm/qwfile.h"
 
+// Longest data file path: the directory, a slash and "box.dat" may take up
+// to 260 characters; the buffers keep one more byte for the terminating NUL.
 inline constexpr size_t kBoxPathMax = 260;
 
 struct BoxLVMDataFile {
-  char dir[kBoxPathMax];
-  char path[kBoxPathMax];                       // dir + "/" + "box.dat"
+  char dir[kBoxPathMax + 1];
+  char path[kBoxPathMax + 1];                   // dir + "/" + "box.dat"
   QWFILE handle = QWFILE_INVALID;
   int fd = -1;                                  // for messages
   PageCache *cache = nullptr;                   // null: direct access

@@ -7,7 +7,6 @@
 //  - The page cache keeps the handle it is given, so the handle opened to
 //    check the size is the one registered (no second open).
 //  - The access hint is the random one (FileSetReadSize with 0).
-//  - The path must fit the 260-byte name buffer with its terminating NUL.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -120,7 +119,7 @@ bool Extend(File *file, uint32_t pages) {
 QW_API BoxLVMDataFile *BoxLVMDataFileOpen(const char *dir, uint32_t pages, int create, int readOnly, int verbose,
                                           int keepBadSize, int noAdvice, PageCache *cache) {
   qwassert_(!create || !readOnly);
-  if (std::strlen(dir) + 1 + std::strlen(BOXLVM_DATA_FILE_NAME) >= kBoxPathMax) {
+  if (std::strlen(dir) + 1 + std::strlen(BOXLVM_DATA_FILE_NAME) > kBoxPathMax) {
     QWErrorThrow(EINVAL, QW_ERROR_CLASS_GENERAL, "path name too long: \"%s/%s\"", dir, BOXLVM_DATA_FILE_NAME);
     return nullptr;
   }

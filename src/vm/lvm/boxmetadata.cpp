@@ -44,8 +44,8 @@ bool ReadBlockList(BoxLVMBucket &bucket, uint32_t s, std::vector<uint32_t> *hand
   }
   ArrayFree(bytes);
   if (!ok) return false;
-  const size_t __handles__ = handles->size();
-  if (length % 4 != 0 || __handles__ <= 1) {
+  const size_t count = handles->size();
+  if (length % 4 != 0 || count <= 1) {
     if (!VMArenaIsReadOnly(bucket.meta.arena)) VMArenaTagCorrupted(bucket.meta.arena);
     return QWErrorThrow(74, QW_ERROR_CLASS_DATA, "ArrayLength(*handle) > 1 does not hold for secondary id %u", s);
   }
@@ -204,10 +204,9 @@ QW_API int BoxLVMMetadataInit(BoxLVMMetadata *meta, const char *nameSpace, int c
     std::snprintf(name, sizeof name, "%s%d", "freeList", int(c));
     if (!OpenArray(meta, nameSpace, name, &meta->freeList[c], "could not create freelist %s", &made)) return 0;
   }
+  // The arrays are made in this order (a new arena numbers them so).
   if (!OpenArray(meta, nameSpace, "params", &meta->params, "could not create parameters array", &made) ||
-      !OpenArray(meta, nameSpace, "primMapping", &meta->primMapping, "could not create primary mapping", &made) ||
-      !OpenArray(meta, nameSpace, "secMappingFreeList", &meta->secMappingFreeList,
-                 "could not create freelist for secondary mapping", &made))
+      !OpenArray(meta, nameSpace, "primMapping", &meta->primMapping, "could not create primary mapping", &made))
     return 0;
   uint8_t *pathBuffer = nullptr;
   int ldbCreated = readOnly ? 0 : 1;
@@ -216,6 +215,9 @@ QW_API int BoxLVMMetadataInit(BoxLVMMetadata *meta, const char *nameSpace, int c
   ArrayFree(pathBuffer);
   if (!meta->secMapping) return QWErrorRethrow("could not create secondary mapping");
   made = made || ldbCreated;
+  if (!OpenArray(meta, nameSpace, "secMappingFreeList", &meta->secMappingFreeList,
+                 "could not create freelist for secondary mapping", &made))
+    return 0;
   meta->secMappingThreadData = LDBArrayThreadDataNew();
   meta->blocks = new (std::nothrow) BoxRecycleLists();
   if (!meta->secMappingThreadData || !meta->blocks)

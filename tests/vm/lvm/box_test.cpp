@@ -255,6 +255,8 @@ TEST_F(BoxTest, EdgeCasesOfValuesCountsAndModes) {
   // A directory without a box.
   EXPECT_EQ(BoxLVMOpen(path("none").c_str(), 2, 1, 1, 0, 0, nullptr), nullptr);
   EXPECT_NE(std::string(QWErrorMessage()).find("Could not read status in " + path("none")), std::string::npos);
+  // A new box of no buckets.
+  EXPECT_DEATH((void)BoxLVMOpen(path("empty").c_str(), 0, 1, 1, 1, 0, nullptr), "bucketCount != 0");
 }
 
 TEST_F(BoxTest, ABucketWithoutItsEntryCountGetsItCountedOnOpen) {

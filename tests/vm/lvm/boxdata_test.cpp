@@ -200,8 +200,8 @@ TEST_P(BoxDataTest, OpenChecksThePathTheSizeAndTheCache) {
     BoxLVMDataClose(opened);
   }
   PageCache *small = PageCacheNew(1 << 20, 4096);
-  const std::string longDir = dir() + "/" + std::string(251 - dir().size(), 'd');  // 260 with "/box.dat"
-  const std::string shorter = longDir.substr(0, longDir.size() - 1);                // fits, but is missing
+  const std::string longDir = dir() + "/" + std::string(252 - dir().size(), 'd');  // 261 with "/box.dat"
+  const std::string shorter = longDir.substr(0, longDir.size() - 1);                // 260 fits, but is missing
   const std::tuple<std::string, uint32_t, PageCache *, int, std::string> failures[] = {
       {dir(), 2, nullptr, 0, "box data file \"" + path("box.dat") + "\" has invalid size (current is 8192, should have at least 16384)"},
       {longDir, 0, nullptr, 22, "path name too long: \"" + longDir + "/box.dat\""},
