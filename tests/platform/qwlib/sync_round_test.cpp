@@ -1,12 +1,15 @@
 // SyncRound: every item synced once (directories deduplicated), really made
-// durable (checked across a simulated power loss), and a failure carried from
-// the worker thread with its whole error chain.
+// durable (checked across a simulated power loss), a failure carried from
+// the worker thread with its whole error chain, and the kept workers shared
+// by rounds of many threads and re-made in a child of fork.
 #include "platform/qwlib/sync_round.h"
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/qwlib/fault.h"
@@ -76,6 +79,61 @@ TEST_F(SyncRoundTest, CarriesTheFirstFailureWithItsChain) {
   fault::Disable();
   EXPECT_EQ(QWFileClose(a), 1);
   EXPECT_EQ(QWFileClose(b), 1);
+}
+
+TEST(SyncRoundConcurrency, RoundsOfManyThreadsRunEachItemOnceAndAChildOfForkMakesItsOwnWorkers) {
+  constexpr int kThreads = 4, kRounds = 50, kItems = 6;
+  std::vector<std::atomic<int>> runs(kThreads * kRounds * kItems);
+  auto runRounds = [&](int thread) {
+    for (int r = 0; r < kRounds; ++r) {
+      qw::SyncRound round;
+      for (int i = 0; i < kItems; ++i) {
+        const int slot = (thread * kRounds + r) * kItems + i;
+        // Item 3 of every other round fails; the round reports it.
+        const bool fails = i == 3 && r % 2 == 1;
+        round.Add(
+            [&runs, slot, fails] {
+              runs[slot].fetch_add(1);
+              return fails ? QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "item %d failed", slot) : 1;
+            },
+            "round failed");
+      }
+      const bool ok = round.Run();
+      EXPECT_EQ(ok, r % 2 == 0) << thread << "/" << r;
+      if (!ok) {
+        const int failed = (thread * kRounds + r) * kItems + 3;
+        EXPECT_EQ(std::string(QWErrorMessage()), "item " + std::to_string(failed) + " failed\nround failed");
+      }
+      QWErrorClear();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(runRounds, t);
+  for (std::thread &thread : threads) thread.join();
+  for (size_t slot = 0; slot < runs.size(); ++slot) ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
+  // The items of a round run at once: each waits until all have started.
+  // The parent's workers are parked now; a child of fork has none of them
+  // and must start its own.
+  auto allAtOnce = [] {
+    std::atomic<int> started{0};
+    qw::SyncRound round;
+    for (int i = 0; i < kItems; ++i)
+      round.Add(
+          [&started] {
+            started.fetch_add(1);
+            for (int wait = 0; wait < 5000 && started.load() < kItems; ++wait) usleep(1000);
+            return started.load() == kItems ? 1 : 0;
+          },
+          "");
+    return round.Run();
+  };
+  EXPECT_TRUE(allAtOnce());
+  const qwtest::ChildResult child = qwtest::RunInChild([&allAtOnce] {
+    alarm(20);  // a lock held by the parent's workers would hang it
+    _exit(allAtOnce() ? 0 : 2);
+  });
+  ASSERT_TRUE(child.exited) << "signal " << child.signal;
+  EXPECT_EQ(child.exitStatus, 0);
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ class Pool {
 
   void Give(PoolItem *item) {
     MutexAcquire(mutex_);
-    qwassert_(inUse_ > 0);
+    if (inUse_ == 0) QWAssertFail_("(threadData).t.count > 0", __FILE__, __LINE__);
     --inUse_;
     // The stack was sized when the item was made, so this append cannot fail.
     (void)ArrayAppend(free_, item);
