@@ -243,8 +243,11 @@ Figures CommittedFigures(VMArena *arena) {
   for (std::string line; std::getline(lines, line);) {
     int size = 0;
     unsigned free = 0;
-    if (line.rfind("length = ", 0) == 0) ++arrays;
-    else if (line == "Dumping free lists") inFreeLists = true;
+    // An array's "length = " line may follow its name or an empty array's
+    // sizes on the same line.
+    if (line.find("length = ") != std::string::npos) ++arrays;
+    if (line.find("totalSize = ") != std::string::npos) line.erase(0, line.find("totalSize = "));
+    if (line == "Dumping free lists") inFreeLists = true;
     else if (std::sscanf(line.c_str(), "totalSize = %llu", &totalSize) == 1) continue;
     else if (inFreeLists && std::sscanf(line.c_str(), "size = %d, free = %u", &size, &free) == 2)
       freeLists.push_back(Figures().Number("size", size).Number("free", free));

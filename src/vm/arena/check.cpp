@@ -194,7 +194,10 @@ QW_API void VMAArenaStatPrint(VMArena *arena, uint32_t generation) {
   uint32_t arrayCount = generation == OLDGEN ? arena->view.ArrayCount() : uint32_t(FArrayLength(&arena->arrays));
   uint64_t totalSize = 0;
   for (uint32_t a = 0; a < arrayCount; ++a) {
-    if (a < names.size() && a > 0) std::printf("# id = %d\nname = \"%s\"\n", int(a), names[a].c_str());
+    // Only the name service's own arrays are named, and the closing quote
+    // ends no line: the output keeps this established shape exactly.
+    if (a > 0 && a < names.size() && names[a].rfind("#name", 0) == 0)
+      std::printf("# id = %d\nname = \"%s\"", int(a), names[a].c_str());
     std::vector<uint64_t> blocks = BlocksOf(arena, a, generation);
     uint64_t size = 0, touched = 0, largest = 0;
     for (uint64_t id : blocks) {
@@ -211,7 +214,7 @@ QW_API void VMAArenaStatPrint(VMArena *arena, uint32_t generation) {
       std::printf("average per block = %" PRIu64 "\n", size / blocks.size());
       std::printf("size = %" PRIu64 ", touched = %" PRIu64 ", %f %%\n", size, touched, 100.0 * double(touched) / double(size));
     } else {
-      std::printf("size = %" PRIu64 ", touched = %" PRIu64 "\n", size, touched);
+      std::printf("size = %" PRIu64 ", touched = %" PRIu64, size, touched);
     }
   }
   if (generation == OLDGEN) VMArenaOldGenRelease(arena);

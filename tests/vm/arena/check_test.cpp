@@ -1,4 +1,6 @@
 // Arena check: clashes between arrays and free lists, in both generations.
+#include <algorithm>
+
 #include "arena_fixture.h"
 
 namespace {
@@ -47,6 +49,26 @@ TEST_F(ArenaCheck, CleanArenaPrintsNothing) {
   EXPECT_EQ(VMArenaCheckR(arena), 0);
   for (const char *prefix : {"enum", "##", "hard block clash", "r block clash"})
     EXPECT_EQ(CountStartingWith(prefix), 0) << prefix;
+}
+
+TEST_F(ArenaCheck, StatPrintNamesOnlyTheNameServiceArraysInItsEstablishedShape) {
+  int create = 1;
+  const uint32_t plain = VMAArrayFind(arena, NEWGEN, "plain", 5, 0, &create, 0, 8192);
+  ASSERT_NE(plain, VMA_NO_ARRAY) << QWErrorMessage();
+  ListBlock(plain, NewBlock(64));
+  (void)NewArray();  // empty, and the last one
+  const std::string out = qwtest::RunInChild([&] { VMAArenaStatPrint(arena, NEWGEN); }).out;
+  // A name's closing quote and an empty array's sizes end no line.
+  EXPECT_NE(out.find("# id = "), std::string::npos) << out;
+  EXPECT_NE(out.find("\nname = \"#name/params\"length = 1\nblock count = 1, max block size = "), std::string::npos) << out;
+  EXPECT_EQ(out.find("name = \"plain\""), std::string::npos) << out;
+  EXPECT_NE(out.find("block count = 1, max block size = 64, average per block = 64\nsize = 64, touched = "),
+            std::string::npos) << out;
+  EXPECT_NE(out.find("block count = 0, max block size = 0, size = 0, touched = 0totalSize = "), std::string::npos)
+      << out;
+  const size_t freeLists = out.find("Dumping free lists\nsize = 64, free = ");
+  ASSERT_NE(freeLists, std::string::npos) << out;
+  EXPECT_EQ(std::count(out.begin() + long(freeLists), out.end(), '\n'), 17) << out;
 }
 
 TEST_F(ArenaCheck, SameBlockInTwoArraysIsAHardClashInBothGenerations) {
