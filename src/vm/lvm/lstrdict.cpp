@@ -106,9 +106,12 @@ int Replay(LogReadContext *context, uint64_t first, uint64_t last, void *callbac
           return QWErrorRethrow("could not replay entry deletion");
         break;
       default:
+        // A type of no one's raises no error of its own: this message starts
+        // the chain then.
+        QWErrorClear();
         if (!LoggedVMProcessFun(dict->lvm, serial, type)) {
           if (QWErrorIsSet()) return QWErrorRethrow("could not replay generic LVM operation");
-          return QWErrorThrow(4, QW_ERROR_CLASS_DATA, "could not replay generic LVM operation (type %u)", type);
+          return QWErrorThrow(4, QW_ERROR_CLASS_DATA, "could not replay generic LVM operation");
         }
     }
     serial = next;
