@@ -242,4 +242,17 @@ TEST_F(StrTableTest, EveryTableStopCrashedInAChildKeepsACheckpointedTable) {
   }
 }
 
+TEST_F(StrTableTest, ATableStopAlsoFiresForTheDictionarysArenaDirectory) {
+  ASSERT_TRUE(qwtest::CrashAtStop(
+      "lstrtablecheckpoint1", tableDir() + "/dict/vm",
+      [&] {
+        table = LoggedStrTableOpen(tableDir().c_str(), 2, 1, 2, 0, nullptr);
+        return table && Set("key", "value");
+      },
+      [&] { (void)LoggedStrTableCheckpoint(table, 1); }));
+  table = nullptr;
+  ASSERT_NO_FATAL_FAILURE(Open());
+  EXPECT_EQ(Get("key"), "<absent>");
+}
+
 }  // namespace
