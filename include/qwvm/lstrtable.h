@@ -22,8 +22,8 @@
  * buckets' serials are taken before the dictionary's, and the dictionary is
  * checkpointed first, so every id a checkpointed box entry uses is covered
  * by the dictionary's checkpoint. Crash stops (QWEXIT, with QWVMEXIT equal
- * to the table's directory): "lstrtablecheckpoint0" to
- * "lstrtablecheckpoint3".
+ * to the table's directory or to its dictionary's arena directory
+ * dir/dict/vm): "lstrtablecheckpoint0" to "lstrtablecheckpoint3".
  *
  * Keys are at least one byte: operations on an empty key return 0 and
  * change nothing. Ids of the table are box ids: a table holds fewer than

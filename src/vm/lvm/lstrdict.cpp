@@ -106,9 +106,12 @@ int Replay(LogReadContext *context, uint64_t first, uint64_t last, void *callbac
           return QWErrorRethrow("could not replay entry deletion");
         break;
       default:
+        // A type of no one's raises no error of its own: this message starts
+        // the chain then.
+        QWErrorClear();
         if (!LoggedVMProcessFun(dict->lvm, serial, type)) {
           if (QWErrorIsSet()) return QWErrorRethrow("could not replay generic LVM operation");
-          return QWErrorThrow(4, QW_ERROR_CLASS_DATA, "could not replay generic LVM operation (type %u)", type);
+          return QWErrorThrow(4, QW_ERROR_CLASS_DATA, "could not replay generic LVM operation");
         }
     }
     serial = next;
@@ -156,11 +159,12 @@ QW_API LoggedStrDict *LoggedStrDictOpen(const char *dir, int readOnly) {
   dict->replayThreadData = IDTreeThreadDataNew();
   if (dict->lock && dict->replayThreadData && Open(dict, dir, readOnly)) return dict;
   QWErrorSave();
-  if (dict->lvm) {
-    (void)LoggedVMClose(dict->lvm);
-    UnAllocate(dict->lvm);
-  }
+  LoggedVM *lvm = dict->lvm;
   Release(dict);
+  if (lvm) {
+    (void)LoggedVMClose(lvm);
+    UnAllocate(lvm);
+  }
   QWErrorRestore();
   return nullptr;
 }
@@ -168,9 +172,11 @@ QW_API LoggedStrDict *LoggedStrDictOpen(const char *dir, int readOnly) {
 QW_API int LoggedStrDictClose(LoggedStrDict *dict, int checkpoint) {
   if (!dict) return 1;
   if (checkpoint == 1 && !LoggedStrDictCheckpoint(dict, 0, LVM_NO_SERIAL)) return QWErrorRethrow("could not checkpoint");
-  const int closed = LoggedVMClose(dict->lvm);
-  UnAllocate(dict->lvm);
+  // The tree goes before the arena it lives in.
+  LoggedVM *lvm = dict->lvm;
   Release(dict);
+  const int closed = LoggedVMClose(lvm);
+  UnAllocate(lvm);
   return closed;
 }
 
@@ -233,7 +239,13 @@ QW_API LoggedStrDictEnumeration *LoggedStrDictEnumerationNew(LoggedStrDict *dict
     const uint32_t *atom = nullptr;
     uint32_t atomLength = 0;
     uint64_t id = 0;
-    while (ok && IDTreeEnumerationGetNext(walk, &atom, &atomLength, &id)) enumeration->ids.push_back(id);
+    while (ok && IDTreeEnumerationGetNext(walk, &atom, &atomLength, &id)) {
+      // The tree stores id + 1; a stored 0 is damage.
+      const uint64_t value = id + 1;
+      if (value == EMPTY_NODE_DATA && !dict->readOnly) VMArenaTagCorrupted(LoggedVMArenaGet(dict->lvm));
+      qwassert_(value != EMPTY_NODE_DATA);
+      enumeration->ids.push_back(id);
+    }
     ok = ok && !QWErrorIsSet();
   }
   LoggedVMReaderRelease(dict->lvm, ticket);

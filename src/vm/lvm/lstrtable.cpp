@@ -12,6 +12,7 @@
 
 struct LoggedStrTable {
   std::string dir;
+  std::string dictArena;  // dir/dict/vm: the first arena a checkpoint commits
   LoggedStrDict *dict = nullptr;
   BoxLVM *box = nullptr;
   uint64_t *serials = nullptr;  // one per box bucket, reused by checkpoints
@@ -64,6 +65,13 @@ bool JoinPath(const char *dir, const char *name, std::string *out) {
   return out->size() <= 259 || QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "filename too long");
 }
 
+// A table stop fires when QWVMEXIT names the table's directory or its
+// dictionary's arena directory.
+void CrashPoint(const LoggedStrTable *table, const char *stop) {
+  QWCrashPoint(stop, table->dir.c_str());
+  QWCrashPoint(stop, table->dictArena.c_str());
+}
+
 bool Update(LoggedStrTable *table, uint64_t id, const void *entry, uint32_t size) {
   int isNew = 0, inError = 0;
   if (BoxLVMUpdate(table->box, uint32_t(id), 0, 0, entry, size, &isNew, &inError)) return true;
@@ -81,6 +89,7 @@ QW_API LoggedStrTable *LoggedStrTableOpen(const char *dir, uint32_t bucketCount,
   std::string dictDir, boxDir;
   if (!JoinPath(dir, "dict", &dictDir) || !JoinPath(dir, "box", &boxDir)) return nullptr;
   table->dir = dir;
+  table->dictArena = dictDir + "/vm";
   table->readOnly = readOnly != 0;
   table->lock = RWLockInit();
   if (!table->lock) return nullptr;
@@ -175,15 +184,14 @@ QW_API int LoggedStrTableDelete(LoggedStrTable *table, LoggedStrTableThreadData 
 QW_API int LoggedStrTableCheckpoint(LoggedStrTable *table, int commit) {
   std::unique_ptr<qw::lvm::HeldRW> exclusive;
   if (commit) exclusive = std::make_unique<qw::lvm::HeldRW>(table->lock, true);
-  const char *dir = table->dir.c_str();
-  QWCrashPoint("lstrtablecheckpoint0", dir);
+  CrashPoint(table, "lstrtablecheckpoint0");
   if (!BoxLVMSerialGet(table->box, &table->serials)) return 0;
   const uint64_t dictSerial = LoggedStrDictSerialGet(table->dict);
-  QWCrashPoint("lstrtablecheckpoint1", dir);
+  CrashPoint(table, "lstrtablecheckpoint1");
   if (!LoggedStrDictCheckpoint(table->dict, commit, dictSerial)) return 0;
-  QWCrashPoint("lstrtablecheckpoint2", dir);
+  CrashPoint(table, "lstrtablecheckpoint2");
   if (!BoxLVMCheckpoint(table->box, commit, &table->serials)) return 0;
-  QWCrashPoint("lstrtablecheckpoint3", dir);
+  CrashPoint(table, "lstrtablecheckpoint3");
   return 1;
 }
 

@@ -185,6 +185,27 @@ TEST_F(StrTableTest, DictionaryRecordsEmptyKeysDeletedAndStaleEntries) {
   BoxLVMClose(raw, 0);
 }
 
+TEST_F(StrTableTest, ReplayOfARecordOfNoOnesTypeFailsTheOpen) {
+  LoggedStrDictThreadData *dtd = LoggedStrDictThreadDataNew();
+  LoggedStrDict *dict = LoggedStrDictOpen(path("dict").c_str(), 0);
+  ASSERT_NE(dict, nullptr) << QWErrorMessage();
+  uint64_t id = 0;
+  ASSERT_TRUE(LoggedStrDictLookup(dict, dtd, "k", 1, 1, &id));
+  ASSERT_TRUE(LoggedStrDictClose(dict, 0));
+  LoggedStrDictThreadDataFree(dtd);
+  // A record of type 3 after the addition, both covered by a checkpoint.
+  QWLog *log = LogOpen(path("dict/log").c_str(), 0);
+  ASSERT_NE(log, nullptr) << QWErrorMessage();
+  ASSERT_TRUE(LogWrite(log, 3, "x", 1, 0));
+  unsigned char covered[8];
+  for (int i = 0; i < 8; ++i) covered[i] = uint8_t(LogLastSerial(log) >> (8 * i));
+  ASSERT_TRUE(LogWrite(log, LVM_CHECKPOINT, covered, 8, LOG_WRITE_FLUSH));
+  ASSERT_TRUE(LogClose(log));
+  EXPECT_EQ(LoggedStrDictOpen(path("dict").c_str(), 0), nullptr);
+  const std::string chain = QWErrorMessage();
+  EXPECT_EQ(chain.substr(0, chain.find('\n')), "could not replay generic LVM operation") << chain;
+}
+
 TEST_F(StrTableTest, EveryTableStopCrashedInAChildKeepsACheckpointedTable) {
   Model before, after;
   ASSERT_NO_FATAL_FAILURE(Open());
@@ -219,6 +240,19 @@ TEST_F(StrTableTest, EveryTableStopCrashedInAChildKeepsACheckpointedTable) {
     ASSERT_NO_FATAL_FAILURE(ExpectHolds(stop == 3 ? after : before));
     Close(false);
   }
+}
+
+TEST_F(StrTableTest, ATableStopAlsoFiresForTheDictionarysArenaDirectory) {
+  ASSERT_TRUE(qwtest::CrashAtStop(
+      "lstrtablecheckpoint1", tableDir() + "/dict/vm",
+      [&] {
+        table = LoggedStrTableOpen(tableDir().c_str(), 2, 1, 2, 0, nullptr);
+        return table && Set("key", "value");
+      },
+      [&] { (void)LoggedStrTableCheckpoint(table, 1); }));
+  table = nullptr;
+  ASSERT_NO_FATAL_FAILURE(Open());
+  EXPECT_EQ(Get("key"), "<absent>");
 }
 
 }  // namespace
