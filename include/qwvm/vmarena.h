@@ -152,7 +152,11 @@ QW_API void VMArenaDataBlockFree(VMArena *arena, uint32_t globalId, uint32_t arg
 QW_API void *VMArenaDataBlockAcquire(VMArena *arena, uint32_t globalId, uint32_t hint, uint32_t generation,
                                      int read);
 
-/* Makes the server block resident (fetched and released with keep hints). */
+/* Makes the server block resident (fetched into the page cache and released
+ * with keep hints). Asserts "blockID != INVALID_BLOCK_ID" and, for a block
+ * without a raw block in `generation`, "rawBlockID != INVALID_RAW_BLOCK_ID".
+ * In mapped mode there is no page cache to keep the block in: the call does
+ * nothing (the mapping keeps it), so that locked arrays work in both modes. */
 QW_API void VMArenaBlockLock(VMArena *arena, uint32_t globalId, uint32_t generation);
 
 /* Placement of an arena block: its class, bucket, server block and slot. */

@@ -102,13 +102,14 @@ using namespace qw::vm;
 extern "C" {
 
 QW_API void VMArenaBlockLock(VMArena *arena, uint32_t globalId, uint32_t generation) {
-  qwassert_(globalId != INVALID_BLOCK_ID);
+  const uint32_t blockID = globalId;
+  qwassert_(blockID != INVALID_BLOCK_ID);
   CheckGeneration(generation);
-  LocalBlockServer0 *server = ServerOf(arena, globalId);
-  uint32_t raw = LocalBlockServer0RawIdRead(server, ServerBlockOf(arena, globalId), generation);
-  qwassert_(raw != INVALID_RAW_BLOCK_ID);
+  LocalBlockServer0 *server = ServerOf(arena, blockID);
+  const uint32_t rawBlockID = LocalBlockServer0RawIdRead(server, ServerBlockOf(arena, blockID), generation);
+  qwassert_(rawBlockID != INVALID_RAW_BLOCK_ID);
   if (arena->mapped) return;  // mapped memory stays where it is
-  void *memory = LocalBlockServer0RawBlockGet(server, raw);
+  void *memory = LocalBlockServer0RawBlockGet(server, rawBlockID);
   if (memory) LocalBlockServer0RawBlockRelease(server, memory, 0, 1, 1);
   else QWErrorClear();
 }
@@ -152,8 +153,9 @@ QW_API uint64_t VMArenaBlockNew(VMArena *arena, int lock, uint32_t size, uint32_
   }
   MutexRelease(arena->mutexes.newGen);
   if (lock) VMArenaBlockLock(arena, global, NEWGEN);
-  qwassert_(id != INVALID_VMARENA_BLOCK_ID);
-  return id;
+  const uint64_t vma_id = id;
+  qwassert_(vma_id != INVALID_VMARENA_BLOCK_ID);
+  return vma_id;
 }
 
 QW_API void VMArenaBlockFree(VMArena *arena, uint64_t id, uint32_t reserved) {
