@@ -154,17 +154,15 @@ void NoOldArray(VMArena *arena) {
 }
 
 uint32_t ArrayCreate(VMArena *arena, int isBlockArray, uint32_t blockSize, bool reuseFreeId) {
-  using UInt = uint32_t;
   uint8_t type = EMPTY_ARRAY_TYPE;
   uint8_t log2size = 13;
   if (isBlockArray) {
-    qwassert_(blockSize <= ARENA_MAX_BLOCK_SIZE);
+    // The power-of-two check comes first: any block size that is not one
+    // fails it, whatever its magnitude.
     type = FULL_BLOCK_ARRAY_TYPE;
     log2size = uint8_t(CeilLog2(blockSize));
-    struct {
-      uint8_t log2size;
-    } shape{log2size}, *array = &shape;
-    qwassert_((UInt) (1 << array->log2size) == blockSize);
+    QW_ASSERT_NAMED((uint64_t(1) << log2size) == blockSize, "(UInt) (1 << array->log2size) == blockSize");
+    qwassert_(blockSize <= ARENA_MAX_BLOCK_SIZE);
   }
   ScopedMutex lock(arena->mutexes.newGen);
   size_t freeCount = ArrayLength(arena->freeArrayIds);
