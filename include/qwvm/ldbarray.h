@@ -227,7 +227,8 @@ QW_API int LDBArrayClearElement(LDBArray *array, uint32_t bucket, uint32_t handl
 
 /*
  * Empties the whole array: frees the external blocks of every element of
- * every bucket, then clears the flag array and the block-directory array.
+ * every bucket, clears the block-directory array and every flag bit (the
+ * flag array keeps its length, all bytes zero).
  * genID must be NEWGEN. Returns 1, or 0 with an error. The blocks of a
  * malformed element cannot be known: they stay allocated, the arena is
  * tagged corrupted, the clear goes on and then returns 0 with the data error.

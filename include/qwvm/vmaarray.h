@@ -68,12 +68,14 @@ typedef struct VMAArrayHandle {
 /* ------------------------------------------------------------------------ */
 
 /*
- * Frees every block of a NEWGEN array and sets its length to 0.
+ * Frees every block of a NEWGEN array, sets its length to 0 and makes its id
+ * free for reuse: VMAArrayNew reuses the last freed id first.
  *  arrayID  an array other than 0 (array 0 holds the names).
- * An unnamed array's id becomes reusable (VMAArrayNew reuses the last freed id
- * first). A named array keeps its id: names are bound to their ids for the
- * life of the arena, so a later lookup of the name finds the same, now empty,
- * array (a block array stays a block array).
+ * Names stay bound to their ids for the life of the arena: once VMAArrayNew
+ * has reused a named array's id, the name finds the array made then. A
+ * lookup of the name (VMAArrayFind in NEWGEN, VMAArrayInitFromPath...) before
+ * that takes the id back for the name: it finds the same, now empty, array
+ * (a block array stays a block array) and VMAArrayNew no longer hands it out.
  * Returns 1, or 0 with an error: code 22 for array 0 or an id already freed.
  */
 QW_API int VMAArrayFree(VMArena *arena, uint32_t arrayID);

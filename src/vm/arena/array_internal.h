@@ -146,10 +146,12 @@ class HeldRange {
 // log2 of a power of two (the block sizes of block arrays).
 uint32_t Log2(uint32_t value);
 
-// Table and names (array_table.cpp, array_names.cpp). ArrayCreate and
-// ArrayIsNamed need the name mutex held.
+// Table and names (array_table.cpp, array_names.cpp). ArrayCreate needs the
+// name mutex held.
 uint32_t ArrayCreate(VMArena *arena, int isBlockArray, uint32_t blockSize, bool reuseFreeId);
-bool ArrayIsNamed(const VMArena *arena, uint32_t arrayID);
+// A freed id whose name was just looked up in NEWGEN belongs to that name
+// again: it leaves the free-id stack (writable arenas; name mutex held).
+void ReclaimFreedId(VMArena *arena, uint32_t arrayID);
 // False with an error while a mounted generation's names are not read yet.
 [[nodiscard]] bool NamesCurrent(const VMArena *arena);
 [[nodiscard]] bool RebuildDirectory(VMArena *arena);

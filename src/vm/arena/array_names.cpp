@@ -166,13 +166,6 @@ uint32_t CreateNamed(VMArena *arena, const uint8_t *name, uint32_t nameLength, i
   return id;
 }
 
-bool ArrayIsNamed(const VMArena *arena, uint32_t arrayID) {
-  const std::vector<uint32_t> &ends = arena->arrayState.nameEnds;
-  if (arrayID == 0 || arrayID > ends.size()) return false;
-  const uint32_t start = arrayID == 1 ? 0 : ends[arrayID - 2] + 1;
-  return ends[arrayID - 1] > start;
-}
-
 bool CheckNameArrays(VMArena *arena, const OldView &committed) {
   if (arena->arrayState.directory.Count() == 0 || committed.ArrayCount() == 0)
     return NameError(arena, "no name array");
@@ -244,6 +237,7 @@ QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, u
     id = NameTreeFind(arena, genID, bytes, nameLength, wantCreate, isBlockArray, blockSize, &answered, &created);
     if (answered) {
       if (created) *create = 1;
+      else if (genID == NEWGEN && id != VMA_NO_ARRAY) ReclaimFreedId(arena, id);
       return id;
     }
   }
@@ -259,7 +253,12 @@ QW_API uint32_t VMAArrayFind(VMArena *arena, uint32_t genID, const void *name, u
     return id;
   }
   ScopedMutex lock(arena->arrayState.nameMutex);
-  if (!ScanNames(arena, NEWGEN, bytes, nameLength, &id) || id != VMA_NO_ARRAY || !wantCreate) return id;
+  if (!ScanNames(arena, NEWGEN, bytes, nameLength, &id)) return id;
+  if (id != VMA_NO_ARRAY) {
+    ReclaimFreedId(arena, id);
+    return id;
+  }
+  if (!wantCreate) return id;
   qwassert_(!arena->readOnly);
   id = CreateNamed(arena, bytes, nameLength, isBlockArray, blockSize);
   if (id == VMA_NO_ARRAY) return id;

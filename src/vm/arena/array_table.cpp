@@ -1,12 +1,15 @@
 // The array table of the new generation: records, their lock-free
 // directory, creation and freeing of array ids.
 //
-// Ids: VMAArrayNew reuses the most recently freed id (a stack saved with the
-// new generation) before it appends a record. Named arrays (array_names.cpp)
-// always get a fresh id, and their ids never go back on the stack: the name
-// list is positional (the k-th name belongs to id k) and append-only, so a
-// name stays bound to its id for the life of the arena. Freeing a named
-// array empties it; looking its name up later finds the same, empty, array.
+// Ids: VMAArrayFree puts every id it frees, named or not, on a stack saved
+// with the new generation, and VMAArrayNew reuses the most recently freed id
+// before it appends a record. Named arrays (array_names.cpp) are always made
+// with a fresh id: the name list is positional (the k-th name belongs to id
+// k) and append-only, so a name stays bound to its id for the life of the
+// arena. A freed named id that VMAArrayNew reuses is therefore found by the
+// old name; a freed named id that a lookup of its name finds while it is
+// still on the stack is taken back off it (ReclaimFreedId), so that no id
+// ever has two owners.
 #include <algorithm>
 #include <new>
 
@@ -153,18 +156,25 @@ void NoOldArray(VMArena *arena) {
   QW_ASSERT_NAMED(false, "arrayID < ArrayLength(arena->r_gen.length)");
 }
 
+void ReclaimFreedId(VMArena *arena, uint32_t arrayID) {
+  if (arena->readOnly || !IsOnFreeStack(arena, arrayID)) return;
+  ScopedMutex lock(arena->mutexes.newGen);
+  uint32_t *ids = arena->freeArrayIds;
+  const size_t count = ArrayLength(ids);
+  std::remove(ids, ids + count, arrayID);
+  ArrayLengthSet(arena->freeArrayIds, count - 1);  // shrinking cannot fail
+}
+
 uint32_t ArrayCreate(VMArena *arena, int isBlockArray, uint32_t blockSize, bool reuseFreeId) {
-  using UInt = uint32_t;
   uint8_t type = EMPTY_ARRAY_TYPE;
   uint8_t log2size = 13;
   if (isBlockArray) {
-    qwassert_(blockSize <= ARENA_MAX_BLOCK_SIZE);
+    // The power-of-two check comes first: any block size that is not one
+    // fails it, whatever its magnitude.
     type = FULL_BLOCK_ARRAY_TYPE;
     log2size = uint8_t(CeilLog2(blockSize));
-    struct {
-      uint8_t log2size;
-    } shape{log2size}, *array = &shape;
-    qwassert_((UInt) (1 << array->log2size) == blockSize);
+    QW_ASSERT_NAMED((uint64_t(1) << log2size) == blockSize, "(UInt) (1 << array->log2size) == blockSize");
+    qwassert_(blockSize <= ARENA_MAX_BLOCK_SIZE);
   }
   ScopedMutex lock(arena->mutexes.newGen);
   size_t freeCount = ArrayLength(arena->freeArrayIds);
@@ -199,12 +209,9 @@ QW_API int VMAArrayFree(VMArena *arena, uint32_t arrayID) {
   if (arrayID == 0)
     return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMAArrayFree: array 0 holds the array names and cannot be freed");
   ScopedMutex names(arena->arrayState.nameMutex);
-  if (!NamesCurrent(arena)) return 0;
-  bool named = ArrayIsNamed(arena, arrayID);
-  if (!named && IsOnFreeStack(arena, arrayID))
+  if (IsOnFreeStack(arena, arrayID))
     return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMAArrayFree: array %u is already free", arrayID);
   ClearBlocks(arena, array);
-  if (named) return 1;  // the id stays with its name
   ScopedMutex lock(arena->mutexes.newGen);
   if (!ArrayAppend(arena->freeArrayIds, arrayID))
     return QWErrorRethrow("VMAArrayFree: could not keep array %u for reuse", arrayID);

@@ -24,6 +24,14 @@ ArrayRecord *BlockArrayForChange(VMArena *arena, uint32_t arrayID, int arrayLock
   return array;
 }
 
+// The block list holds room for a count of blockCount - 1 entries before an
+// insert and after a remove. (No address cache is kept beside it: the arena
+// does not cache data addresses, so blockCache stays empty.)
+void CheckListRoom(const ArrayRecord *array, uint32_t blockCount) {
+  QW_ASSERT_NAMED(blockCount - 1 <= FArrayCapacity(&array->blockID),
+                  "blockCount - 1 <= ((array->blockID).t.capacity0 + (array->blockID).t.capacity)");
+}
+
 bool NoSuchBlock(const char *function, uint32_t arrayID, uint32_t n, uint32_t count) {
   return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "%s: array %u has %u blocks, no block %u", function, arrayID, count,
                       n) != 0;
@@ -79,8 +87,7 @@ QW_API int VMABlockArrayInsert_(VMArena *arena, uint32_t arrayID, int arrayLocke
     return QWErrorRethrow("VMABlockArrayInsert_: no block of %u bytes for array %u", blockSize, arrayID);
   bool success = FArrayAdd_(&array->blockID, 1, nullptr) != 0;  // within the reserved room
   qwassert_(success);
-  const uint32_t blockCount = count + 1;
-  qwassert_(blockCount - 1 <= FArrayCapacity(&array->blockID));
+  CheckListRoom(array, count + 1);
   for (uint32_t i = count; i > n; --i) BlockSlot(array, i) = BlockSlot(array, i - 1);
   BlockSlot(array, n) = blockId;
   return 1;
@@ -92,6 +99,7 @@ QW_API int VMABlockArrayRemove_(VMArena *arena, uint32_t arrayID, int arrayLocke
   qwassert_(array->log2size == Log2(maxBlockSize));
   const uint32_t blockCount = BlockCountOf(array);
   if (n >= blockCount) return NoSuchBlock("VMABlockArrayRemove_", arrayID, n, blockCount);
+  CheckListRoom(array, blockCount);
   const uint64_t blockId = BlockSlot(array, n);
   for (uint32_t i = n; i + 1 < blockCount; ++i) BlockSlot(array, i) = BlockSlot(array, i + 1);
   (void)FArrayLengthSet_(&array->blockID, blockCount - 1);  // shrinking cannot fail

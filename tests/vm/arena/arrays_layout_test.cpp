@@ -177,7 +177,7 @@ TEST_F(ArrayAssertions, EveryAssertionNamesItsCondition) {
        "!\\(arrayLocked && arena->bgLock\\)", false},
       {[&] { arena->bgLock = 1, VMAArrayCopy_(arena, id, 0, 0, 1, NEWGEN, kBlock, 1); },
        "!\\(\\(destLocked \\|\\| srcLocked\\) && arena->bgLock\\)", false},
-      {[&] { VMAArrayNew(arena, 1, 3000, NEWGEN); }, "assertion failed: \\(UInt\\) \\(1 << array->log2size\\) == blockSize", false},
+      {[&] { VMAArrayNew(arena, 1, 12000, NEWGEN); }, "assertion failed: \\(UInt\\) \\(1 << array->log2size\\) == blockSize", false},
       {[&] { VMArenaBlockNew(arena, 0, 8193, nullptr, 0); }, "size <= ARENA_MAX_BLOCK_SIZE", true},
       {[&] { VMArenaDataAcquire(arena, 0x10, 0, 2, 1, nullptr, nullptr); }, "FALSE", false},
       {[&] { VMArenaBlockLock(arena, INVALID_BLOCK_ID, NEWGEN); }, "assertion failed: blockID != INVALID_BLOCK_ID", false},

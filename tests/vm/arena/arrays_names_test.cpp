@@ -88,9 +88,9 @@ TEST_F(ArenaTest, InitFromPathCreatesOnceAndFindsAfterCommitAndReopen) {
   ArrayFree(scratch);
 }
 
-// Unnamed arrays take empty slots once a named array follows them; freed
-// named arrays keep their ids, freed unnamed ones are reused.
-TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
+// Unnamed arrays take empty slots once a named array follows them; freed ids
+// are reused, named or not, unless their name claims them back first.
+TEST_F(ArenaTest, NameSlotsFollowIdsAndFreedIdsAreReused) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t u1 = VMAArrayNew(arena, 0, kBlock, NEWGEN), u2 = VMAArrayNew(arena, 0, kBlock, NEWGEN);
   VMAArrayHandle named;
@@ -109,17 +109,21 @@ TEST_F(ArenaTest, NameSlotsFollowIdsAndNamedIdsAreNeverReused) {
   ASSERT_TRUE(VMAArrayAppend_(arena, named.id[NEWGEN], 0, kBlock, bytes, 300, NEWGEN, 1));
   ASSERT_TRUE(VMAArrayFree(arena, named.id[NEWGEN]));
   ASSERT_TRUE(VMAArrayFree(arena, u1));
-  // The unnamed id comes back; the named one does not.
+  // Freed ids come back last in, first out, a named one too; its name then
+  // finds the array that took the id.
   EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), u1);
-  EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), named.id[NEWGEN] + 1);
+  EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), named.id[NEWGEN]);
   VMAArrayHandle found;
   ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "n", "a"));
   EXPECT_EQ(found.id[NEWGEN], named.id[NEWGEN]);
   EXPECT_EQ(VMAArrayLength_(arena, found.id[NEWGEN], NEWGEN), 0u);
   EXPECT_EQ(VMABlockArrayBlockCount_(arena, found.id[NEWGEN], NEWGEN), 0u);
-  // Freeing it again is harmless (it is still bound to its name).
+  // A lookup of the name takes a freed id back before it is reused.
   EXPECT_TRUE(VMAArrayFree(arena, named.id[NEWGEN]));
+  EXPECT_EQ(ArrayLength(arena->freeArrayIds), 1u);
+  ASSERT_TRUE(VMAArrayInitFromPath(&found, arena, "n", "a"));
   EXPECT_EQ(ArrayLength(arena->freeArrayIds), 0u);
+  EXPECT_EQ(VMAArrayNew(arena, 0, kBlock, NEWGEN), named.id[NEWGEN] + 1);
   // A block array under a name is found as one, and only as one.
   VMAArrayHandle blocks;
   ASSERT_TRUE(VMABlockArrayInitFromPath_(&blocks, arena, "n", "b", 1));

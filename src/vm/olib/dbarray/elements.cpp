@@ -139,11 +139,12 @@ uint32_t Add(DBArray *array, uint32_t bucketIndex, const uint8_t *data, uint32_t
         continue;
       }
     }
+    // A block made for the element holds it: a second one is never needed.
+    ++addedBlockCounter;
     DBA_ASSERT(array->arena, addedBlockCounter < 2);
     if (!AppendBlock(array, bucket, blockCount, lastHandleTh, HEADER_SIZE + prefixBytes + dataLength, &tail))
       return kNone;
     ++blockCount;
-    ++addedBlockCounter;
   }
   const uint32_t lastHandle = tail.handle0 + tail.count;
   DBA_ASSERT(array->arena, lastHandle == lastHandleTh);

@@ -171,12 +171,14 @@ QW_API int LDBArrayClear(LDBArray *array, uint32_t genID) {
     if (corrupt) QWErrorRestore();
     return QWErrorRethrow("cannot clear a large-element array");
   }
-  {
-    FlagUpdate::WriteLock lock(array->flagLock);
-    (void)VMAArrayClear_(array->arena, array->flag.id[NEWGEN], int(array->locked[NEWGEN]), NEWGEN);
+  // The elements go first: until they do, their flags must still say which
+  // are external. A flag left set afterwards is harmless (every add writes
+  // its element's bit), so a failure to clear the bits loses nothing.
+  bool cleared = DBArrayClear(array->elements, NEWGEN) != 0;
+  if (cleared) {
+    FreeBlocks(array, all.ids);  // nothing names them any more
+    cleared = ClearFlags(array);
   }
-  const bool cleared = DBArrayClear(array->elements, NEWGEN) != 0;
-  if (cleared) FreeBlocks(array, all.ids);  // nothing names them any more
   if (corrupt) QWErrorRestore();
   if (!cleared || corrupt) return QWErrorRethrow("cannot clear a large-element array");
   return 1;

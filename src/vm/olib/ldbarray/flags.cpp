@@ -1,6 +1,9 @@
 // The flag array: one bit per element, 1 for the external form. Read under
 // the read side of flagLock, grown and changed under its write side, so that
 // readers never meet the array while its blocks are being replaced.
+#include <algorithm>
+#include <cstring>
+
 #include "vm/olib/ldbarray/flag_update.h"
 
 namespace qw::ldba {
@@ -59,6 +62,27 @@ bool EnsureFlag(LDBArray *array, uint32_t bucket, uint32_t handle) {
                          count, NEWGEN, 1))
       return QWErrorRethrow("cannot grow the flag array of a large-element array");
     length += count;
+  }
+  return true;
+}
+
+bool ClearFlags(LDBArray *array) {
+  const uint32_t id = array->flag.id[NEWGEN];
+  const int locked = int(array->locked[NEWGEN]);
+  FlagUpdate::WriteLock lock(array->flagLock);
+  const uint32_t length = FlagLength(array, NEWGEN);
+  for (uint32_t i = 0, end = 0; i < length; i = end) {
+    const auto *bytes = static_cast<const uint8_t *>(
+        VMAArrayRange_(array->arena, id, locked, kFlagBlockSize, i, &end, NEWGEN, 1, 1, 0));
+    if (!bytes) return QWErrorRethrow("cannot read the flag array of a large-element array");
+    const bool set = std::any_of(bytes, bytes + (end - i), [](uint8_t byte) { return byte != 0; });
+    VMAArrayRelease_(array->arena, id, const_cast<uint8_t *>(bytes), 1);
+    if (!set) continue;  // a block shared with the committed generation stays shared
+    auto *out = static_cast<uint8_t *>(
+        VMAArrayRange_(array->arena, id, locked, kFlagBlockSize, i, &end, NEWGEN, 0, 1, 0));
+    if (!out) return QWErrorRethrow("cannot clear the flag array of a large-element array");
+    std::memset(out, 0, end - i);
+    VMAArrayRelease_(array->arena, id, out, 0);
   }
   return true;
 }

@@ -80,6 +80,9 @@ inline uint64_t GlobalNumber(const LDBArray *array, uint32_t bucket, uint32_t ha
 [[nodiscard]] bool EnsureFlag(LDBArray *array, uint32_t bucket, uint32_t handle);
 // Sets the flag of an element whose byte exists (NEWGEN).
 [[nodiscard]] bool WriteFlag(LDBArray *array, uint32_t bucket, uint32_t handle, bool flag);
+// Clears every flag bit (NEWGEN) under the write side of flagLock; the flag
+// array keeps its length. Only bytes that hold a set bit are written.
+[[nodiscard]] bool ClearFlags(LDBArray *array);
 
 // Scratch lists of a thread (thread_data.cpp): emptied, made afresh past
 // kScratchShrink entries.

@@ -222,8 +222,11 @@ TEST_F(LDBArrayLayout, ClearEmptiesTheArrayAndItIsReusable) {
       ASSERT_EQ(Add(i % 3, value), i / 3) << QWErrorMessage();
       ASSERT_EQ(Read(i % 3, i / 3), value);
     }
+    const size_t flagBytes = Elements(std::string(ldbatest::kPath) + "/ldbarray/flag", 1).size();
     ASSERT_EQ(LDBArrayClear(array, NEWGEN), 1) << QWErrorMessage();
     for (uint32_t b = 0; b < 3; ++b) EXPECT_EQ(LDBArraySize(array, b, NEWGEN), 0u);
+    // The flag bits are cleared; the flag array keeps its bytes.
+    EXPECT_EQ(Elements(std::string(ldbatest::kPath) + "/ldbarray/flag", 1), std::vector<uint64_t>(flagBytes, 0));
     EXPECT_EQ(VMArenaCheck(arena), 0);
     if (round == 0) afterFirst = AllocationOf(arena);  // warms the size-class lists
     else EXPECT_EQ(AllocationOf(arena), afterFirst);
