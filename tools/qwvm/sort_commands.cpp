@@ -10,15 +10,18 @@
 // 1 every line is in a run), [1] the input being read, [2] the offset in it
 // up to which lines are in committed runs. A round of reading fills one
 // writer per thread, flushes them (in parallel) into runs, records the
-// progress and commits; the merge commits its own checkpoints; the output is
-// written to OUT.qwvm-sort-tmp and renamed onto OUT, and only then is the
-// state removed. Each line is a key with an empty value, so equal lines
+// progress and commits; the merges (down to as many runs as can be read at
+// once) commit their own checkpoints; the last pass reads those runs
+// together, without changing them, straight into OUT.qwvm-sort-tmp (started
+// over after a crash), which is renamed onto OUT, and only then is the state
+// removed. Each line is a key with an empty value, so equal lines
 // group into one entry whose value count is the number of copies.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cerrno>
 #include <cstdarg>
 #include <cinttypes>
@@ -28,6 +31,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -267,8 +271,93 @@ int SortRun::ReadInputs() {
   return 0;
 }
 
+// The sorted lines go to the output through a thread of their own, so that
+// the kernel's copying of them overlaps the merge: two buffers, one being
+// filled while the other is written. A regular file has its pages sent to
+// the disk as it grows, so that the sync before the rename finds little left.
+class OutputWriter {
+ public:
+  // Buffers of `size` bytes (a line longer than that makes one longer).
+  OutputWriter(int fd, bool regular, size_t size) : fd_(fd), regular_(regular), size_(size) {
+    filling_.reserve(size_ + 4096);
+    writing_.reserve(size_ + 4096);
+    thread_ = std::thread([this] { Loop(); });
+  }
+  ~OutputWriter() { (void)Finish(); }
+  // Appends `copies` lines of `length` bytes each.
+  bool Line(const uint8_t *bytes, size_t length, uint64_t copies) {
+    for (uint64_t c = 0; c < copies; ++c) {
+      filling_.insert(filling_.end(), bytes, bytes + length);
+      filling_.push_back('\n');
+      if (filling_.size() >= size_ && !Hand()) return false;
+    }
+    return true;
+  }
+  // Writes what is left and stops the thread; false when a write failed.
+  bool Finish() {
+    if (!thread_.joinable()) return !failed_;
+    const bool ok = Hand();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    return ok && !failed_;
+  }
+
+ private:
+  // Hands the filled buffer to the thread once it has written the other.
+  bool Hand() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return !busy_ || failed_; });
+    if (failed_) return false;
+    std::swap(filling_, writing_);
+    filling_.clear();
+    busy_ = true;
+    changed_.notify_all();
+    return true;
+  }
+  void Loop() {
+    uint64_t written = 0, sent = 0;
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return busy_ || done_; });
+        if (!busy_) return;
+      }
+      bool ok = true;
+      for (size_t at = 0; ok && at < writing_.size();) {
+        const ssize_t n = ::write(fd_, writing_.data() + at, writing_.size() - at);
+        if (n < 0 && errno == EINTR) continue;
+        ok = n > 0;
+        if (ok) at += size_t(n);
+      }
+      written += writing_.size();
+#ifdef __linux__
+      if (ok && regular_ && written - sent >= (16u << 20)) {
+        (void)::sync_file_range(fd_, off_t(sent), off_t(written - sent), SYNC_FILE_RANGE_WRITE);
+        sent = written;
+      }
+#endif
+      std::lock_guard<std::mutex> lock(mutex_);
+      failed_ = failed_ || !ok;
+      busy_ = false;
+      changed_.notify_all();
+    }
+  }
+
+  const int fd_;
+  const bool regular_;
+  const size_t size_;
+  std::vector<char> filling_, writing_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool busy_ = false, done_ = false, failed_ = false;
+  std::thread thread_;
+};
+
 int SortRun::WriteOutput() {
-  const uint32_t run = DBSorterMergedRunID(sorter_->dbs);
   // A regular file is replaced only once the whole output is written; a
   // device or a pipe (-o /dev/null) is written in place, never replaced.
   struct stat info;
@@ -278,43 +367,18 @@ int SortRun::WriteOutput() {
                  : special     ? ::open(job_.output.c_str(), O_WRONLY)
                                : 1;
   if (fd < 0) return Fail("cannot write " + (temp.empty() ? job_.output : temp) + ": " + std::strerror(errno));
-  std::vector<char> out;
-  out.reserve(1 << 20);
-  auto drain = [&] {
-    for (size_t at = 0; at < out.size();) {
-      const ssize_t n = ::write(fd, out.data() + at, out.size() - at);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      at += size_t(n);
-    }
-    out.clear();
-    return true;
-  };
-  bool ok = true;
-  if (run != DBS_NO_RUN) {
-    KMVReader *reader = KMVReaderNew(sorter_, run);
-    KMVEntry *entry = KMVEntryNew();
-    int r = 0;
-    while (ok && reader && entry && (r = KMVReaderReadEntry(reader, entry)) == 1) {
-      const size_t keyLength = ArrayLength(entry->key);
-      for (size_t v = 0; ok && v < ArrayLength(entry->counts); ++v)
-        for (uint32_t c = 0; ok && c < entry->counts[v]; ++c) {
-          out.insert(out.end(), entry->key, entry->key + keyLength);
-          out.push_back('\n');
-          if (out.size() >= (1 << 20)) ok = drain();
-        }
-    }
-    ok = ok && reader && entry && r == 0;
-    KMVEntryDelete(entry);
-    KMVReaderDelete(reader);
-  } else {
-    // No single run: right only when there is no run at all.
-    uint32_t *live = nullptr;
-    ok = !DBSorterMergePending(sorter_->dbs) && !DBSorterGetRunToMerge(sorter_->dbs, &live, UINT64_MAX) &&
-         !QWErrorIsSet();
-    ArrayFree(live);
+  bool ok;
+  {
+    OutputWriter out(fd, !temp.empty(), std::clamp<size_t>(job_.memory / 32, 64 << 10, 2 << 20));
+    ok = GenericDBSorterScan(
+        sorter_,
+        [](void *context, const KMVEntryView *entry) {
+          if (static_cast<OutputWriter *>(context)->Line(entry->key, entry->keyLength, entry->records)) return 1;
+          return QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "write: %s", std::strerror(errno));
+        },
+        &out);
+    ok = out.Finish() && ok;
   }
-  ok = ok && drain();
   if (special) ok = ::close(fd) == 0 && ok;
   if (!temp.empty()) {
     ok = fsync(fd) == 0 && ok;
@@ -333,6 +397,7 @@ int SortRun::Run(bool fresh) {
     const std::string parent = std::filesystem::path(state_).parent_path().string();
     std::error_code ignored;
     std::filesystem::remove_all(building, ignored);
+    std::filesystem::remove_all(state_ + ".done", ignored);
     if (!DirectoryCreate(building.c_str()) || !WriteJob(building, job_) ||
         !FileRename(building.c_str(), state_.c_str()) || !DirectorySync(parent.c_str()))
       return Fail("cannot create " + state_);
@@ -353,7 +418,10 @@ int SortRun::Run(bool fresh) {
     std::fflush(stdout);
     const int saved = ::dup(1);
     if (saved >= 0) ::dup2(2, 1);
-    sorted = GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000);
+    // Merges until the runs left can all be read at once: the last pass
+    // writes the output itself.
+    const uint64_t fanIn = std::min<uint64_t>(std::max<uint64_t>(job_.memory / 2 / perInput, 2), 1u << 20);
+    sorted = GenericDBSorterSortDownTo(sorter_, fanIn * block, 1000000, uint32_t(fanIn));
     std::fflush(stdout);
     if (saved >= 0) ::dup2(saved, 1), ::close(saved);
   }
@@ -362,8 +430,12 @@ int SortRun::Run(bool fresh) {
   Say("done");
   GenericDBSorterClose(sorter_);
   sorter_ = nullptr;
+  // The state goes at once (a rename), then its files: a kill while they
+  // are removed leaves no half state that --resume would refuse.
   std::error_code ignored;
-  std::filesystem::remove_all(state_, ignored);
+  const std::string done = state_ + ".done";
+  std::filesystem::remove_all(done, ignored);
+  std::filesystem::remove_all(FileRename(state_.c_str(), done.c_str()) ? done : state_, ignored);
   return 0;
 }
 

@@ -5,12 +5,18 @@
 // offset, value length, count) with the key order (sort_records.cpp), then passes once more
 // over them, grouping each run of equal keys into one entry. The merge
 // context holds one payload reader per input; a heap item names its input
-// and that input's reader, whose current entry is the item's entry.
+// and that input's reader, whose current entry is the item's entry. A scan
+// reads the runs left by a merge down to a few the way a merge would, but
+// hands the entries to its caller instead of writing a run, and frees
+// nothing: the last pass of a sort can write its result where the caller
+// wants, and start over after a crash.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 #include "util/varint.h"
+#include "vm/sort/dbs_internal.h"
 #include "vm/sort/sort_internal.h"
 
 using namespace qw::sort;
@@ -260,7 +266,7 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
   DBSEntryWriter out;
   if (run == DBS_NO_RUN || !DBSEntryWriterInit(&out, dbs, run)) return -1;
   std::vector<SortKey> order;
-  SortPendingRecords(records, count, writer->bytes, writer->sorter->reverse != 0,
+  SortPendingRecords(records, count, writer->bytes, ArrayCapacity(writer->bytes), writer->sorter->reverse != 0,
                      writer->sorter->compareValues != 0, order);
   PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
   bool ok = true;
@@ -288,6 +294,11 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
 }
 
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval) {
+  return GenericDBSorterSortDownTo(sorter, budget, checkpointInterval, 1);
+}
+
+QW_API int GenericDBSorterSortDownTo(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval,
+                                     uint32_t runsLeft) {
   Order order{sorter->reverse, sorter->compareValues};
   DBSMergeCallbacks callbacks{ReadFirst,    SaveState,  CompareItems,  KMVWriterReader, nullptr,
                               nullptr,      sizeof(HeapItem), &order, RestoreState,    SaveWriter,
@@ -301,7 +312,16 @@ QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_
     QWMessage_("SORT ERROR");
     result = 0;
   }
-  while (result && DBSorterGetRunToMerge(sorter->dbs, &runs, budget)) {
+  // The budget of the next merge: no more runs than bring the count down to
+  // runsLeft.
+  auto nextBudget = [&]() -> uint64_t {
+    if (runsLeft <= 1) return budget;
+    if (!DBSorterGetRunToMerge(sorter->dbs, &runs, UINT64_MAX)) return 0;
+    const uint64_t live = ArrayLength(runs);
+    if (live <= runsLeft) return 0;
+    return std::min<uint64_t>(budget, (live - runsLeft + 1) * DBSorterBlockSize(sorter->dbs));
+  };
+  while (result && DBSorterGetRunToMerge(sorter->dbs, &runs, nextBudget())) {
     context = NewMergeContext(sorter);
     callbacks.context = context.get();
     if (!context || !DBSorterMerge(sorter->dbs, runs, uint32_t(ArrayLength(runs)), &output, &callbacks,
@@ -319,6 +339,73 @@ QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_
   ArrayFree(runs);
   ArrayFree(callbacks.heap);
   return result;
+}
+
+QW_API int GenericDBSorterScan(GenericDBSorter *sorter, GenericDBSorterEachFn each, void *context) {
+  DBSorter *dbs = sorter->dbs;
+  if (DBSorterMergePending(dbs))
+    return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "sort scan of \"%s\": a merge is pending", dbs->directory.c_str());
+  std::vector<uint32_t> runs;
+  {
+    Lock lock(dbs->mutex);
+    for (uint32_t i = 0, n = dbs->runLength.Length(); i < n; ++i) {
+      uint64_t length = 0;
+      if (!dbs->runLength.Get(i, &length)) return 0;
+      if (length != 0) runs.push_back(i);
+    }
+  }
+  struct Input {
+    DBSEntryReader reader{nullptr, 0, nullptr, 0, 0, 0, DBS_NO_RUN, nullptr, 0};
+    PayloadReader payload;
+    ~Input() {
+      if (reader.dbs) DBSEntryReaderClose(&reader);
+    }
+  };
+  std::vector<std::unique_ptr<Input>> inputs;
+  std::vector<uint32_t> heap;  // input numbers, a binary min-heap
+  for (uint32_t run : runs) {
+    auto input = std::make_unique<Input>();
+    input->payload.free = 0;
+    if (!DBSEntryReaderInit(&input->reader, dbs, run, 0) || !input->payload.Init(sorter->compress != 0)) return 0;
+    const int r = input->payload.Next(&input->reader);
+    if (r < 0) return 0;
+    inputs.push_back(std::move(input));
+    if (r > 0) heap.push_back(uint32_t(inputs.size() - 1));
+  }
+  const bool reverse = sorter->reverse != 0, compareValues = sorter->compareValues != 0;
+  auto before = [&](uint32_t a, uint32_t b) {
+    const EntryView &x = inputs[a]->payload.view, &y = inputs[b]->payload.view;
+    int c = CompareBytes(x.key, x.keyLength, y.key, y.keyLength);
+    if (c == 0 && compareValues) c = CompareBytes(x.values, x.valuesLength, y.values, y.valuesLength);
+    if (reverse) c = -c;
+    return c != 0 ? c < 0 : a < b;
+  };
+  auto siftDown = [&](size_t i) {
+    const size_t n = heap.size();
+    const uint32_t item = heap[i];
+    for (size_t child; (child = 2 * i + 1) < n; i = child) {
+      if (child + 1 < n && before(heap[child + 1], heap[child])) ++child;
+      if (!before(heap[child], item)) break;
+      heap[i] = heap[child];
+    }
+    heap[i] = item;
+  };
+  for (size_t i = heap.size() / 2; i-- > 0;) siftDown(i);
+  while (!heap.empty()) {
+    PayloadReader &payload = inputs[heap[0]]->payload;
+    KMVEntryView entry{payload.view.key, payload.view.keyLength, payload.view.values, payload.view.valuesLength, 0};
+    if (!EntryRecords(payload.view, payload.entry + payload.entryLength, &entry.records))
+      return QWErrorThrow(74, QW_ERROR_CLASS_DATA, "sorted run: malformed entry");
+    if (!each(context, &entry)) return 0;
+    const int r = payload.Next(&inputs[heap[0]]->reader);
+    if (r < 0) return 0;
+    if (r == 0) {
+      heap[0] = heap.back();
+      heap.pop_back();
+    }
+    if (!heap.empty()) siftDown(0);
+  }
+  return 1;
 }
 
 QW_API int GenericDBSorterCommit(GenericDBSorter *sorter) { return DBSorterCommit(sorter->dbs); }

@@ -80,6 +80,18 @@ bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view) {
   return true;
 }
 
+bool EntryRecords(const EntryView &view, const uint8_t *end, uint64_t *records) {
+  const uint8_t *at = view.values + view.valuesLength;
+  uint32_t count = 0, value = 0;
+  if (!SkipList(&at, end) || !ReadVarint32(&at, end, &count)) return false;
+  *records = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (!ReadVarint32(&at, end, &value)) return false;
+    *records += value;
+  }
+  return true;
+}
+
 bool PayloadWriter::Encoded(DBSEntryWriter *writer, size_t start) {
   if (compressor) return ArrayLength(*pending) < compressor->threshold || Flush(writer);
   const uint32_t length = uint32_t(ArrayLength(*pending) - start);
