@@ -30,6 +30,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -126,6 +127,7 @@ class SortRun {
  public:
   SortRun(Job job, std::string state) : job_(std::move(job)), state_(std::move(state)) {}
   ~SortRun() {
+    if (flushing_.valid()) flushing_.wait();
     for (auto *writer : writers_) GenericDBSorterWriterDelete(writer);
     if (sorter_) GenericDBSorterClose(sorter_);
   }
@@ -135,7 +137,9 @@ class SortRun {
   bool Open();
   bool Progress(uint64_t phase, uint64_t input, uint64_t offset);
   int ReadInputs();
-  bool FlushRound(uint64_t input, uint64_t offset);
+  bool FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead);
+  bool HandBank(uint64_t input, uint64_t offset);
+  bool WaitBank();
   int WriteOutput();
   void Say(const char *format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -143,8 +147,13 @@ class SortRun {
   std::string state_;
   GenericDBSorter *sorter_ = nullptr;
   VMAArrayHandle progress_{};
+  // Two banks of one writer per thread: one is filled while the other is
+  // flushed (writers_[bank * parallel + i]).
   std::vector<GenericDBSorterWriter *> writers_;
   std::vector<uint64_t> lines_;
+  size_t bank_ = 0;
+  std::future<bool> flushing_;  // the other bank's flush, when one runs
+  std::string flushError_;      // set by a failed flush
   uint64_t runBudget_ = 0, bytesRead_ = 0, runs_ = 0;
 };
 
@@ -172,17 +181,19 @@ bool SortRun::Open() {
         !GenericDBSorterCommit(sorter_))
       return false;
   }
-  // Each thread's writer gets an equal share; a run's records (20 bytes a
-  // line) count against it as well as its bytes. Half the share: the record
-  // array grows by doubling, so its capacity may pass its length twofold.
+  // Each writer of the two banks gets an equal share; a run's records (20
+  // bytes a line) count against it as well as its bytes. Half the share: the
+  // record array grows by doubling, so its capacity may pass its length
+  // twofold, and the flush's sort keys take 16 bytes a line besides.
   const uint64_t buffers = 8ull * DBSorterBlockSize(sorter_->dbs);
-  runBudget_ = std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / job_.parallel / 2, 1 << 16);
+  runBudget_ =
+      std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / (2 * job_.parallel) / 2, 1 << 16);
   runBudget_ = std::min<uint64_t>(runBudget_, 0xF0000000u);
-  for (uint32_t i = 0; i < job_.parallel; ++i) {
+  for (uint32_t i = 0; i < 2 * job_.parallel; ++i) {
     writers_.push_back(GenericDBSorterWriterNew(sorter_, runBudget_ * 2 / 3));
     if (!writers_.back()) return false;
   }
-  lines_.assign(job_.parallel, 0);
+  lines_.assign(writers_.size(), 0);
   return true;
 }
 
@@ -193,25 +204,50 @@ bool SortRun::Progress(uint64_t phase, uint64_t input, uint64_t offset) {
          GenericDBSorterCommit(sorter_);
 }
 
-// Flushes every writer into a run (on its own thread) and commits the
-// progress: lines before (input, offset) are all in committed runs.
-bool SortRun::FlushRound(uint64_t input, uint64_t offset) {
-  std::vector<int> results(writers_.size(), 0);
+// Flushes every writer of a bank into a run (each on its own thread) and
+// commits the progress: lines before (input, offset) are all in committed
+// runs. Runs on a thread of its own while the other bank fills.
+bool SortRun::FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead) {
+  const size_t n = job_.parallel;
+  GenericDBSorterWriter **writers = &writers_[bank * n];
+  std::vector<int> results(n, 0);
+  std::vector<std::string> errors(n);
   std::vector<std::thread> threads;
-  for (size_t i = 1; i < writers_.size(); ++i)
-    threads.emplace_back([&, i] {
-      results[i] = GenericDBSorterFlush(writers_[i]);
-      if (results[i] < 0) std::fprintf(stderr, "%s\n", QWErrorMessage());
-    });
-  results[0] = GenericDBSorterFlush(writers_[0]);
+  auto flush = [&](size_t i) {
+    results[i] = GenericDBSorterFlush(writers[i]);
+    if (results[i] < 0) errors[i] = QWErrorMessage();
+  };
+  for (size_t i = 1; i < n; ++i) threads.emplace_back(flush, i);
+  flush(0);
   for (auto &thread : threads) thread.join();
-  for (int r : results) {
-    if (r < 0) return false;
-    runs_ += uint64_t(r);
+  for (size_t i = 0; i < n; ++i) {
+    if (results[i] < 0) {
+      flushError_ = errors[i];
+      return false;
+    }
+    runs_ += uint64_t(results[i]);
+    lines_[bank * n + i] = 0;
   }
-  lines_.assign(writers_.size(), 0);
-  Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead_ >> 20, runs_);
-  return Progress(0, input, offset);
+  Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead >> 20, runs_);
+  if (Progress(0, input, offset)) return true;
+  flushError_ = QWErrorMessage();
+  return false;
+}
+
+// Waits for the other bank's flush; false when it failed.
+bool SortRun::WaitBank() {
+  if (!flushing_.valid() || flushing_.get()) return true;
+  std::fprintf(stderr, "%s\n", flushError_.c_str());
+  return false;
+}
+
+// Hands the bank just filled to a flush (once the other one's is done) and
+// goes on filling the other.
+bool SortRun::HandBank(uint64_t input, uint64_t offset) {
+  if (!WaitBank()) return false;
+  flushing_ = std::async(std::launch::async, &SortRun::FlushBank, this, bank_, input, offset, bytesRead_);
+  bank_ ^= 1;
+  return true;
 }
 
 int SortRun::ReadInputs() {
@@ -225,9 +261,11 @@ int SortRun::ReadInputs() {
     VMAArrayRelease_(DBSorterArenaGet(sorter_->dbs), progress_.id[NEWGEN], at, 1);
   }
   if (values[0] == 1) return 0;
+  // Lines are cut where they lie in the chunk read; a line cut by the
+  // chunk's end moves to its start before the next read.
   std::vector<char> chunk(1 << 20);
-  std::string carry;
-  size_t writer = 0;
+  const size_t perBank = job_.parallel;
+  size_t writer = 0;  // in the bank being filled
   for (uint64_t f = values[1]; f < job_.inputs.size(); ++f) {
     const std::string &name = job_.inputs[f];
     const bool isStdin = name == "-";
@@ -235,39 +273,48 @@ int SortRun::ReadInputs() {
     if (isStdin && offset > 0) return Fail("cannot resume: standard input was being read when the sort stopped");
     const int fd = isStdin ? 0 : ::open(name.c_str(), O_RDONLY);
     if (fd < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
+    struct Closer {
+      int fd;
+      ~Closer() {
+        if (fd > 0) ::close(fd);
+      }
+    } closer{isStdin ? -1 : fd};
     if (offset > 0 && lseek(fd, off_t(offset), SEEK_SET) < 0) return Fail("cannot seek in " + name);
-    uint64_t lineStart = offset;  // file offset of `carry`'s first byte
-    carry.clear();
+    uint64_t lineStart = offset;  // file offset of chunk[0]
+    size_t have = 0;              // bytes in chunk
     for (;;) {
-      const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+      if (have + 1 >= chunk.size()) chunk.resize(chunk.size() * 2);  // a line longer than the chunk
+      const ssize_t n = ::read(fd, chunk.data() + have, chunk.size() - 1 - have);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
       bytesRead_ += uint64_t(n);
+      have += size_t(n);
       const bool atEnd = n == 0;
-      if (atEnd && !carry.empty()) carry.push_back('\n');  // a missing final newline
-      carry.append(chunk.data(), size_t(n));
+      if (atEnd && have > 0) chunk[have++] = '\n';  // a missing final newline
       size_t at = 0;
-      for (size_t nl; (nl = carry.find('\n', at)) != std::string::npos; at = nl + 1) {
-        const uint32_t length = uint32_t(nl - at);
-        if (GenericDBSorterWriterPending(writers_[writer]) + 20 * (lines_[writer] + 1) + length > runBudget_ &&
-            lines_[writer] > 0 && ++writer == writers_.size()) {
-          writer = 0;
-          if (!FlushRound(f, lineStart + at)) {
-            if (!isStdin) ::close(fd);
-            return Fail("cannot write a run");
+      for (const char *nl; (nl = static_cast<const char *>(std::memchr(chunk.data() + at, '\n', have - at)));
+           at = size_t(nl - chunk.data()) + 1) {
+        const uint32_t length = uint32_t(nl - chunk.data() - at);
+        size_t w = bank_ * perBank + writer;
+        if (GenericDBSorterWriterPending(writers_[w]) + 20 * (lines_[w] + 1) + length > runBudget_ &&
+            lines_[w] > 0) {
+          if (++writer == perBank) {
+            writer = 0;
+            if (!HandBank(f, lineStart + at)) return Fail("cannot write a run");
           }
+          w = bank_ * perBank + writer;
         }
-        if (!GenericDBSorterWrite(writers_[writer], carry.data() + at, length, nullptr, 0))
+        if (!GenericDBSorterWrite(writers_[w], chunk.data() + at, length, nullptr, 0))
           return Fail("cannot add a line");
-        ++lines_[writer];
+        ++lines_[w];
       }
-      carry.erase(0, at);
+      std::memmove(chunk.data(), chunk.data() + at, have - at);
+      have -= at;
       lineStart += at;
       if (atEnd) break;
     }
-    if (!isStdin) ::close(fd);
   }
-  if (!FlushRound(job_.inputs.size(), 0) || !Progress(1, 0, 0)) return Fail("cannot write a run");
+  if (!HandBank(job_.inputs.size(), 0) || !WaitBank() || !Progress(1, 0, 0)) return Fail("cannot write a run");
   return 0;
 }
 
