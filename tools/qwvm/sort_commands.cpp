@@ -326,17 +326,20 @@ class OutputWriter {
  public:
   // Buffers of `size` bytes (a line longer than that makes one longer).
   OutputWriter(int fd, bool regular, size_t size) : fd_(fd), regular_(regular), size_(size) {
-    filling_.reserve(size_ + 4096);
-    writing_.reserve(size_ + 4096);
+    filling_.bytes.resize(size_ + 4096);
+    writing_.bytes.resize(size_ + 4096);
     thread_ = std::thread([this] { Loop(); });
   }
   ~OutputWriter() { (void)Finish(); }
   // Appends `copies` lines of `length` bytes each.
   bool Line(const uint8_t *bytes, size_t length, uint64_t copies) {
     for (uint64_t c = 0; c < copies; ++c) {
-      filling_.insert(filling_.end(), bytes, bytes + length);
-      filling_.push_back('\n');
-      if (filling_.size() >= size_ && !Hand()) return false;
+      if (filling_.used + length + 1 > filling_.bytes.size()) filling_.bytes.resize(filling_.used + length + 1);
+      char *at = filling_.bytes.data() + filling_.used;
+      std::memcpy(at, bytes, length);
+      at[length] = '\n';
+      filling_.used += length + 1;
+      if (filling_.used >= size_ && !Hand()) return false;
     }
     return true;
   }
@@ -360,7 +363,7 @@ class OutputWriter {
     changed_.wait(lock, [this] { return !busy_ || failed_; });
     if (failed_) return false;
     std::swap(filling_, writing_);
-    filling_.clear();
+    filling_.used = 0;
     busy_ = true;
     changed_.notify_all();
     return true;
@@ -374,13 +377,13 @@ class OutputWriter {
         if (!busy_) return;
       }
       bool ok = true;
-      for (size_t at = 0; ok && at < writing_.size();) {
-        const ssize_t n = ::write(fd_, writing_.data() + at, writing_.size() - at);
+      for (size_t at = 0; ok && at < writing_.used;) {
+        const ssize_t n = ::write(fd_, writing_.bytes.data() + at, writing_.used - at);
         if (n < 0 && errno == EINTR) continue;
         ok = n > 0;
         if (ok) at += size_t(n);
       }
-      written += writing_.size();
+      written += writing_.used;
 #ifdef __linux__
       if (ok && regular_ && written - sent >= (16u << 20)) {
         (void)::sync_file_range(fd_, off_t(sent), off_t(written - sent), SYNC_FILE_RANGE_WRITE);
@@ -397,7 +400,11 @@ class OutputWriter {
   const int fd_;
   const bool regular_;
   const size_t size_;
-  std::vector<char> filling_, writing_;
+  struct Buffer {
+    std::vector<char> bytes;
+    size_t used = 0;
+  };
+  Buffer filling_, writing_;
   std::mutex mutex_;
   std::condition_variable changed_;
   bool busy_ = false, done_ = false, failed_ = false;

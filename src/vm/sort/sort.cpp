@@ -362,7 +362,22 @@ QW_API int GenericDBSorterScan(GenericDBSorter *sorter, GenericDBSorterEachFn ea
     }
   };
   std::vector<std::unique_ptr<Input>> inputs;
-  std::vector<uint32_t> heap;  // input numbers, a binary min-heap
+  // A binary min-heap of the inputs, each with its current key's first
+  // eight bytes (big-endian, zero-padded, inverted when reversing), which
+  // decide most comparisons without reading the entries.
+  struct Item {
+    uint64_t prefix;
+    uint32_t input;
+  };
+  const bool reverse = sorter->reverse != 0, compareValues = sorter->compareValues != 0;
+  auto item = [&](uint32_t input) {
+    const EntryView &view = inputs[input]->payload.view;
+    uint64_t word = 0;
+    std::memcpy(&word, view.key, view.keyLength < 8 ? view.keyLength : 8);
+    word = __builtin_bswap64(word);
+    return Item{reverse ? ~word : word, input};
+  };
+  std::vector<Item> heap;
   for (uint32_t run : runs) {
     auto input = std::make_unique<Input>();
     input->payload.free = 0;
@@ -370,38 +385,41 @@ QW_API int GenericDBSorterScan(GenericDBSorter *sorter, GenericDBSorterEachFn ea
     const int r = input->payload.Next(&input->reader);
     if (r < 0) return 0;
     inputs.push_back(std::move(input));
-    if (r > 0) heap.push_back(uint32_t(inputs.size() - 1));
+    if (r > 0) heap.push_back(item(uint32_t(inputs.size() - 1)));
   }
-  const bool reverse = sorter->reverse != 0, compareValues = sorter->compareValues != 0;
-  auto before = [&](uint32_t a, uint32_t b) {
-    const EntryView &x = inputs[a]->payload.view, &y = inputs[b]->payload.view;
+  auto before = [&](const Item &a, const Item &b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    const EntryView &x = inputs[a.input]->payload.view, &y = inputs[b.input]->payload.view;
     int c = CompareBytes(x.key, x.keyLength, y.key, y.keyLength);
     if (c == 0 && compareValues) c = CompareBytes(x.values, x.valuesLength, y.values, y.valuesLength);
     if (reverse) c = -c;
-    return c != 0 ? c < 0 : a < b;
+    return c != 0 ? c < 0 : a.input < b.input;
   };
   auto siftDown = [&](size_t i) {
     const size_t n = heap.size();
-    const uint32_t item = heap[i];
+    const Item moving = heap[i];
     for (size_t child; (child = 2 * i + 1) < n; i = child) {
       if (child + 1 < n && before(heap[child + 1], heap[child])) ++child;
-      if (!before(heap[child], item)) break;
+      if (!before(heap[child], moving)) break;
       heap[i] = heap[child];
     }
-    heap[i] = item;
+    heap[i] = moving;
   };
   for (size_t i = heap.size() / 2; i-- > 0;) siftDown(i);
   while (!heap.empty()) {
-    PayloadReader &payload = inputs[heap[0]]->payload;
-    KMVEntryView entry{payload.view.key, payload.view.keyLength, payload.view.values, payload.view.valuesLength, 0};
-    if (!EntryRecords(payload.view, payload.entry + payload.entryLength, &entry.records))
+    Input &input = *inputs[heap[0].input];
+    const EntryView &view = input.payload.view;
+    KMVEntryView entry{view.key, view.keyLength, view.values, view.valuesLength, 0};
+    if (!EntryRecords(view, input.payload.entry + input.payload.entryLength, &entry.records))
       return QWErrorThrow(74, QW_ERROR_CLASS_DATA, "sorted run: malformed entry");
     if (!each(context, &entry)) return 0;
-    const int r = payload.Next(&inputs[heap[0]]->reader);
+    const int r = input.payload.Next(&input.reader);
     if (r < 0) return 0;
     if (r == 0) {
       heap[0] = heap.back();
       heap.pop_back();
+    } else {
+      heap[0] = item(heap[0].input);
     }
     if (!heap.empty()) siftDown(0);
   }
