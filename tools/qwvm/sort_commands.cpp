@@ -137,8 +137,8 @@ class SortRun {
   bool Open();
   bool Progress(uint64_t phase, uint64_t input, uint64_t offset);
   int ReadInputs();
-  bool FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead);
-  bool HandBank(uint64_t input, uint64_t offset);
+  bool FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead, bool last);
+  bool HandBank(uint64_t input, uint64_t offset, bool last);
   bool WaitBank();
   int WriteOutput();
   void Say(const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -154,6 +154,7 @@ class SortRun {
   size_t bank_ = 0;
   std::future<bool> flushing_;  // the other bank's flush, when one runs
   std::string flushError_;      // set by a failed flush
+  uint64_t committedRead_ = 0;  // bytesRead_ at the last commit of the run phase
   uint64_t runBudget_ = 0, bytesRead_ = 0, runs_ = 0;
 };
 
@@ -206,8 +207,11 @@ bool SortRun::Progress(uint64_t phase, uint64_t input, uint64_t offset) {
 
 // Flushes every writer of a bank into a run (each on its own thread) and
 // commits the progress: lines before (input, offset) are all in committed
-// runs. Runs on a thread of its own while the other bank fills.
-bool SortRun::FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead) {
+// runs (after the last bank: every line). A commit syncs the runs and the
+// sorter's files, so it comes only once -S (at most 64 MB) more has been
+// read, or at the end: a kill loses at most that much reading. Runs on a thread of its own
+// while the other bank fills.
+bool SortRun::FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead, bool last) {
   const size_t n = job_.parallel;
   GenericDBSorterWriter **writers = &writers_[bank * n];
   std::vector<int> results(n, 0);
@@ -229,7 +233,9 @@ bool SortRun::FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t b
     lines_[bank * n + i] = 0;
   }
   Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead >> 20, runs_);
-  if (Progress(0, input, offset)) return true;
+  if (!last && bytesRead - committedRead_ < std::min<uint64_t>(job_.memory, 64u << 20)) return true;
+  committedRead_ = bytesRead;
+  if (last ? Progress(1, 0, 0) : Progress(0, input, offset)) return true;
   flushError_ = QWErrorMessage();
   return false;
 }
@@ -243,9 +249,9 @@ bool SortRun::WaitBank() {
 
 // Hands the bank just filled to a flush (once the other one's is done) and
 // goes on filling the other.
-bool SortRun::HandBank(uint64_t input, uint64_t offset) {
+bool SortRun::HandBank(uint64_t input, uint64_t offset, bool last) {
   if (!WaitBank()) return false;
-  flushing_ = std::async(std::launch::async, &SortRun::FlushBank, this, bank_, input, offset, bytesRead_);
+  flushing_ = std::async(std::launch::async, &SortRun::FlushBank, this, bank_, input, offset, bytesRead_, last);
   bank_ ^= 1;
   return true;
 }
@@ -300,7 +306,7 @@ int SortRun::ReadInputs() {
             lines_[w] > 0) {
           if (++writer == perBank) {
             writer = 0;
-            if (!HandBank(f, lineStart + at)) return Fail("cannot write a run");
+            if (!HandBank(f, lineStart + at, false)) return Fail("cannot write a run");
           }
           w = bank_ * perBank + writer;
         }
@@ -314,7 +320,7 @@ int SortRun::ReadInputs() {
       if (atEnd) break;
     }
   }
-  if (!HandBank(job_.inputs.size(), 0) || !WaitBank() || !Progress(1, 0, 0)) return Fail("cannot write a run");
+  if (!HandBank(job_.inputs.size(), 0, true) || !WaitBank()) return Fail("cannot write a run");
   return 0;
 }
 

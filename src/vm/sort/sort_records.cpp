@@ -148,14 +148,10 @@ struct Sorter {
       SortKey *begin, *end;
       uint32_t depth;
     };
-    std::vector<Range> pending{{begin, end, 0}};
+    std::vector<Range> pending{{begin, end, 0}}, few;
     while (!pending.empty()) {
       const Range range = pending.back();
       pending.pop_back();
-      if (range.depth > 0 && size_t(range.end - range.begin) <= kWholeKeyMax) {
-        SortWhole(range.begin, range.end, range.depth);
-        continue;
-      }
       for (SortKey *k = range.begin; k != range.end; ++k) {
         // Past the first eight bytes the records come in sorted order, not
         // in the order they lie: ask for them (and then their bytes) ahead.
@@ -170,7 +166,7 @@ struct Sorter {
         SortKey *next = group + 1;
         while (next != range.end && next->prefix == group->prefix && next->real == group->real) ++next;
         if (next - group > 1 && group->real == 8) {
-          pending.push_back({group, next, range.depth + 8});
+          (next - group <= ptrdiff_t(kWholeKeyMax) ? few : pending).push_back({group, next, range.depth + 8});
         } else if (next - group > 1) {  // the keys end here: all equal
           if (compareValues)
             std::stable_sort(group, next, [this](const SortKey &a, const SortKey &b) { return EqualKeyBefore(a, b); });
@@ -178,6 +174,18 @@ struct Sorter {
         }
         group = next;
       }
+      // The few keys of each group lie anywhere: ask for the records of the
+      // groups eight on, and for the bytes of those four on.
+      for (size_t i = 0; i < few.size(); ++i) {
+        if (i + 8 < few.size())
+          for (const SortKey *k = few[i + 8].begin; k != few[i + 8].end; ++k)
+            __builtin_prefetch(records + 5 * size_t(k->index));
+        if (i + 4 < few.size())
+          for (const SortKey *k = few[i + 4].begin; k != few[i + 4].end; ++k)
+            __builtin_prefetch(bytes + records[5 * size_t(k->index)] + few[i + 4].depth);
+        SortWhole(few[i].begin, few[i].end, few[i].depth);
+      }
+      few.clear();
     }
   }
 };
