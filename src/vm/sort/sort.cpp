@@ -15,6 +15,7 @@
 #include <memory>
 #include <vector>
 
+#include "util/endian.h"
 #include "util/varint.h"
 #include "vm/sort/dbs_internal.h"
 #include "vm/sort/sort_internal.h"
@@ -36,34 +37,52 @@ struct Order {
   int reverse, compareValues;
 };
 
-// Appends the encoding of the entry of one key, written by the records
+// The encoding of the entry of one key, written by the records
 // `group[0..n)` (in that order), as the KMV entry encoding does (field 0, the
 // key, the values back to back, their lengths, their counts), straight from
-// the pending bytes: one growth of the buffer, no lists in between.
-bool EncodeGroup(uint8_t **buffer, const uint8_t *bytes, const uint32_t *records, const SortKey *group, size_t n) {
-  auto record = [&](size_t i) { return records + 5 * size_t(group[i].index); };
+// the pending bytes, no lists in between. Group sizes the room it may take
+// (false when the values pass 4 GB); Encode writes it at `at` and answers its
+// end.
+struct Group {
+  const uint8_t *bytes;
+  const uint32_t *records;
+  const SortKey *keys;
+  size_t n;
   uint64_t valueBytes = 0;
-  for (size_t i = 0; i < n; ++i) valueBytes += record(i)[3];
-  if (valueBytes > UINT_MAX_VALUE)
-    return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+
+  const uint32_t *Record(size_t i) const { return records + 5 * size_t(keys[i].index); }
+  bool Size(size_t *most) {
+    valueBytes = 0;
+    for (size_t i = 0; i < n; ++i) valueBytes += Record(i)[3];
+    if (valueBytes > UINT_MAX_VALUE)
+      return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+    *most = 3 * kVarintMaxBytes + Record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
+    return true;
+  }
+  uint8_t *Encode(uint8_t *at) const {
+    at += VarintEncode(at, 0);
+    at += VarintEncode(at, Record(0)[1]);
+    std::memcpy(at, bytes + Record(0)[0], Record(0)[1]);
+    at += Record(0)[1];
+    at += VarintEncode(at, valueBytes);
+    for (size_t i = 0; i < n; ++i) {
+      if (Record(i)[3]) std::memcpy(at, bytes + Record(i)[2], Record(i)[3]);
+      at += Record(i)[3];
+    }
+    for (uint32_t field : {3u, 4u}) {
+      at += VarintEncode(at, n);
+      for (size_t i = 0; i < n; ++i) at += VarintEncode(at, Record(i)[field]);
+    }
+    return at;
+  }
+};
+
+// Appends the encoding of a group to *buffer.
+bool EncodeGroup(uint8_t **buffer, Group &group) {
   const size_t start = ArrayLength(*buffer);
-  const size_t most = 3 * kVarintMaxBytes + record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
-  if (!ArrayLengthSet(*buffer, start + most)) return false;
-  uint8_t *at = *buffer + start;
-  at += VarintEncode(at, 0);
-  at += VarintEncode(at, record(0)[1]);
-  std::memcpy(at, bytes + record(0)[0], record(0)[1]);
-  at += record(0)[1];
-  at += VarintEncode(at, valueBytes);
-  for (size_t i = 0; i < n; ++i) {
-    if (record(i)[3]) std::memcpy(at, bytes + record(i)[2], record(i)[3]);
-    at += record(i)[3];
-  }
-  for (uint32_t field : {3u, 4u}) {
-    at += VarintEncode(at, n);
-    for (size_t i = 0; i < n; ++i) at += VarintEncode(at, record(i)[field]);
-  }
-  return ArrayLengthSet(*buffer, size_t(at - *buffer));
+  size_t most = 0;
+  if (!group.Size(&most) || !ArrayLengthSet(*buffer, start + most)) return false;
+  return ArrayLengthSet(*buffer, size_t(group.Encode(*buffer + start) - *buffer));
 }
 
 // Makes `entry` the entry of one key, as EncodeGroup encodes it.
@@ -277,9 +296,19 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
     for (next = first + 1; next < count && order[next].sameKeyAsPrevious;) ++next;
     if (first + 16 < count) __builtin_prefetch(records + 5 * size_t(order[first + 16].index));
     if (first + 8 < count) __builtin_prefetch(writer->bytes + records[5 * size_t(order[first + 8].index)]);
+    Group group{writer->bytes, records, &order[first], next - first};
+    size_t most = 0;
+    if (!writer->compressor && out.left > 4 && group.Size(&most) && out.left - 4 >= most) {
+      // Room in the run's block: the entry is framed where it goes.
+      const uint32_t length = uint32_t(group.Encode(out.address + 4) - (out.address + 4));
+      qw::StoreLE32(out.address, length);
+      out.address += 4 + length;
+      out.left -= 4 + length;
+      out.written += 4 + length;
+      continue;
+    }
     const size_t start = ArrayLength(writer->encoded);
-    ok = EncodeGroup(&writer->encoded, writer->bytes, records, &order[first], next - first) &&
-         payloads.Encoded(&out, start);
+    ok = EncodeGroup(&writer->encoded, group) && payloads.Encoded(&out, start);
   }
   // The writer's entry is left holding the last entry written.
   size_t lastEnd = last + 1;
