@@ -17,6 +17,7 @@
 // removed. Each line is a key with an empty value, so equal lines
 // group into one entry whose value count is the number of copies.
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -466,6 +467,9 @@ int SortRun::Run(bool fresh) {
   }
   if (!Open()) return Fail("cannot open the sort state in " + state_);
   if (const int r = ReadInputs()) return r;
+  // The writers' memory goes back before the merge maps its inputs.
+  for (auto *writer : writers_) GenericDBSorterWriterDelete(writer);
+  writers_.clear();
   Say("merging %" PRIu64 " MB in %" PRIu64 " runs", bytesRead_ >> 20, runs_);
   // Each merge input maps one block, and with compression holds two
   // payloads; the inputs get half the memory (their maps count in the
@@ -509,6 +513,13 @@ bool SortJobReads(const std::string &state) {
 }
 
 int RunSort(int argc, char **argv) {
+#ifdef __GLIBC__
+  // Large buffers (a writer's bytes and records, a flush's sort keys) are
+  // mapped and given back whole when freed: flushes run on threads that
+  // come and go, and memory freed into a thread's heap would stay resident
+  // beyond -S.
+  (void)mallopt(M_MMAP_THRESHOLD, 256 << 10);
+#endif
   Job job;
   job.progress = isatty(2) != 0;
   std::string tempDir, resume;
