@@ -17,7 +17,9 @@
  *    commit (DBSorterMerge with no run ids finishes a pending merge).
  *  - the generic sorter (GenericDBSorter...): callers add key/value pairs;
  *    each flush sorts them into one run of key/multi-value entries (KMVEntry),
- *    and GenericDBSorterSort merges runs until one is left.
+ *    and GenericDBSorterSort merges runs until one is left (or
+ *    GenericDBSorterSortDownTo until a few are, which GenericDBSorterScan
+ *    then reads at once, in order, leaving them as they are).
  *
  * Conventions are those of qwvm/qwlib.h: 1 or a non-NULL handle on success,
  * 0 or NULL with the calling thread's error chain set. Every handle is owned
