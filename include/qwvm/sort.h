@@ -17,7 +17,9 @@
  *    commit (DBSorterMerge with no run ids finishes a pending merge).
  *  - the generic sorter (GenericDBSorter...): callers add key/value pairs;
  *    each flush sorts them into one run of key/multi-value entries (KMVEntry),
- *    and GenericDBSorterSort merges runs until one is left.
+ *    and GenericDBSorterSort merges runs until one is left (or
+ *    GenericDBSorterSortDownTo until a few are, which GenericDBSorterScan
+ *    then reads at once, in order, leaving them as they are).
  *
  * Conventions are those of qwvm/qwlib.h: 1 or a non-NULL handle on success,
  * 0 or NULL with the calling thread's error chain set. Every handle is owned
@@ -424,6 +426,32 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer);
 /* Merges until one run is left (messages, not failures, report problems:
  * "SORT ERROR", "Could not commit dbs"). Returns 1 when no merge failed. */
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval);
+/* GenericDBSorterSort stopping once at most `runsLeft` (1 or more) runs are
+ * live: each merge takes the shortest runs, at most budget / blockSize of
+ * them and no more than bring the count down to `runsLeft`, so that the runs
+ * left can be read in one pass by GenericDBSorterScan. A pending merge is
+ * finished first. GenericDBSorterSort is this with `runsLeft` 1. */
+QW_API int GenericDBSorterSortDownTo(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval,
+                                     uint32_t runsLeft);
+
+/* An entry as GenericDBSorterScan hands it over: its key, its values back to
+ * back, and the number of records it holds (the sum of its counts). The bytes
+ * are the scan's until the callback returns. */
+typedef struct KMVEntryView {
+  const uint8_t *key;
+  uint32_t keyLength;
+  const uint8_t *values;
+  uint32_t valuesLength;
+  uint64_t records;
+} KMVEntryView;
+typedef int (*GenericDBSorterEachFn)(void *context, const KMVEntryView *entry);
+/* Reads every live run at once (one block of each held at a time) and calls
+ * `each` with their entries in the sorter's key order (equal keys of several
+ * runs: the lower run id first), leaving the runs as they are, so a scan
+ * stopped part way can start over. `each` answers 1 to go on, or 0 to stop
+ * (with its error set). Fails while a merge is pending. Returns 1, or 0 with
+ * an error. */
+QW_API int GenericDBSorterScan(GenericDBSorter *sorter, GenericDBSorterEachFn each, void *context);
 QW_API int GenericDBSorterCommit(GenericDBSorter *sorter);
 QW_API int GenericDBSorterClose(GenericDBSorter *sorter);
 

@@ -10,15 +10,19 @@
 // 1 every line is in a run), [1] the input being read, [2] the offset in it
 // up to which lines are in committed runs. A round of reading fills one
 // writer per thread, flushes them (in parallel) into runs, records the
-// progress and commits; the merge commits its own checkpoints; the output is
-// written to OUT.qwvm-sort-tmp and renamed onto OUT, and only then is the
-// state removed. Each line is a key with an empty value, so equal lines
+// progress and commits; the merges (down to as many runs as can be read at
+// once) commit their own checkpoints; the last pass reads those runs
+// together, without changing them, straight into OUT.qwvm-sort-tmp (started
+// over after a crash), which is renamed onto OUT, and only then is the state
+// removed. Each line is a key with an empty value, so equal lines
 // group into one entry whose value count is the number of copies.
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cerrno>
 #include <cstdarg>
 #include <cinttypes>
@@ -27,7 +31,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -111,10 +117,12 @@ bool WriteJob(const std::string &state, const Job &job) {
   return ok && FileRename(temp.c_str(), (state + "/job").c_str()) && DirectorySync(state.c_str());
 }
 
-// Block size: about 1/256 of the memory, 64 KiB .. 1 MiB, whole pages, so
-// that a merge of 128 inputs maps half the memory.
+// Block size: about 1/512 of the memory, 64 KiB .. 1 MiB, whole pages, so
+// that 256 inputs, read at once, map half the memory: the runs of a
+// gigabyte sorted in 64 MB on two threads (about 200) need no merge before
+// the last pass.
 uint32_t BlockSizeFor(uint64_t memory) {
-  uint64_t size = std::clamp<uint64_t>(memory / 256, 64 << 10, 1 << 20);
+  uint64_t size = std::clamp<uint64_t>(memory / 512, 64 << 10, 1 << 20);
   return uint32_t(size / PageSize() * PageSize());
 }
 
@@ -122,6 +130,7 @@ class SortRun {
  public:
   SortRun(Job job, std::string state) : job_(std::move(job)), state_(std::move(state)) {}
   ~SortRun() {
+    if (flushing_.valid()) flushing_.wait();
     for (auto *writer : writers_) GenericDBSorterWriterDelete(writer);
     if (sorter_) GenericDBSorterClose(sorter_);
   }
@@ -131,7 +140,9 @@ class SortRun {
   bool Open();
   bool Progress(uint64_t phase, uint64_t input, uint64_t offset);
   int ReadInputs();
-  bool FlushRound(uint64_t input, uint64_t offset);
+  bool FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead, bool last);
+  bool HandBank(uint64_t input, uint64_t offset, bool last);
+  bool WaitBank();
   int WriteOutput();
   void Say(const char *format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -139,8 +150,14 @@ class SortRun {
   std::string state_;
   GenericDBSorter *sorter_ = nullptr;
   VMAArrayHandle progress_{};
+  // Two banks of one writer per thread: one is filled while the other is
+  // flushed (writers_[bank * parallel + i]).
   std::vector<GenericDBSorterWriter *> writers_;
   std::vector<uint64_t> lines_;
+  size_t bank_ = 0;
+  std::future<bool> flushing_;  // the other bank's flush, when one runs
+  std::string flushError_;      // set by a failed flush
+  uint64_t committedRead_ = 0;  // bytesRead_ at the last commit of the run phase
   uint64_t runBudget_ = 0, bytesRead_ = 0, runs_ = 0;
 };
 
@@ -168,17 +185,19 @@ bool SortRun::Open() {
         !GenericDBSorterCommit(sorter_))
       return false;
   }
-  // Each thread's writer gets an equal share; a run's records (20 bytes a
-  // line) count against it as well as its bytes. Half the share: the record
-  // array grows by doubling, so its capacity may pass its length twofold.
+  // Each writer of the two banks gets an equal share; a run's records (20
+  // bytes a line) count against it as well as its bytes. Half the share: the
+  // record array grows by doubling, so its capacity may pass its length
+  // twofold, and the flush's sort keys take 16 bytes a line besides.
   const uint64_t buffers = 8ull * DBSorterBlockSize(sorter_->dbs);
-  runBudget_ = std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / job_.parallel / 2, 1 << 16);
+  runBudget_ =
+      std::max<uint64_t>((job_.memory - std::min(job_.memory / 2, buffers)) / (2 * job_.parallel) / 2, 1 << 16);
   runBudget_ = std::min<uint64_t>(runBudget_, 0xF0000000u);
-  for (uint32_t i = 0; i < job_.parallel; ++i) {
+  for (uint32_t i = 0; i < 2 * job_.parallel; ++i) {
     writers_.push_back(GenericDBSorterWriterNew(sorter_, runBudget_ * 2 / 3));
     if (!writers_.back()) return false;
   }
-  lines_.assign(job_.parallel, 0);
+  lines_.assign(writers_.size(), 0);
   return true;
 }
 
@@ -189,25 +208,55 @@ bool SortRun::Progress(uint64_t phase, uint64_t input, uint64_t offset) {
          GenericDBSorterCommit(sorter_);
 }
 
-// Flushes every writer into a run (on its own thread) and commits the
-// progress: lines before (input, offset) are all in committed runs.
-bool SortRun::FlushRound(uint64_t input, uint64_t offset) {
-  std::vector<int> results(writers_.size(), 0);
+// Flushes every writer of a bank into a run (each on its own thread) and
+// commits the progress: lines before (input, offset) are all in committed
+// runs (after the last bank: every line). A commit syncs the runs and the
+// sorter's files, so it comes only once -S (at most 64 MB) more has been
+// read, or at the end: a kill loses at most that much reading. Runs on a thread of its own
+// while the other bank fills.
+bool SortRun::FlushBank(size_t bank, uint64_t input, uint64_t offset, uint64_t bytesRead, bool last) {
+  const size_t n = job_.parallel;
+  GenericDBSorterWriter **writers = &writers_[bank * n];
+  std::vector<int> results(n, 0);
+  std::vector<std::string> errors(n);
   std::vector<std::thread> threads;
-  for (size_t i = 1; i < writers_.size(); ++i)
-    threads.emplace_back([&, i] {
-      results[i] = GenericDBSorterFlush(writers_[i]);
-      if (results[i] < 0) std::fprintf(stderr, "%s\n", QWErrorMessage());
-    });
-  results[0] = GenericDBSorterFlush(writers_[0]);
+  auto flush = [&](size_t i) {
+    results[i] = GenericDBSorterFlush(writers[i]);
+    if (results[i] < 0) errors[i] = QWErrorMessage();
+  };
+  for (size_t i = 1; i < n; ++i) threads.emplace_back(flush, i);
+  flush(0);
   for (auto &thread : threads) thread.join();
-  for (int r : results) {
-    if (r < 0) return false;
-    runs_ += uint64_t(r);
+  for (size_t i = 0; i < n; ++i) {
+    if (results[i] < 0) {
+      flushError_ = errors[i];
+      return false;
+    }
+    runs_ += uint64_t(results[i]);
+    lines_[bank * n + i] = 0;
   }
-  lines_.assign(writers_.size(), 0);
-  Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead_ >> 20, runs_);
-  return Progress(0, input, offset);
+  Say("read %" PRIu64 " MB, %" PRIu64 " runs", bytesRead >> 20, runs_);
+  if (!last && bytesRead - committedRead_ < std::min<uint64_t>(job_.memory, 64u << 20)) return true;
+  committedRead_ = bytesRead;
+  if (last ? Progress(1, 0, 0) : Progress(0, input, offset)) return true;
+  flushError_ = QWErrorMessage();
+  return false;
+}
+
+// Waits for the other bank's flush; false when it failed.
+bool SortRun::WaitBank() {
+  if (!flushing_.valid() || flushing_.get()) return true;
+  std::fprintf(stderr, "%s\n", flushError_.c_str());
+  return false;
+}
+
+// Hands the bank just filled to a flush (once the other one's is done) and
+// goes on filling the other.
+bool SortRun::HandBank(uint64_t input, uint64_t offset, bool last) {
+  if (!WaitBank()) return false;
+  flushing_ = std::async(std::launch::async, &SortRun::FlushBank, this, bank_, input, offset, bytesRead_, last);
+  bank_ ^= 1;
+  return true;
 }
 
 int SortRun::ReadInputs() {
@@ -221,9 +270,11 @@ int SortRun::ReadInputs() {
     VMAArrayRelease_(DBSorterArenaGet(sorter_->dbs), progress_.id[NEWGEN], at, 1);
   }
   if (values[0] == 1) return 0;
+  // Lines are cut where they lie in the chunk read; a line cut by the
+  // chunk's end moves to its start before the next read.
   std::vector<char> chunk(1 << 20);
-  std::string carry;
-  size_t writer = 0;
+  const size_t perBank = job_.parallel;
+  size_t writer = 0;  // in the bank being filled
   for (uint64_t f = values[1]; f < job_.inputs.size(); ++f) {
     const std::string &name = job_.inputs[f];
     const bool isStdin = name == "-";
@@ -231,44 +282,145 @@ int SortRun::ReadInputs() {
     if (isStdin && offset > 0) return Fail("cannot resume: standard input was being read when the sort stopped");
     const int fd = isStdin ? 0 : ::open(name.c_str(), O_RDONLY);
     if (fd < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
+    struct Closer {
+      int fd;
+      ~Closer() {
+        if (fd > 0) ::close(fd);
+      }
+    } closer{isStdin ? -1 : fd};
     if (offset > 0 && lseek(fd, off_t(offset), SEEK_SET) < 0) return Fail("cannot seek in " + name);
-    uint64_t lineStart = offset;  // file offset of `carry`'s first byte
-    carry.clear();
+    uint64_t lineStart = offset;  // file offset of chunk[0]
+    size_t have = 0;              // bytes in chunk
     for (;;) {
-      const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+      if (have + 1 >= chunk.size()) chunk.resize(chunk.size() * 2);  // a line longer than the chunk
+      const ssize_t n = ::read(fd, chunk.data() + have, chunk.size() - 1 - have);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return Fail("cannot read " + name + ": " + std::strerror(errno));
       bytesRead_ += uint64_t(n);
+      have += size_t(n);
       const bool atEnd = n == 0;
-      if (atEnd && !carry.empty()) carry.push_back('\n');  // a missing final newline
-      carry.append(chunk.data(), size_t(n));
+      if (atEnd && have > 0) chunk[have++] = '\n';  // a missing final newline
       size_t at = 0;
-      for (size_t nl; (nl = carry.find('\n', at)) != std::string::npos; at = nl + 1) {
-        const uint32_t length = uint32_t(nl - at);
-        if (GenericDBSorterWriterPending(writers_[writer]) + 20 * (lines_[writer] + 1) + length > runBudget_ &&
-            lines_[writer] > 0 && ++writer == writers_.size()) {
-          writer = 0;
-          if (!FlushRound(f, lineStart + at)) {
-            if (!isStdin) ::close(fd);
-            return Fail("cannot write a run");
+      for (const char *nl; (nl = static_cast<const char *>(std::memchr(chunk.data() + at, '\n', have - at)));
+           at = size_t(nl - chunk.data()) + 1) {
+        const uint32_t length = uint32_t(nl - chunk.data() - at);
+        size_t w = bank_ * perBank + writer;
+        if (GenericDBSorterWriterPending(writers_[w]) + 20 * (lines_[w] + 1) + length > runBudget_ &&
+            lines_[w] > 0) {
+          if (++writer == perBank) {
+            writer = 0;
+            if (!HandBank(f, lineStart + at, false)) return Fail("cannot write a run");
           }
+          w = bank_ * perBank + writer;
         }
-        if (!GenericDBSorterWrite(writers_[writer], carry.data() + at, length, nullptr, 0))
+        if (!GenericDBSorterWrite(writers_[w], chunk.data() + at, length, nullptr, 0))
           return Fail("cannot add a line");
-        ++lines_[writer];
+        ++lines_[w];
       }
-      carry.erase(0, at);
+      std::memmove(chunk.data(), chunk.data() + at, have - at);
+      have -= at;
       lineStart += at;
       if (atEnd) break;
     }
-    if (!isStdin) ::close(fd);
   }
-  if (!FlushRound(job_.inputs.size(), 0) || !Progress(1, 0, 0)) return Fail("cannot write a run");
+  if (!HandBank(job_.inputs.size(), 0, true) || !WaitBank()) return Fail("cannot write a run");
   return 0;
 }
 
+// The sorted lines go to the output through a thread of their own, so that
+// the kernel's copying of them overlaps the merge: two buffers, one being
+// filled while the other is written. A regular file has its pages sent to
+// the disk as it grows, so that the sync before the rename finds little left.
+class OutputWriter {
+ public:
+  // Buffers of `size` bytes (a line longer than that makes one longer).
+  OutputWriter(int fd, bool regular, size_t size) : fd_(fd), regular_(regular), size_(size) {
+    filling_.bytes.resize(size_ + 4096);
+    writing_.bytes.resize(size_ + 4096);
+    thread_ = std::thread([this] { Loop(); });
+  }
+  ~OutputWriter() { (void)Finish(); }
+  // Appends `copies` lines of `length` bytes each.
+  bool Line(const uint8_t *bytes, size_t length, uint64_t copies) {
+    for (uint64_t c = 0; c < copies; ++c) {
+      if (filling_.used + length + 1 > filling_.bytes.size()) filling_.bytes.resize(filling_.used + length + 1);
+      char *at = filling_.bytes.data() + filling_.used;
+      std::memcpy(at, bytes, length);
+      at[length] = '\n';
+      filling_.used += length + 1;
+      if (filling_.used >= size_ && !Hand()) return false;
+    }
+    return true;
+  }
+  // Writes what is left and stops the thread; false when a write failed.
+  bool Finish() {
+    if (!thread_.joinable()) return !failed_;
+    const bool ok = Hand();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    return ok && !failed_;
+  }
+
+ private:
+  // Hands the filled buffer to the thread once it has written the other.
+  bool Hand() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return !busy_ || failed_; });
+    if (failed_) return false;
+    std::swap(filling_, writing_);
+    filling_.used = 0;
+    busy_ = true;
+    changed_.notify_all();
+    return true;
+  }
+  void Loop() {
+    uint64_t written = 0, sent = 0;
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return busy_ || done_; });
+        if (!busy_) return;
+      }
+      bool ok = true;
+      for (size_t at = 0; ok && at < writing_.used;) {
+        const ssize_t n = ::write(fd_, writing_.bytes.data() + at, writing_.used - at);
+        if (n < 0 && errno == EINTR) continue;
+        ok = n > 0;
+        if (ok) at += size_t(n);
+      }
+      written += writing_.used;
+#ifdef __linux__
+      if (ok && regular_ && written - sent >= (16u << 20)) {
+        (void)::sync_file_range(fd_, off_t(sent), off_t(written - sent), SYNC_FILE_RANGE_WRITE);
+        sent = written;
+      }
+#endif
+      std::lock_guard<std::mutex> lock(mutex_);
+      failed_ = failed_ || !ok;
+      busy_ = false;
+      changed_.notify_all();
+    }
+  }
+
+  const int fd_;
+  const bool regular_;
+  const size_t size_;
+  struct Buffer {
+    std::vector<char> bytes;
+    size_t used = 0;
+  };
+  Buffer filling_, writing_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool busy_ = false, done_ = false, failed_ = false;
+  std::thread thread_;
+};
+
 int SortRun::WriteOutput() {
-  const uint32_t run = DBSorterMergedRunID(sorter_->dbs);
   // A regular file is replaced only once the whole output is written; a
   // device or a pipe (-o /dev/null) is written in place, never replaced.
   struct stat info;
@@ -278,43 +430,18 @@ int SortRun::WriteOutput() {
                  : special     ? ::open(job_.output.c_str(), O_WRONLY)
                                : 1;
   if (fd < 0) return Fail("cannot write " + (temp.empty() ? job_.output : temp) + ": " + std::strerror(errno));
-  std::vector<char> out;
-  out.reserve(1 << 20);
-  auto drain = [&] {
-    for (size_t at = 0; at < out.size();) {
-      const ssize_t n = ::write(fd, out.data() + at, out.size() - at);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      at += size_t(n);
-    }
-    out.clear();
-    return true;
-  };
-  bool ok = true;
-  if (run != DBS_NO_RUN) {
-    KMVReader *reader = KMVReaderNew(sorter_, run);
-    KMVEntry *entry = KMVEntryNew();
-    int r = 0;
-    while (ok && reader && entry && (r = KMVReaderReadEntry(reader, entry)) == 1) {
-      const size_t keyLength = ArrayLength(entry->key);
-      for (size_t v = 0; ok && v < ArrayLength(entry->counts); ++v)
-        for (uint32_t c = 0; ok && c < entry->counts[v]; ++c) {
-          out.insert(out.end(), entry->key, entry->key + keyLength);
-          out.push_back('\n');
-          if (out.size() >= (1 << 20)) ok = drain();
-        }
-    }
-    ok = ok && reader && entry && r == 0;
-    KMVEntryDelete(entry);
-    KMVReaderDelete(reader);
-  } else {
-    // No single run: right only when there is no run at all.
-    uint32_t *live = nullptr;
-    ok = !DBSorterMergePending(sorter_->dbs) && !DBSorterGetRunToMerge(sorter_->dbs, &live, UINT64_MAX) &&
-         !QWErrorIsSet();
-    ArrayFree(live);
+  bool ok;
+  {
+    OutputWriter out(fd, !temp.empty(), std::clamp<size_t>(job_.memory / 32, 64 << 10, 2 << 20));
+    ok = GenericDBSorterScan(
+        sorter_,
+        [](void *context, const KMVEntryView *entry) {
+          if (static_cast<OutputWriter *>(context)->Line(entry->key, entry->keyLength, entry->records)) return 1;
+          return QWErrorThrow(5, QW_ERROR_CLASS_SYSTEM, "write: %s", std::strerror(errno));
+        },
+        &out);
+    ok = out.Finish() && ok;
   }
-  ok = ok && drain();
   if (special) ok = ::close(fd) == 0 && ok;
   if (!temp.empty()) {
     ok = fsync(fd) == 0 && ok;
@@ -333,12 +460,16 @@ int SortRun::Run(bool fresh) {
     const std::string parent = std::filesystem::path(state_).parent_path().string();
     std::error_code ignored;
     std::filesystem::remove_all(building, ignored);
+    std::filesystem::remove_all(state_ + ".done", ignored);
     if (!DirectoryCreate(building.c_str()) || !WriteJob(building, job_) ||
         !FileRename(building.c_str(), state_.c_str()) || !DirectorySync(parent.c_str()))
       return Fail("cannot create " + state_);
   }
   if (!Open()) return Fail("cannot open the sort state in " + state_);
   if (const int r = ReadInputs()) return r;
+  // The writers' memory goes back before the merge maps its inputs.
+  for (auto *writer : writers_) GenericDBSorterWriterDelete(writer);
+  writers_.clear();
   Say("merging %" PRIu64 " MB in %" PRIu64 " runs", bytesRead_ >> 20, runs_);
   // Each merge input maps one block, and with compression holds two
   // payloads; the inputs get half the memory (their maps count in the
@@ -353,7 +484,10 @@ int SortRun::Run(bool fresh) {
     std::fflush(stdout);
     const int saved = ::dup(1);
     if (saved >= 0) ::dup2(2, 1);
-    sorted = GenericDBSorterSort(sorter_, std::max<uint64_t>(job_.memory / 2 / perInput, 2) * block, 1000000);
+    // Merges until the runs left can all be read at once: the last pass
+    // writes the output itself.
+    const uint64_t fanIn = std::min<uint64_t>(std::max<uint64_t>(job_.memory / 2 / perInput, 2), 1u << 20);
+    sorted = GenericDBSorterSortDownTo(sorter_, fanIn * block, 1000000, uint32_t(fanIn));
     std::fflush(stdout);
     if (saved >= 0) ::dup2(saved, 1), ::close(saved);
   }
@@ -362,8 +496,12 @@ int SortRun::Run(bool fresh) {
   Say("done");
   GenericDBSorterClose(sorter_);
   sorter_ = nullptr;
+  // The state goes at once (a rename), then its files: a kill while they
+  // are removed leaves no half state that --resume would refuse.
   std::error_code ignored;
-  std::filesystem::remove_all(state_, ignored);
+  const std::string done = state_ + ".done";
+  std::filesystem::remove_all(done, ignored);
+  std::filesystem::remove_all(FileRename(state_.c_str(), done.c_str()) ? done : state_, ignored);
   return 0;
 }
 
@@ -375,6 +513,13 @@ bool SortJobReads(const std::string &state) {
 }
 
 int RunSort(int argc, char **argv) {
+#ifdef __GLIBC__
+  // Large buffers (a writer's bytes and records, a flush's sort keys) are
+  // mapped and given back whole when freed: flushes run on threads that
+  // come and go, and memory freed into a thread's heap would stay resident
+  // beyond -S.
+  (void)mallopt(M_MMAP_THRESHOLD, 256 << 10);
+#endif
   Job job;
   job.progress = isatty(2) != 0;
   std::string tempDir, resume;

@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstring>
 
+#include "util/endian.h"
 #include "vm/sort/dbs_internal.h"
 
 using namespace qw::sort;
@@ -100,6 +101,36 @@ bool WriteBytes(DBSEntryWriter *writer, const uint8_t *bytes, uint32_t length) {
 }
 
 }  // namespace
+
+namespace qw::sort {
+
+const uint8_t *TakePayloadInRange(DBSEntryReader *reader, uint32_t *length, int mark) {
+  if (reader->left <= 4) return nullptr;
+  const uint32_t n = qw::LoadLE32(reader->address);
+  if (reader->left - 4 <= n) return nullptr;
+  const uint8_t *payload = reader->address + 4;
+  reader->address += 4 + n;
+  reader->left -= 4 + n;
+  reader->offset += 4 + n;
+  if (mark) reader->lastOffset = reader->offset;
+  *length = n;
+  return payload;
+}
+
+bool WriteFramed(DBSEntryWriter *writer, const uint8_t *bytes, uint32_t length) {
+  uint8_t header[4];
+  qw::StoreLE32(header, length);
+  if (writer->left < 4 + uint64_t(length))
+    return DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, bytes, length);
+  std::memcpy(writer->address, header, 4);
+  std::memcpy(writer->address + 4, bytes, length);
+  writer->address += 4 + length;
+  writer->left -= 4 + length;
+  writer->written += 4 + length;
+  return true;
+}
+
+}  // namespace qw::sort
 
 extern "C" {
 

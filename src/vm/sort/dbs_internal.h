@@ -81,4 +81,16 @@ int Failed(DBSorter *dbs);
 uint64_t RunLength(DBSorter *dbs, uint32_t runIndex);
 [[nodiscard]] bool SetRunLength(DBSorter *dbs, uint32_t runIndex, uint64_t length);
 
+// Framed payloads (a 4-byte little-endian length, then that many bytes)
+// straight from and into the current block, for the sorter's users.
+//
+// The next payload when it lies wholly inside the reader's current range
+// with a byte to spare, so that the block stays held: the reader moves past
+// it (and marks when asked; nothing is crossed, so nothing is to free), and
+// the answer points at its bytes, valid until the reader moves again.
+// nullptr, with nothing read, otherwise.
+const uint8_t *TakePayloadInRange(DBSEntryReader *reader, uint32_t *length, int mark);
+// Writes the length then the bytes, as two DBSEntryWriterWriteBytes would.
+[[nodiscard]] bool WriteFramed(DBSEntryWriter *writer, const uint8_t *bytes, uint32_t length);
+
 }  // namespace qw::sort

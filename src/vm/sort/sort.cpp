@@ -5,12 +5,19 @@
 // offset, value length, count) with the key order (sort_records.cpp), then passes once more
 // over them, grouping each run of equal keys into one entry. The merge
 // context holds one payload reader per input; a heap item names its input
-// and that input's reader, whose current entry is the item's entry.
+// and that input's reader, whose current entry is the item's entry. A scan
+// reads the runs left by a merge down to a few the way a merge would, but
+// hands the entries to its caller instead of writing a run, and frees
+// nothing: the last pass of a sort can write its result where the caller
+// wants, and start over after a crash.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "util/endian.h"
 #include "util/varint.h"
+#include "vm/sort/dbs_internal.h"
 #include "vm/sort/sort_internal.h"
 
 using namespace qw::sort;
@@ -30,34 +37,52 @@ struct Order {
   int reverse, compareValues;
 };
 
-// Appends the encoding of the entry of one key, written by the records
+// The encoding of the entry of one key, written by the records
 // `group[0..n)` (in that order), as the KMV entry encoding does (field 0, the
 // key, the values back to back, their lengths, their counts), straight from
-// the pending bytes: one growth of the buffer, no lists in between.
-bool EncodeGroup(uint8_t **buffer, const uint8_t *bytes, const uint32_t *records, const SortKey *group, size_t n) {
-  auto record = [&](size_t i) { return records + 5 * size_t(group[i].index); };
+// the pending bytes, no lists in between. Group sizes the room it may take
+// (false when the values pass 4 GB); Encode writes it at `at` and answers its
+// end.
+struct Group {
+  const uint8_t *bytes;
+  const uint32_t *records;
+  const SortKey *keys;
+  size_t n;
   uint64_t valueBytes = 0;
-  for (size_t i = 0; i < n; ++i) valueBytes += record(i)[3];
-  if (valueBytes > UINT_MAX_VALUE)
-    return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+
+  const uint32_t *Record(size_t i) const { return records + 5 * size_t(keys[i].index); }
+  bool Size(size_t *most) {
+    valueBytes = 0;
+    for (size_t i = 0; i < n; ++i) valueBytes += Record(i)[3];
+    if (valueBytes > UINT_MAX_VALUE)
+      return QWErrorThrow(75, QW_ERROR_CLASS_GENERAL, "the values of one key pass 4 GB");
+    *most = 3 * kVarintMaxBytes + Record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
+    return true;
+  }
+  uint8_t *Encode(uint8_t *at) const {
+    at += VarintEncode(at, 0);
+    at += VarintEncode(at, Record(0)[1]);
+    std::memcpy(at, bytes + Record(0)[0], Record(0)[1]);
+    at += Record(0)[1];
+    at += VarintEncode(at, valueBytes);
+    for (size_t i = 0; i < n; ++i) {
+      if (Record(i)[3]) std::memcpy(at, bytes + Record(i)[2], Record(i)[3]);
+      at += Record(i)[3];
+    }
+    for (uint32_t field : {3u, 4u}) {
+      at += VarintEncode(at, n);
+      for (size_t i = 0; i < n; ++i) at += VarintEncode(at, Record(i)[field]);
+    }
+    return at;
+  }
+};
+
+// Appends the encoding of a group to *buffer.
+bool EncodeGroup(uint8_t **buffer, Group &group) {
   const size_t start = ArrayLength(*buffer);
-  const size_t most = 3 * kVarintMaxBytes + record(0)[1] + valueBytes + 2 * n * kVarintMaxBytes;
-  if (!ArrayLengthSet(*buffer, start + most)) return false;
-  uint8_t *at = *buffer + start;
-  at += VarintEncode(at, 0);
-  at += VarintEncode(at, record(0)[1]);
-  std::memcpy(at, bytes + record(0)[0], record(0)[1]);
-  at += record(0)[1];
-  at += VarintEncode(at, valueBytes);
-  for (size_t i = 0; i < n; ++i) {
-    if (record(i)[3]) std::memcpy(at, bytes + record(i)[2], record(i)[3]);
-    at += record(i)[3];
-  }
-  for (uint32_t field : {3u, 4u}) {
-    at += VarintEncode(at, n);
-    for (size_t i = 0; i < n; ++i) at += VarintEncode(at, record(i)[field]);
-  }
-  return ArrayLengthSet(*buffer, size_t(at - *buffer));
+  size_t most = 0;
+  if (!group.Size(&most) || !ArrayLengthSet(*buffer, start + most)) return false;
+  return ArrayLengthSet(*buffer, size_t(group.Encode(*buffer + start) - *buffer));
 }
 
 // Makes `entry` the entry of one key, as EncodeGroup encodes it.
@@ -260,7 +285,7 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
   DBSEntryWriter out;
   if (run == DBS_NO_RUN || !DBSEntryWriterInit(&out, dbs, run)) return -1;
   std::vector<SortKey> order;
-  SortPendingRecords(records, count, writer->bytes, writer->sorter->reverse != 0,
+  SortPendingRecords(records, count, writer->bytes, ArrayCapacity(writer->bytes), writer->sorter->reverse != 0,
                      writer->sorter->compareValues != 0, order);
   PayloadWriter payloads{writer->compressor, &writer->encoded, &writer->scratch};
   bool ok = true;
@@ -271,9 +296,19 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
     for (next = first + 1; next < count && order[next].sameKeyAsPrevious;) ++next;
     if (first + 16 < count) __builtin_prefetch(records + 5 * size_t(order[first + 16].index));
     if (first + 8 < count) __builtin_prefetch(writer->bytes + records[5 * size_t(order[first + 8].index)]);
+    Group group{writer->bytes, records, &order[first], next - first};
+    size_t most = 0;
+    if (!writer->compressor && out.left > 4 && group.Size(&most) && out.left - 4 >= most) {
+      // Room in the run's block: the entry is framed where it goes.
+      const uint32_t length = uint32_t(group.Encode(out.address + 4) - (out.address + 4));
+      qw::StoreLE32(out.address, length);
+      out.address += 4 + length;
+      out.left -= 4 + length;
+      out.written += 4 + length;
+      continue;
+    }
     const size_t start = ArrayLength(writer->encoded);
-    ok = EncodeGroup(&writer->encoded, writer->bytes, records, &order[first], next - first) &&
-         payloads.Encoded(&out, start);
+    ok = EncodeGroup(&writer->encoded, group) && payloads.Encoded(&out, start);
   }
   // The writer's entry is left holding the last entry written.
   size_t lastEnd = last + 1;
@@ -288,6 +323,11 @@ QW_API int GenericDBSorterFlush(GenericDBSorterWriter *writer) {
 }
 
 QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval) {
+  return GenericDBSorterSortDownTo(sorter, budget, checkpointInterval, 1);
+}
+
+QW_API int GenericDBSorterSortDownTo(GenericDBSorter *sorter, uint64_t budget, uint64_t checkpointInterval,
+                                     uint32_t runsLeft) {
   Order order{sorter->reverse, sorter->compareValues};
   DBSMergeCallbacks callbacks{ReadFirst,    SaveState,  CompareItems,  KMVWriterReader, nullptr,
                               nullptr,      sizeof(HeapItem), &order, RestoreState,    SaveWriter,
@@ -301,7 +341,16 @@ QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_
     QWMessage_("SORT ERROR");
     result = 0;
   }
-  while (result && DBSorterGetRunToMerge(sorter->dbs, &runs, budget)) {
+  // The budget of the next merge: no more runs than bring the count down to
+  // runsLeft.
+  auto nextBudget = [&]() -> uint64_t {
+    if (runsLeft <= 1) return budget;
+    if (!DBSorterGetRunToMerge(sorter->dbs, &runs, UINT64_MAX)) return 0;
+    const uint64_t live = ArrayLength(runs);
+    if (live <= runsLeft) return 0;
+    return std::min<uint64_t>(budget, (live - runsLeft + 1) * DBSorterBlockSize(sorter->dbs));
+  };
+  while (result && DBSorterGetRunToMerge(sorter->dbs, &runs, nextBudget())) {
     context = NewMergeContext(sorter);
     callbacks.context = context.get();
     if (!context || !DBSorterMerge(sorter->dbs, runs, uint32_t(ArrayLength(runs)), &output, &callbacks,
@@ -319,6 +368,91 @@ QW_API int GenericDBSorterSort(GenericDBSorter *sorter, uint64_t budget, uint64_
   ArrayFree(runs);
   ArrayFree(callbacks.heap);
   return result;
+}
+
+QW_API int GenericDBSorterScan(GenericDBSorter *sorter, GenericDBSorterEachFn each, void *context) {
+  DBSorter *dbs = sorter->dbs;
+  if (DBSorterMergePending(dbs))
+    return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "sort scan of \"%s\": a merge is pending", dbs->directory.c_str());
+  std::vector<uint32_t> runs;
+  {
+    Lock lock(dbs->mutex);
+    for (uint32_t i = 0, n = dbs->runLength.Length(); i < n; ++i) {
+      uint64_t length = 0;
+      if (!dbs->runLength.Get(i, &length)) return 0;
+      if (length != 0) runs.push_back(i);
+    }
+  }
+  struct Input {
+    DBSEntryReader reader{nullptr, 0, nullptr, 0, 0, 0, DBS_NO_RUN, nullptr, 0};
+    PayloadReader payload;
+    ~Input() {
+      if (reader.dbs) DBSEntryReaderClose(&reader);
+    }
+  };
+  std::vector<std::unique_ptr<Input>> inputs;
+  // A binary min-heap of the inputs, each with its current key's first
+  // eight bytes (big-endian, zero-padded, inverted when reversing), which
+  // decide most comparisons without reading the entries.
+  struct Item {
+    uint64_t prefix;
+    uint32_t input;
+  };
+  const bool reverse = sorter->reverse != 0, compareValues = sorter->compareValues != 0;
+  auto item = [&](uint32_t input) {
+    const EntryView &view = inputs[input]->payload.view;
+    uint64_t word = 0;
+    std::memcpy(&word, view.key, view.keyLength < 8 ? view.keyLength : 8);
+    word = __builtin_bswap64(word);
+    return Item{reverse ? ~word : word, input};
+  };
+  std::vector<Item> heap;
+  for (uint32_t run : runs) {
+    auto input = std::make_unique<Input>();
+    input->payload.free = 0;
+    if (!DBSEntryReaderInit(&input->reader, dbs, run, 0) || !input->payload.Init(sorter->compress != 0)) return 0;
+    const int r = input->payload.Next(&input->reader);
+    if (r < 0) return 0;
+    inputs.push_back(std::move(input));
+    if (r > 0) heap.push_back(item(uint32_t(inputs.size() - 1)));
+  }
+  auto before = [&](const Item &a, const Item &b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    const EntryView &x = inputs[a.input]->payload.view, &y = inputs[b.input]->payload.view;
+    int c = CompareBytes(x.key, x.keyLength, y.key, y.keyLength);
+    if (c == 0 && compareValues) c = CompareBytes(x.values, x.valuesLength, y.values, y.valuesLength);
+    if (reverse) c = -c;
+    return c != 0 ? c < 0 : a.input < b.input;
+  };
+  auto siftDown = [&](size_t i) {
+    const size_t n = heap.size();
+    const Item moving = heap[i];
+    for (size_t child; (child = 2 * i + 1) < n; i = child) {
+      if (child + 1 < n && before(heap[child + 1], heap[child])) ++child;
+      if (!before(heap[child], moving)) break;
+      heap[i] = heap[child];
+    }
+    heap[i] = moving;
+  };
+  for (size_t i = heap.size() / 2; i-- > 0;) siftDown(i);
+  while (!heap.empty()) {
+    Input &input = *inputs[heap[0].input];
+    const EntryView &view = input.payload.view;
+    KMVEntryView entry{view.key, view.keyLength, view.values, view.valuesLength, 0};
+    if (!EntryRecords(view, input.payload.entry + input.payload.entryLength, &entry.records))
+      return QWErrorThrow(74, QW_ERROR_CLASS_DATA, "sorted run: malformed entry");
+    if (!each(context, &entry)) return 0;
+    const int r = input.payload.Next(&input.reader);
+    if (r < 0) return 0;
+    if (r == 0) {
+      heap[0] = heap.back();
+      heap.pop_back();
+    } else {
+      heap[0] = item(heap[0].input);
+    }
+    if (!heap.empty()) siftDown(0);
+  }
+  return 1;
 }
 
 QW_API int GenericDBSorterCommit(GenericDBSorter *sorter) { return DBSorterCommit(sorter->dbs); }

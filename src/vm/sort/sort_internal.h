@@ -33,6 +33,9 @@ struct EntryView {
 // Walks one encoded entry from *at (advanced past it) up to `end`; false
 // when it is malformed. `view` may be NULL.
 [[nodiscard]] bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view);
+// The sum of the counts of an entry parsed into `view`, whose encoding ends
+// at or before `end`; false when malformed.
+[[nodiscard]] bool EntryRecords(const EntryView &view, const uint8_t *end, uint64_t *records);
 
 // Byte order of keys: unsigned bytes over the shorter length, then the
 // shorter first. Eight bytes at a time, read most significant first, so that
@@ -53,7 +56,7 @@ inline int CompareBytes(const uint8_t *a, uint32_t aLength, const uint8_t *b, ui
 
 // The order of the pending records of a flush: one key per record.
 struct SortKey {
-  uint64_t prefix;            // eight key bytes, big-endian, zero-padded (while sorting)
+  uint64_t prefix;            // eight key bytes, big-endian, zero-padded, inverted when reversing (while sorting)
   uint32_t index;             // the record's position among the pending records
   uint8_t real;               // how many of the eight bytes are the key's (while sorting)
   uint8_t sameKeyAsPrevious;  // after the sort: 1 when the key equals the one before
@@ -62,9 +65,10 @@ struct SortKey {
 // Fills `keys` with the `count` pending records of five words (key offset,
 // key length, value offset, value length, count) in the flush's key order;
 // equal records keep their order, and every key equal to the one before it
-// is marked.
-void SortPendingRecords(const uint32_t *records, size_t count, const uint8_t *bytes, bool reverse, bool compareValues,
-                        std::vector<SortKey> &keys);
+// is marked. bytes[0 .. readable) may be read (at least up to the last key's
+// end; more lets keys be read eight bytes at a time to their ends).
+void SortPendingRecords(const uint32_t *records, size_t count, const uint8_t *bytes, size_t readable, bool reverse,
+                        bool compareValues, std::vector<SortKey> &keys);
 
 // The output side of a run: frames payloads, compressing when asked. The
 // buffers belong to the owner (a sort writer or a merge context).

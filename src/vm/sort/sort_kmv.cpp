@@ -8,6 +8,7 @@
 
 #include "util/endian.h"
 #include "util/varint.h"
+#include "vm/sort/dbs_internal.h"
 #include "vm/sort/sort_internal.h"
 
 namespace qw::sort {
@@ -80,23 +81,27 @@ bool ParseEntry(const uint8_t **at, const uint8_t *end, EntryView *view) {
   return true;
 }
 
+bool EntryRecords(const EntryView &view, const uint8_t *end, uint64_t *records) {
+  const uint8_t *at = view.values + view.valuesLength;
+  uint32_t count = 0, value = 0;
+  if (!SkipList(&at, end) || !ReadVarint32(&at, end, &count)) return false;
+  *records = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (!ReadVarint32(&at, end, &value)) return false;
+    *records += value;
+  }
+  return true;
+}
+
 bool PayloadWriter::Encoded(DBSEntryWriter *writer, size_t start) {
   if (compressor) return ArrayLength(*pending) < compressor->threshold || Flush(writer);
-  const uint32_t length = uint32_t(ArrayLength(*pending) - start);
-  uint8_t header[4];
-  StoreLE32(header, length);
-  const bool ok =
-      DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, *pending + start, length);
+  const bool ok = WriteFramed(writer, *pending + start, uint32_t(ArrayLength(*pending) - start));
   (void)ArrayLengthSet(*pending, start);
   return ok;
 }
 
 bool PayloadWriter::Write(DBSEntryWriter *writer, const uint8_t *entry, uint32_t length) {
-  if (!compressor) {
-    uint8_t header[4];
-    StoreLE32(header, length);
-    return DBSEntryWriterWriteBytes(writer, header, 4) && DBSEntryWriterWriteBytes(writer, entry, length);
-  }
+  if (!compressor) return WriteFramed(writer, entry, length);
   if (!*pending && !ArrayInit(*pending, 1, compressor->threshold + 4096)) return false;
   const size_t start = ArrayLength(*pending);
   return AppendBytes(pending, entry, length) && Encoded(writer, start);
@@ -125,6 +130,17 @@ bool PayloadReader::Init(bool compressed) {
 }
 
 int PayloadReader::Next(DBSEntryReader *reader) {
+  if (!stream && plainAt >= ArrayLength(plain)) {
+    // An entry inside the current block is read where it lies.
+    uint32_t length = 0;
+    if (const uint8_t *payload = TakePayloadInRange(reader, &length, 1)) {
+      const uint8_t *at = payload;
+      if (!ParseEntry(&at, payload + length, &view) || at != payload + length) return Corrupt("malformed entry"), -1;
+      entry = payload;
+      entryLength = length;
+      return 1;
+    }
+  }
   if (plainAt >= ArrayLength(plain)) {
     uint8_t header[4];
     const int r = DBSEntryReaderReadBytes(reader, header, 4, 1, free);

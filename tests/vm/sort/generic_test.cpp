@@ -146,6 +146,44 @@ TEST_F(GenericSorterTest, RandomSortsMatchTheModelInEveryMode) {
   }
 }
 
+// Merging down to three runs with a fan-in of five leaves exactly three
+// (nine runs become five, then three: the second merge takes only as many as
+// that needs), and a scan of them gives every key in the
+// order, with as many records as were written; a second scan gives the same.
+TEST_F(GenericSorterTest, SortDownToLeavesRunsThatAScanReadsInOrder) {
+  for (int mode = 0; mode < 8; ++mode) {
+    const int reverse = mode & 1, compareValues = (mode >> 1) & 1, compress = (mode >> 2) & 1;
+    SCOPED_TRACE(mode);
+    Fresh(reverse, compareValues, compress);
+    std::vector<Pair> model = WriteRandom(6000, 700, 20 + mode);  // 9 runs
+    ASSERT_TRUE(GenericDBSorterSortDownTo(sorter, 5 * 8192, 250, 3)) << QWErrorMessage();
+    uint32_t *runs = nullptr;
+    EXPECT_TRUE(DBSorterGetRunToMerge(sorter->dbs, &runs, UINT64_MAX));
+    EXPECT_EQ(ArrayLength(runs), 3u);
+    ArrayFree(runs);
+    using Scanned = std::vector<std::pair<std::string, uint64_t>>;
+    Scanned first, second;
+    for (Scanned *scan : {&first, &second})
+      ASSERT_TRUE(GenericDBSorterScan(
+          sorter,
+          [](void *context, const KMVEntryView *entry) {
+            static_cast<Scanned *>(context)->emplace_back(
+                std::string(reinterpret_cast<const char *>(entry->key), entry->keyLength), entry->records);
+            return 1;
+          },
+          scan))
+          << QWErrorMessage();
+    EXPECT_EQ(first, second);
+    EXPECT_TRUE(std::is_sorted(first.begin(), first.end(), [&](const auto &a, const auto &b) {
+      return reverse ? a.first > b.first : a.first < b.first;
+    }));
+    std::map<std::string, uint64_t> expected, got;
+    for (const auto &pair : model) ++expected[pair.first];
+    for (const auto &[key, records] : first) got[key] += records;
+    EXPECT_EQ(got, expected);
+  }
+}
+
 // A flush's run, byte for byte, against the plain algorithm: records sorted
 // with the record comparator (equal records in writing order), equal keys
 // grouped into one entry (field 0, key, values, lengths, counts of 1) by the
