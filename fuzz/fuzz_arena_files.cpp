@@ -6,19 +6,10 @@
 //
 // QWVM_FUZZ_WRITE_SEEDS=<dir> writes the valid files as a seed corpus and
 // exits.
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <vector>
 
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -26,21 +17,8 @@ const char *const kFiles[] = {"arena.new", "arena.old", "block/index0.new", "blo
 std::string arenaDir;
 PageCache *cache;
 
-void Quiet(void *, int, const char *, int, const char *) {}
-
-std::string ReadAll(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteAll(const std::string &path, const void *data, size_t size) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(static_cast<const char *>(data), std::streamsize(size));
-}
-
 void MakeArena() {
-  char pattern[] = "/tmp/qwvm-fuzz-XXXXXX";
-  arenaDir = std::string(mkdtemp(pattern)) + "/arena";
+  arenaDir = qwfuzz::Start("arena") + "/arena";
   cache = PageCacheNew(1 << 20, 8192);
   VMArena *arena = VMArenaOpen(arenaDir.c_str(), VM_FLAG_CREATE, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
   if (!arena) std::abort();
@@ -61,14 +39,10 @@ void MakeArena() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
   MakeArena();
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
-    std::filesystem::create_directories(seeds);
-    for (size_t i = 0; i < std::size(kFiles); ++i) {
-      std::string content = std::string(1, char(i)) + ReadAll(arenaDir + "/" + kFiles[i]);
-      WriteAll(std::string(seeds) + "/seed" + std::to_string(i), content.data(), content.size());
-    }
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
+    for (size_t i = 0; i < std::size(kFiles); ++i)
+      qwfuzz::WriteAll(seeds + "/seed" + std::to_string(i), std::string(1, char(i)) + qwfuzz::ReadAll(arenaDir + "/" + kFiles[i]));
     std::exit(0);
   }
   return 0;
@@ -77,8 +51,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
   std::string file = arenaDir + "/" + kFiles[data[0] % std::size(kFiles)];
-  std::string original = ReadAll(file);
-  WriteAll(file, data + 1, size - 1);
+  std::string original = qwfuzz::ReadAll(file);
+  qwfuzz::WriteAll(file, data + 1, size - 1);
   for (uint32_t flags : {VM_FLAG_READ_ONLY, VM_FLAG_READ_ONLY | VM_FLAG_MAPPED}) {
     VMArena *arena = VMArenaOpen(arenaDir.c_str(), flags, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache);
     if (arena) {
@@ -91,6 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     QWErrorClear();
   }
-  WriteAll(file, original.data(), original.size());
+  qwfuzz::WriteAll(file, original);
   return 0;
 }

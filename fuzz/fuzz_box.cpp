@@ -13,18 +13,12 @@
 // log) and every entry read. Opening and reading may fail, but cleanly; an
 // open box must read every entry of the undamaged bucket exactly as stored.
 // QWVM_FUZZ_WRITE_SEEDS=<dir> writes seeds (one per file kind and bucket).
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
-#include <string>
 #include <vector>
 
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -34,8 +28,6 @@ std::string pristine, work;
 std::map<uint32_t, std::string> model;  // the box after the last checkpoint
 BoxLVMThreadData *threadData;
 uint8_t *value;
-
-void Quiet(void *, int, const char *, int, const char *) {}
 
 std::string Value(uint32_t id, uint32_t size, char generation) {
   std::string v(size, '\0');
@@ -82,13 +74,7 @@ std::string Target(const std::string &root, uint8_t selector) {
 }
 
 void Damage(const std::string &path, uint8_t mode, uint32_t offset, const uint8_t *bytes, size_t count) {
-  std::string contents;
-  {
-    FILE *in = std::fopen(path.c_str(), "rb");
-    if (!in) std::abort();
-    for (int c; (c = std::fgetc(in)) != EOF;) contents.push_back(char(c));
-    std::fclose(in);
-  }
+  std::string contents = qwfuzz::ReadAll(path);
   const size_t at = offset % (contents.size() + 1);
   switch (mode) {
     case 0:  // overwrite inside the file
@@ -105,48 +91,24 @@ void Damage(const std::string &path, uint8_t mode, uint32_t offset, const uint8_
       std::memcpy(&contents[at], bytes, count);
       break;
   }
-  FILE *out = std::fopen(path.c_str(), "wb");
-  if (!out || (!contents.empty() && std::fwrite(contents.data(), 1, contents.size(), out) != contents.size()))
-    std::abort();
-  std::fclose(out);
-}
-
-void WriteSeed(const std::string &dir, const char *name, const std::string &seed) {
-  FILE *out = std::fopen((dir + "/" + name).c_str(), "wb");
-  if (!out || std::fwrite(seed.data(), 1, seed.size(), out) != seed.size()) std::abort();
-  std::fclose(out);
-}
-
-void WriteSeeds(const std::string &dir) {
-  // Data file of bucket 1: xor a byte in the first block's header; log of
-  // bucket 0: overwrite 4 bytes somewhere in the middle of the first file.
-  WriteSeed(dir, "seed-data", std::string("\x05\x0c\x00\x00\x00\x01", 6));
-  WriteSeed(dir, "seed-log", std::string("\x02\x00\x01\x00\x00\xff\xff\xff\xff", 9));
-  WriteSeed(dir, "seed-log-cut", std::string("\x0b\x40\x00\x00\x00", 5));
+  qwfuzz::WriteAll(path, contents);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
-  // Opening the box commits and syncs: in memory (/dev/shm) that costs
-  // nothing, on a disk it limits the fuzzer to a few runs a second.
-  char inMemory[] = "/dev/shm/qwvm-fuzz-box-XXXXXX", onDisk[] = "/tmp/qwvm-fuzz-box-XXXXXX";
-  const char *root = mkdtemp(inMemory);
-  if (!root) root = mkdtemp(onDisk);
-  if (!root) std::abort();
-  static const std::string made = root;
-  std::atexit([] {
-    std::error_code ignored;
-    fs::remove_all(made, ignored);
-  });
-  pristine = std::string(root) + "/pristine";
-  work = std::string(root) + "/work";
+  const std::string root = qwfuzz::Start("box");
+  pristine = root + "/pristine";
+  work = root + "/work";
   MakeTemplate();
   threadData = BoxLVMThreadDataNew();
   if (!threadData) std::abort();
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
-    WriteSeeds(seeds);
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
+    // Data file of bucket 1: xor a byte in the first block's header; log of
+    // bucket 0: overwrite 4 bytes somewhere in the middle of the first file.
+    qwfuzz::WriteAll(seeds + "/seed-data", std::string("\x05\x0c\x00\x00\x00\x01", 6));
+    qwfuzz::WriteAll(seeds + "/seed-log", std::string("\x02\x00\x01\x00\x00\xff\xff\xff\xff", 9));
+    qwfuzz::WriteAll(seeds + "/seed-log-cut", std::string("\x0b\x40\x00\x00\x00", 5));
     std::exit(0);
   }
   return 0;

@@ -4,22 +4,15 @@
 // check) and reading the size class must fail cleanly, or hand out data that
 // lies inside the page and matches its stored checksum.
 // QWVM_FUZZ_WRITE_SEEDS=<dir> writes a good version 0 block as a seed.
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
 BoxLVMDataFile *file;
 BoxLVMDataFileThreadData *threadData;
 uint8_t page[BOXLVM_PAGE_SIZE];
-
-void Quiet(void *, int, const char *, int, const char *) {}
 
 uint32_t Checksum(const uint8_t *data, uint32_t length) {
   uint32_t h = 0;
@@ -30,22 +23,17 @@ uint32_t Checksum(const uint8_t *data, uint32_t length) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
-  char pattern[] = "/tmp/qwvm-fuzz-boxdata-XXXXXX";
-  const char *dir = mkdtemp(pattern);
-  file = dir ? BoxLVMDataFileOpen(dir, 2, 1, 0, 0, 0, 1, nullptr) : nullptr;
+  file = BoxLVMDataFileOpen(qwfuzz::Start("boxdata").c_str(), 2, 1, 0, 0, 0, 1, nullptr);
   threadData = BoxLVMDataFileThreadDataNew();
   if (!file || !threadData) std::abort();
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
     const char data[] = "a value of some length, more than twenty bytes";
     std::string seed(2 + 96, '\0');
     seed[0] = 4;
     if (!BoxLVMDataBlockEncodeWrite(file, threadData, 256 + 4, sizeof data, data, 2, 9, 0, ~0u, 0, 0) ||
         !BoxLVMDataBlockRead(file, 256 + 4, 96, &seed[2]))
       std::abort();
-    FILE *out = std::fopen((std::string(seeds) + "/seed-v0").c_str(), "wb");
-    if (!out || std::fwrite(seed.data(), 1, seed.size(), out) != seed.size()) std::abort();
-    std::fclose(out);
+    qwfuzz::WriteAll(seeds + "/seed-v0", seed);
     std::exit(0);
   }
   return 0;

@@ -4,33 +4,16 @@
 // fail cleanly; a log that opens must read from its first record to its
 // last forwards and back without crashing, and a writable one must take a
 // record, flush it and show it as its last record after a reopen.
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
 std::string directory;
 
-void Quiet(void *, int, const char *, int, const char *) {}
-
 std::string FileOf(uint32_t number) {
   char name[32];
   std::snprintf(name, sizeof name, "/%08u.qwlog", number);
   return directory + name;
-}
-
-void WriteAll(const std::string &path, const uint8_t *data, size_t size) {
-  FILE *file = std::fopen(path.c_str(), "wb");
-  if (!file) std::abort();
-  if (size) std::fwrite(data, 1, size, file);
-  std::fclose(file);
 }
 
 // Reads every record forwards, then walks back over `previous` as far as
@@ -62,8 +45,8 @@ void Run(uint8_t selector, const uint8_t *data, size_t size) {
   ::unlink(FileOf(2).c_str());
   size_t cut = size;
   if ((selector & 2) && size >= 2) cut = (size_t(data[0]) << 8 | data[1]) % size;
-  WriteAll(FileOf(1), data, cut);
-  if (cut < size) WriteAll(FileOf(2), data + cut, size - cut);
+  qwfuzz::WriteAll(FileOf(1), data, cut);
+  if (cut < size) qwfuzz::WriteAll(FileOf(2), data + cut, size - cut);
   const bool writable = selector & 1;
   QWLog *log = LogOpen_(directory.c_str(), !writable, LOG_MIN_FILE_SIZE);
   if (!log) return;
@@ -82,10 +65,8 @@ void Run(uint8_t selector, const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
-  char pattern[] = "/tmp/qwvm-fuzz-log-XXXXXX";
-  directory = mkdtemp(pattern);
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
+  directory = qwfuzz::Start("log");
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
     QWLog *log = LogOpen_(directory.c_str(), 0, LOG_MIN_FILE_SIZE);
     for (uint32_t i = 0; log && i < 40; ++i) {
       const std::string payload(i * 13 % 200, char('a' + i % 26));
@@ -93,11 +74,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     }
     LogClose(log);
     // Seed: selector 0 (read-only, one file), then the first log file.
-    FILE *in = std::fopen(FileOf(1).c_str(), "rb");
-    std::string seed(1, '\0');
-    for (int c; in && (c = std::fgetc(in)) != EOF;) seed.push_back(char(c));
-    if (in) std::fclose(in);
-    WriteAll(std::string(seeds) + "/seed-log", reinterpret_cast<const uint8_t *>(seed.data()), seed.size());
+    qwfuzz::WriteAll(seeds + "/seed-log", std::string(1, '\0') + qwfuzz::ReadAll(FileOf(1)));
     std::exit(0);
   }
   return 0;

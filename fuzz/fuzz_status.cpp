@@ -2,27 +2,11 @@
 // written as a directory's `status` file (first byte even) or as a file-array
 // file read with each width (first byte odd). Reading must fail cleanly or
 // succeed; a status that reads must write and read back the same.
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
 std::string directory;
-
-void Quiet(void *, int, const char *, int, const char *) {}
-
-void WriteAll(const std::string &path, const uint8_t *data, size_t size) {
-  FILE *file = std::fopen(path.c_str(), "wb");
-  if (!file) std::abort();
-  if (size) std::fwrite(data, 1, size, file);
-  std::fclose(file);
-}
 
 int CountParameter(void *context, uint32_t, uint64_t) {
   ++*static_cast<size_t *>(context);
@@ -30,7 +14,7 @@ int CountParameter(void *context, uint32_t, uint64_t) {
 }
 
 void ReadStatus(const uint8_t *data, size_t size) {
-  WriteAll(directory + "/status", data, size);
+  qwfuzz::WriteAll(directory + "/status", data, size);
   ::unlink((directory + "/status.new").c_str());
   QWStatus *status = StatusRead(directory.c_str());
   if (!status) return;
@@ -49,7 +33,7 @@ void ReadStatus(const uint8_t *data, size_t size) {
 
 void ReadFileArray(const uint8_t *data, size_t size) {
   const std::string path = directory + "/farray";
-  WriteAll(path, data, size);
+  qwfuzz::WriteAll(path, data, size);
   for (uint32_t width : {0u, 4u, 8u}) {
     FArray array{};
     if (!FArrayInit_(&array, 8, 1024, nullptr)) std::abort();
@@ -69,21 +53,15 @@ void ReadFileArray(const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
-  char pattern[] = "/tmp/qwvm-fuzz-status-XXXXXX";
-  directory = mkdtemp(pattern);
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
+  directory = qwfuzz::Start("status");
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
     QWStatus *status = StatusNew();
     StatusSetParameter(status, 1, 42);
     StatusSetParameter(status, 7, UINT64_MAX);
     StatusWrite(status, directory.c_str());
     StatusFree(status);
     // Seed: the selector byte 0, then the status file as written.
-    FILE *in = std::fopen((directory + "/status").c_str(), "rb");
-    std::string seed(1, '\0');
-    for (int c; in && (c = std::fgetc(in)) != EOF;) seed.push_back(char(c));
-    if (in) std::fclose(in);
-    WriteAll(std::string(seeds) + "/seed-status", reinterpret_cast<const uint8_t *>(seed.data()), seed.size());
+    qwfuzz::WriteAll(seeds + "/seed-status", std::string(1, '\0') + qwfuzz::ReadAll(directory + "/status"));
     std::exit(0);
   }
   return 0;

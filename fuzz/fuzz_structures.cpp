@@ -6,19 +6,10 @@
 // succeed; they must never crash or read out of bounds.
 //
 // QWVM_FUZZ_WRITE_SEEDS=<dir> writes the stored blocks as a seed corpus.
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <vector>
 
-#include "qwvm/qwvm.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -28,19 +19,7 @@ std::string arenaDir;
 PageCache *cache;
 uint8_t *pathBuffer;
 
-void Quiet(void *, int, const char *, int, const char *) {}
-
 std::string DataPath(uint32_t bucket) { return arenaDir + "/block/data" + std::to_string(bucket); }
-
-std::string ReadAll(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteAll(const std::string &path, const std::string &bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), std::streamsize(bytes.size()));
-}
 
 std::vector<uint32_t> Atom(uint32_t i) {
   const std::string text = "host" + std::to_string(i % 7) + "/path/" + std::to_string(i * 7919 % 1000);
@@ -48,8 +27,7 @@ std::vector<uint32_t> Atom(uint32_t i) {
 }
 
 void MakeArena() {
-  char pattern[] = "/tmp/qwvm-fuzz-structures-XXXXXX";
-  arenaDir = std::string(mkdtemp(pattern)) + "/arena";
+  arenaDir = qwfuzz::Start("structures") + "/arena";
   VMArena *arena = VMArenaOpen(arenaDir.c_str(), VM_FLAG_CREATE, kBuckets, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
                                nullptr, cache);
   int created = 1;
@@ -129,18 +107,16 @@ void ReadPITree(VMArena *arena) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  QWSetMessageHandler(Quiet, nullptr, nullptr);
   cache = PageCacheNew(4 << 20, kBlock);
   if (!ArrayInit(pathBuffer, 1, 64)) std::abort();
   MakeArena();
-  if (const char *seeds = std::getenv("QWVM_FUZZ_WRITE_SEEDS")) {
-    std::filesystem::create_directories(seeds);
+  if (const std::string seeds = qwfuzz::SeedDir(); !seeds.empty()) {
     for (uint32_t bucket = 0; bucket < kBuckets; ++bucket) {
-      const std::string data = ReadAll(DataPath(bucket));
+      const std::string data = qwfuzz::ReadAll(DataPath(bucket));
       for (uint32_t block = 0; block * kBlock < data.size(); ++block) {
         std::string seed{char(bucket), char(block & 0xFF), char(block >> 8)};
         seed += data.substr(size_t(block) * kBlock, kBlock);
-        WriteAll(std::string(seeds) + "/seed-" + std::to_string(bucket) + "-" + std::to_string(block), seed);
+        qwfuzz::WriteAll(seeds + "/seed-" + std::to_string(bucket) + "-" + std::to_string(block), seed);
       }
     }
     std::exit(0);
@@ -151,13 +127,13 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 3) return 0;
   const std::string path = DataPath(data[0] % kBuckets);
-  const std::string original = ReadAll(path);
+  const std::string original = qwfuzz::ReadAll(path);
   const size_t blocks = original.size() / kBlock;
   if (blocks == 0) return 0;
   const size_t block = (data[1] | size_t(data[2]) << 8) % blocks;
   std::string damaged = original;
   std::memcpy(&damaged[block * kBlock], data + 3, std::min<size_t>(size - 3, kBlock));
-  WriteAll(path, damaged);
+  qwfuzz::WriteAll(path, damaged);
   VMArena *arena = VMArenaOpen(arenaDir.c_str(), VM_FLAG_READ_ONLY, kBuckets, STATUS_NO_SERIAL, STATUS_NO_SERIAL,
                                nullptr, cache);
   if (arena) {
@@ -167,6 +143,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     VMArenaClose(arena);
   }
   QWErrorClear();
-  WriteAll(path, original);
+  qwfuzz::WriteAll(path, original);
   return 0;
 }

@@ -3,11 +3,8 @@
 # every copy checks clean and holds exactly one state the writer committed
 # (the writer records a digest of each); a copy onto an existing directory
 # is refused and leaves it alone.
-set -u
-qwvm=$1
-work=$(mktemp -d)
+. "$(dirname "$0")/lib.sh"
 trap 'kill $writer 2>/dev/null; [ -n "${KEEP:-}" ] || rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; exit 1; }
 head -c 20000 /dev/urandom >"$work/value"
 
 # kind, the command that writes item $i, the command that lists a store.
@@ -60,7 +57,6 @@ held arena '"$qwvm" sfs "$dir" ls; for f in $("$qwvm" sfs "$dir" ls | awk "{prin
 held strtable '"$qwvm" strtable "$dir" list' '"$qwvm" strtable "$work/strtable" set k1 changed' \
   '"$qwvm" strtable "$work/strtable" rm k2'
 
-"$qwvm" copy "$work/box" "$work/arena.copy1" 2>"$work/err"; [ $? = 1 ] || fail "existing destination not refused"
-grep -q 'exists' "$work/err" || fail "existing destination message: $(cat "$work/err")"
+refuses 1 'exists' copy "$work/box" "$work/arena.copy1"
 "$qwvm" check "$work/arena.copy1" | grep -q 'arena: clean' || fail "refused copy touched the destination"
 echo "copy tool: ok"

@@ -1,11 +1,7 @@
 #!/usr/bin/env bash
 # The `qwvm eval` commands by hand: add (any expression), match at the three
 # levels across separate processes, stat, and the refusals (nothing stored).
-set -u
-qwvm=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; exit 1; }
+. "$(dirname "$0")/lib.sh"
 q="$work/q"
 
 "$qwvm" eval "$q" add '1 & !(2 | 3:1)' 10 >/dev/null || fail "add 10"
@@ -28,14 +24,13 @@ expect "" " 30" "" ""
 before=$(md5sum <"$q"/arena.new)
 for bad in '1 & (2' '1 &' '4294967295' '1 $ 2' '1:2:3' '16777216' \
            '(1|2)&(3|4)&(5|6)&(7|8)&(9|10)&(11|12)&(13|14)&(15|16)&(17|18)&(19|20)&(21|22)'; do
-  "$qwvm" eval "$q" add "$bad" 50 2>"$work/err" && fail "bad expression '$bad' accepted"
-  [ -s "$work/err" ] || fail "no message for '$bad'"
+  refuses "" . eval "$q" add "$bad" 50
 done
 grep -q 'expression too large' "$work/err" || fail "size limit message: $(cat "$work/err")"
 "$qwvm" eval "$q" add '1 & (2' 50 2>&1 | grep -q 'column 7: expected ")"' || fail "column of the fault"
-"$qwvm" eval "$q" add '1' -5 2>/dev/null && fail "negative value accepted"
+refuses "" "" eval "$q" add '1' -5
 [ "$(md5sum <"$q"/arena.new)" = "$before" ] || fail "a refused add committed something"
 expect "1" " 10 30" " 10" " 10"
-"$qwvm" eval "$q" frob 2>/dev/null; [ $? = 2 ] || fail "bad verb not a usage error"
-"$qwvm" eval "$work/none" stat 2>/dev/null && fail "missing store accepted"
+refuses 2 "" eval "$q" frob
+refuses "" "" eval "$work/none" stat
 echo "eval tool: ok"

@@ -2,11 +2,7 @@
 # `qwvm check` and `qwvm stat` over every store the tour writes: one clean line
 # per store on the tour's root, a damaged box data file and a damaged log
 # found, an empty directory refused, and `stat --json` parsing for each kind.
-set -u
-qwvm=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; exit 1; }
+. "$(dirname "$0")/lib.sh"
 tour=$work/tour
 
 "$qwvm" tour "$tour" >"$work/tour.log" 2>&1 || fail "tour: $(tail -5 "$work/tour.log")"
@@ -43,9 +39,8 @@ grep -qx "$tour/logged: logged arena: 1 fault" "$work/report" || fail "log fault
 grep -qx "$tour/arena: arena: clean" "$work/report" || fail "clean arena among damaged stores"
 
 mkdir "$work/empty"
-"$qwvm" check "$work/empty" 2>"$work/err"; [ $? = 1 ] || fail "empty directory not refused"
-grep -qx "$work/empty: no qwvm store found" "$work/err" || fail "empty message: $(cat "$work/err")"
-"$qwvm" stat "$work/empty" --json 2>/dev/null; [ $? = 1 ] || fail "stat of an empty directory"
-"$qwvm" check "$tour/box" --serial 1 2 2>/dev/null; [ $? = 2 ] || fail "--serial on a box not a usage error"
+refuses 1 "^$work/empty: no qwvm store found\$" check "$work/empty"
+refuses 1 "" stat "$work/empty" --json
+refuses 2 "" check "$tour/box" --serial 1 2
 "$qwvm" help stat | grep -q 'logged_arena' || fail "help stat"
 echo "ops tool: ok"

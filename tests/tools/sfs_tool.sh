@@ -1,10 +1,6 @@
 #!/usr/bin/env bash
 # The `qwvm sfs` commands by hand: put, get, ls, and the refusals.
-set -u
-qwvm=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; exit 1; }
+. "$(dirname "$0")/lib.sh"
 
 head -c 70000 /dev/urandom >"$work/big"
 printf 'hello\n' >"$work/small"
@@ -20,10 +16,8 @@ listing=$("$qwvm" sfs "$work/store" ls docs) || fail "ls"
 [ "$(echo "$listing" | wc -l)" = 2 ] || fail "ls docs lists $listing"
 echo "$listing" | grep -q '70000  docs/big' || fail "ls size: $listing"
 
-"$qwvm" sfs "$work/store" get nothing 2>"$work/err" && fail "missing path accepted"
-grep -q 'no file "nothing"' "$work/err" || fail "missing path message: $(cat "$work/err")"
-"$qwvm" sfs "$work/none" ls 2>"$work/err" && fail "missing store accepted"
-grep -q 'SFSOpen:cannot open arena in directory' "$work/err" || fail "missing store message: $(cat "$work/err")"
-"$qwvm" sfs "$work/store" put x "$work/absent" 2>/dev/null && fail "missing input file accepted"
-"$qwvm" sfs "$work/store" frob 2>/dev/null; [ $? = 2 ] || fail "bad verb not a usage error"
+refuses "" 'no file "nothing"' sfs "$work/store" get nothing
+refuses "" 'SFSOpen:cannot open arena in directory' sfs "$work/none" ls
+refuses "" "" sfs "$work/store" put x "$work/absent"
+refuses 2 "" sfs "$work/store" frob
 echo "sfs tool: ok"

@@ -2,11 +2,7 @@
 # `qwvm sort` against `LC_ALL=C sort`: every flag combination on generated
 # lines (duplicates, empty lines, NUL and high bytes, no final newline),
 # stdin, SIGKILL at random moments then --resume, and the refusals.
-set -u
-qwvm=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL: $*"; exit 1; }
+. "$(dirname "$0")/lib.sh"
 export LC_ALL=C
 
 # ~6 MB of lines of mixed lengths over a small alphabet (many duplicates).
@@ -59,15 +55,14 @@ done
 
 # Refusals: a clear error, exit 2, no output file.
 rm -f "$work/out"
-"$qwvm" sort -o "$work/out" "$work/absent" 2>"$work/err"; [ $? = 2 ] || fail "missing input"
-grep -q 'cannot read' "$work/err" && [ ! -e "$work/out" ] || fail "missing input: $(cat "$work/err")"
-"$qwvm" sort --frob "$work/in" 2>"$work/err"; [ $? = 2 ] || fail "unknown option"
-grep -q 'unknown option --frob' "$work/err" || fail "unknown option message"
-"$qwvm" sort --resume "$work/nothing" -o "$work/out" 2>"$work/err"; [ $? = 2 ] || fail "resume of nothing"
+refuses 2 'cannot read' sort -o "$work/out" "$work/absent"
+[ ! -e "$work/out" ] || fail "missing input: output written"
+refuses 2 'unknown option --frob' sort --frob "$work/in"
+refuses 2 "" sort --resume "$work/nothing" -o "$work/out"
 mkdir -p "$work/bad/qwvm-sort" && echo garbage >"$work/bad/qwvm-sort/job"
-"$qwvm" sort --resume "$work/bad" -o "$work/out" 2>"$work/err"; [ $? = 2 ] || fail "damaged job"
+refuses 2 "" sort --resume "$work/bad" -o "$work/out"
 printf 'qwvm sort job 1\noutput %s\ninput %s\nend\n' "$work/out" "$work/in" >"$work/bad/qwvm-sort/job"
 mkdir -p "$work/bad/qwvm-sort/meta" && echo junk >"$work/bad/qwvm-sort/meta/arena.new"
-"$qwvm" sort --resume "$work/bad" 2>"$work/err"; [ $? = 2 ] || fail "damaged state"
+refuses 2 "" sort --resume "$work/bad"
 [ ! -e "$work/out" ] || fail "output written by a failed sort"
 echo "sort tool: ok"

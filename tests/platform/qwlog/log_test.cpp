@@ -8,18 +8,14 @@
 #include <thread>
 
 #include "platform/qwutil/bytes.h"
+#include "support/fault_support.h"
 #include "support/platform_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Record {
-  uint64_t serial;
-  uint32_t type;
-  std::string payload;
-  bool operator==(const Record &) const = default;
-};
+using Record = qwtest::LogRecord;
 
 class LogTest : public qwtest::FaultTempDirTest {
  protected:
@@ -50,33 +46,7 @@ class LogTest : public qwtest::FaultTempDirTest {
     return written;
   }
 
-  // Every record a fresh read-only open sees, forwards; each record's
-  // previous serial must be the one read before it.
-  std::vector<Record> ReadAll() {
-    QWLog *log = Open(1);
-    if (!log) return {};
-    LogReadContext *context = LogReadContextNew(log);
-    std::vector<Record> records;
-    uint64_t serial = 0, last = 0;
-    EXPECT_TRUE(LogFirstSerial(context, 0, &serial)) << QWErrorMessage();
-    for (bool first = true; serial <= LogLastSerial(log); first = false) {
-      std::string payload(4096, '\0');
-      uint32_t type = 0, size = uint32_t(payload.size());
-      uint64_t next = 0, prev = 0;
-      if (!LogRead(context, serial, &type, payload.data(), &size, &next, &prev)) {
-        ADD_FAILURE() << QWErrorMessage();
-        break;
-      }
-      EXPECT_TRUE(first || prev == last) << serial;
-      payload.resize(size);
-      if (type > LOG_FILE_TRAILER) records.push_back({serial, type, payload});
-      last = serial;
-      serial = next;
-    }
-    LogReadContextDelete(context);
-    LogClose(log);
-    return records;
-  }
+  std::vector<Record> ReadAll() { return qwtest::ReadLogRecords(logDir()); }
 };
 
 TEST_F(LogTest, RecordsRoundTripAcrossRolloverAndReopen) {
@@ -234,15 +204,11 @@ TEST_F(LogTest, TruncateRemovesWholeFilesAndSurvivesACrashAtEachSync) {
     SCOPED_TRACE("crash at sync " + std::to_string(n));
     fs::remove_all(logDir());
     fs::copy(path("snapshot"), logDir());
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      QWLog *l = LogOpen_(logDir().c_str(), 0, 4096);
-      qw::fault::Reset();
-      qw::fault::CrashAtSync(n, qw::fault::PowerLoss::Drop);
-      if (!l || !LogTruncate(l, keep.serial)) _exit(3);
-      qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
-      _exit(1);
-    });
-    ASSERT_TRUE(child.exited && child.exitStatus == 1) << child.out;
+    QWLog *l = nullptr;
+    const qwtest::PowerLossRun run = qwtest::PowerLossChild(
+        n, {qw::fault::PowerLoss::Drop}, [&] { return (l = LogOpen_(logDir().c_str(), 0, 4096)) != nullptr; },
+        [&] { return LogTruncate(l, keep.serial) == 1; });
+    ASSERT_EQ(run.status, n <= syncs ? 1 : 2) << run.out;
     std::vector<Record> after = ReadAll();
     ASSERT_FALSE(after.empty());
     EXPECT_LE(after.front().serial, keep.serial);  // whole files before `keep` may be left

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <map>
 
+#include "support/fault_support.h"
 #include "support/platform_support.h"
 
 namespace {
@@ -214,19 +215,14 @@ TEST_F(StatusTest, PowerLossAtEverySyncLeavesOldOrNew) {
         SCOPED_TRACE(testing::Message() << "first " << firstWrite << " sync " << syncNumber << " mode " << int(mode)
                                         << " seed " << seed);
         Start(firstWrite ? Parameters{} : Parameters{{1, 1}, {2, 7}});
-        qwtest::ChildResult child = qwtest::RunInChild([&] {
-          qw::fault::CrashAtSync(syncNumber, mode, seed);
+        const qwtest::PowerLossRun run = qwtest::PowerLossChild(syncNumber, {mode, seed}, nullptr, [&] {
           StatusPtr status(StatusNew());
-          StatusSetParameter(status.get(), 1, 2);
-          StatusSetParameter(status.get(), 2, 14);
-          StatusWrite(status.get(), dir().c_str());
-          std::printf("completed");
-        });
+          return StatusSetParameter(status.get(), 1, 2) && StatusSetParameter(status.get(), 2, 14) &&
+                 StatusWrite(status.get(), dir().c_str());
+        }, false);
         // A write has two syncs (the file, then the directory): the first two
         // crash, the third is never reached.
-        ASSERT_TRUE(child.exited);
-        EXPECT_EQ(child.exitStatus, syncNumber <= 2 ? 1 : 0);
-        EXPECT_EQ(child.out.find("completed") != std::string::npos, syncNumber > 2) << child.out;
+        EXPECT_EQ(run.status, syncNumber <= 2 ? 1 : 2) << run.out;
         // The old status (when there was one) or the new one.
         StatusPtr back = Read();
         if (back == nullptr) {

@@ -2,8 +2,9 @@
 // and cached data files), the block sizes at the part boundary, recycling
 // only after a checkpoint, crashes at every checkpoint stop, replay that
 // rebuilds the metadata exactly, the error mode after a failed data write,
-// the record printers, the raw reader, and threads. BoxLVMCheck must find
-// nothing wrong after checkpoints, reopenings and every crash.
+// the record printers, the raw reader, threads, and the box check: nothing
+// wrong after checkpoints, reopenings and every crash, and each kind of damage
+// gives the one fault that names it.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -23,6 +24,7 @@
 namespace {
 
 using Model = std::map<uint32_t, std::string>;
+const std::vector<std::string> kSound;
 
 std::string Value(uint32_t id, uint32_t version, uint32_t size) {
   std::string value(size, '\0');
@@ -80,14 +82,15 @@ class BoxTest : public qwtest::TempDirTest {
       EXPECT_EQ(BoxLVMExists(box, id), it == model.end() ? 0 : 1) << "id " << id;
     }
   }
-  // BoxLVMCheck's report: empty when the box is sound.
-  std::string CheckReport() {
-    std::string report;
-    uint64_t faults = 0;
+  // BoxLVMCheck's fault lines: none when the box is sound.
+  std::vector<std::string> Check() {
+    std::vector<std::string> lines;
+    uint64_t faults = 99;
     EXPECT_TRUE(BoxLVMCheck(
-        box, [](void *out, uint32_t, const char *line) { *static_cast<std::string *>(out) += std::string(line) + "\n"; },
-        &report, &faults));
-    return report;
+        box, [](void *out, uint32_t, const char *line) { static_cast<std::vector<std::string> *>(out)->push_back(line); },
+        &lines, &faults));
+    EXPECT_EQ(faults, lines.size());
+    return lines;
   }
   BoxLVMBucket &Bucket(uint32_t n) { return *box->buckets[n]; }
   std::vector<uint32_t> Handles(uint32_t id) {
@@ -187,7 +190,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
                        [&] {
                          ASSERT_TRUE(BoxLVMCheckpoint(box, int(rng() % 2), nullptr)) << QWErrorMessage();
                          durable = model;
-                         ASSERT_EQ(CheckReport(), "");
+                         ASSERT_EQ(Check(), kSound);
                        }},
                       {2, [&] {
                          // Closing without a checkpoint loses what followed the last one.
@@ -198,7 +201,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
                          ASSERT_NO_FATAL_FAILURE(Open(1 + rng() % 5, 0));  // the stored count wins
                          EXPECT_EQ(BoxLVMBucketCount(box), 2u);
                          ASSERT_NO_FATAL_FAILURE(ExpectHolds(model, idLimit));
-                         ASSERT_EQ(CheckReport(), "");
+                         ASSERT_EQ(Check(), kSound);
                        }}});
     // A read-only open sees the last commit.
     ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr)) << QWErrorMessage();
@@ -212,33 +215,19 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
 }
 
 TEST_F(BoxTest, EdgeCasesOfValuesCountsAndModes) {
+  // (Values, sizes, counts and empty values in general: the model test.)
   ASSERT_NO_FATAL_FAILURE(Open(2));
   // A value of 8172 bytes fills one block of class 255; one more byte adds a
-  // block of class 0.
+  // block of class 0; an empty value is an entry without blocks.
   ASSERT_TRUE(Put(4, Value(4, 1, 8172)));
   ASSERT_TRUE(Put(6, Value(6, 1, 8173)));
   EXPECT_EQ(Classes(4), (std::vector<uint32_t>{255}));
   EXPECT_EQ(Classes(6), (std::vector<uint32_t>{255, 0}));
-  EXPECT_EQ(Get(4), Value(4, 1, 8172));
-  EXPECT_EQ(Get(6), Value(6, 1, 8173));
-  int isNew = -1;
-  ASSERT_TRUE(Put(4, "x", &isNew));
-  EXPECT_EQ(isNew, 0);
-  EXPECT_EQ(BoxLVMSize(box), 2u);
+  ASSERT_TRUE(Put(8, "") && Put(6, "") && Put(4, "x")) << QWErrorMessage();
+  EXPECT_TRUE(Handles(6).empty() && Handles(8).empty());
   // Removing what was never stored is refused and counts nothing.
-  int inError = -1;
-  EXPECT_EQ(BoxLVMRemove(box, 8, &inError), 0);
+  EXPECT_EQ(BoxLVMRemove(box, 10, nullptr), 0);
   EXPECT_STREQ(QWErrorMessage(), "cannot remove non-existing entry");
-  EXPECT_EQ(BoxLVMSize(box), 2u);
-  EXPECT_EQ(Get(8), "<absent>");
-  // An empty value is an entry without blocks.
-  ASSERT_TRUE(Put(8, "", &isNew)) << QWErrorMessage();
-  EXPECT_EQ(isNew, 1);
-  ASSERT_TRUE(Put(6, "", &isNew)) << QWErrorMessage();
-  EXPECT_EQ(isNew, 0);
-  EXPECT_TRUE(Handles(6).empty());
-  EXPECT_EQ(Get(6), "");
-  EXPECT_EQ(BoxLVMExists(box, 8), 1);
   EXPECT_EQ(BoxLVMSize(box), 3u);
   ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr)) << QWErrorMessage();
   Close(false);
@@ -361,26 +350,29 @@ TEST_F(BoxTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedBox) {
         else expected.erase(id);
       }
       ASSERT_NO_FATAL_FAILURE(ExpectHolds(expected, 40));
-      EXPECT_EQ(CheckReport(), "");
+      EXPECT_EQ(Check(), kSound);
       Close(false);
     }
   }
 }
 
-// The workload of the replay test: six rounds on a one-bucket box, each
-// followed by a checkpoint (the third committing); `crashing` runs before
-// round `crashRound`'s checkpoint (a crash stop or a power loss armed there).
-void ReplayWorkload(const std::string &dir, uint32_t crashRound, const std::function<void()> &crashing) {
+// The workload of the replay test on a one-bucket box: rounds 1 .. `rounds`,
+// each followed by a checkpoint (the third committing), then (with `tail`) a
+// round that no checkpoint makes durable; `crashing` runs before round
+// `crashRound`'s checkpoint (a crash stop or a power loss armed there). No
+// close: the log's tail is all that survives.
+void ReplayWorkload(const std::string &dir, uint32_t rounds, bool tail, uint32_t crashRound = 0,
+                    const std::function<void()> &crashing = {}) {
   BoxLVM *b = BoxLVMOpen(dir.c_str(), 1, 1, 2, 1, 0, nullptr);
   if (!b) _exit(3);
   Model model;
-  for (uint32_t round = 1; round <= 6; ++round) {
+  for (uint32_t round = 1; round <= rounds; ++round) {
     Round(round, &model, b);
     if (round == crashRound) crashing();
     if (!BoxLVMCheckpoint(b, round == 3, nullptr)) _exit(4);
   }
-  Round(7, &model, b);  // after the last checkpoint: never durable
-  _exit(0);             // no close: the log's tail is all that survives
+  if (tail) Round(rounds + 1, &model, b);
+  _exit(0);
 }
 
 TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
@@ -389,15 +381,7 @@ TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
   std::vector<std::string> reference;
   for (uint32_t r = 0; r <= 6; ++r) {
     const std::string dir = path("clean" + std::to_string(r));
-    const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      BoxLVM *b = BoxLVMOpen(dir.c_str(), 1, 1, 2, 1, 0, nullptr);
-      Model model;
-      for (uint32_t round = 1; b && round <= r; ++round) {
-        Round(round, &model, b);
-        if (!BoxLVMCheckpoint(b, round == 3, nullptr)) _exit(4);
-      }
-      _exit(b ? 0 : 3);
-    });
+    const qwtest::ChildResult child = qwtest::RunInChild([&] { ReplayWorkload(dir, r, false); });
     ASSERT_TRUE(child.exited && child.exitStatus == 0) << child.out;
     box = BoxLVMOpen(dir.c_str(), 1, 1, 2, 0, 0, nullptr);
     ASSERT_NE(box, nullptr) << QWErrorMessage();
@@ -408,7 +392,7 @@ TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
     box = BoxLVMOpen(dir.c_str(), 1, 1, 2, 0, 0, nullptr);
     EXPECT_NE(box, nullptr) << QWErrorMessage();
     if (!box) return -1;
-    EXPECT_EQ(CheckReport(), "");
+    EXPECT_EQ(Check(), kSound);
     const std::string digest = MetadataDigest();
     Close(false);
     for (size_t r = 0; r < reference.size(); ++r)
@@ -417,7 +401,7 @@ TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
   };
   // Killed after round 7 (past the last checkpoint): checkpoint 6.
   {
-    const qwtest::ChildResult child = qwtest::RunInChild([&] { ReplayWorkload(path("killed"), 0, [] {}); });
+    const qwtest::ChildResult child = qwtest::RunInChild([&] { ReplayWorkload(path("killed"), 6, true); });
     ASSERT_TRUE(child.exited && child.exitStatus == 0) << child.out;
     EXPECT_EQ(recoveredAs(path("killed")), 6);
   }
@@ -425,7 +409,7 @@ TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
   for (int stop : {1, 4, 9}) {
     const std::string dir = path("stop" + std::to_string(stop)), name = "lvmcheckpoint" + std::to_string(stop);
     const qwtest::ChildResult child = qwtest::RunInChild([&] {
-      ReplayWorkload(dir, 5, [&] { qwtest::SetCrashStop(name.c_str(), dir + "/bucket.0/vm"); });
+      ReplayWorkload(dir, 6, true, 5, [&] { qwtest::SetCrashStop(name.c_str(), dir + "/bucket.0/vm"); });
     });
     ASSERT_TRUE(child.exited && child.exitStatus == 1) << name << child.out;
     EXPECT_EQ(recoveredAs(dir), stop >= 4 ? 5 : 4) << name;
@@ -436,7 +420,7 @@ TEST_F(BoxTest, ReplayAfterAnyCrashRebuildsTheMetadataOfACheckpointExactly) {
     for (uint64_t n : {1u, 2u, 3u, 5u, 8u, 13u}) {
       const std::string dir = path("loss" + std::to_string(n) + (loss == qw::fault::PowerLoss::Drop ? "d" : "g"));
       const qwtest::ChildResult child =
-          qwtest::RunInChild([&] { ReplayWorkload(dir, 4, [&] { qw::fault::CrashAtSync(n, loss, n); }); });
+          qwtest::RunInChild([&] { ReplayWorkload(dir, 6, true, 4, [&] { qw::fault::CrashAtSync(n, loss, n); }); });
       ASSERT_TRUE(child.exited && (child.exitStatus == 1 || child.exitStatus == 0)) << child.out;
       const int recovered = recoveredAs(dir);
       EXPECT_GE(recovered, 3) << dir;
@@ -571,6 +555,76 @@ TEST_F(BoxTest, ConcurrencyOfWritersReadersAndCheckpoints) {
   Close(true);
   ASSERT_NO_FATAL_FAILURE(Open(2, 0));
   ASSERT_NO_FATAL_FAILURE(ExpectHolds(model, kIds));
+}
+
+// All in bucket 1 of a two-bucket box. Ids 1 and 3 hold one block (handles 0
+// and 131), id 5 three (256, 512, 12); id 7 was stored and removed and id 3
+// overwritten, so blocks wait for recycling. The rest of page 0 (134 to 255)
+// is on the free list of class 121.
+class BoxCheckTest : public BoxTest {
+ protected:
+  void Fill() {
+    ASSERT_NO_FATAL_FAILURE(Open(2));
+    for (auto [id, size] : std::vector<std::pair<uint32_t, uint32_t>>{{1, 40}, {3, 300}, {5, 20000}, {7, 90}, {3, 50}})
+      ASSERT_TRUE(Put(id, std::string(size, char('a' + id))));
+    ASSERT_TRUE(BoxLVMRemove(box, 7, nullptr));
+  }
+  // Overwrites bytes of bucket 1's data file at `handle` (first `at` bytes kept).
+  void Damage(uint32_t handle, uint32_t at, const std::vector<uint8_t> &bytes) {
+    std::vector<uint8_t> unit(BOXLVM_UNIT_SIZE);
+    ASSERT_TRUE(BoxLVMDataBlockRead(Bucket(1).data, handle, BOXLVM_UNIT_SIZE, unit.data()));
+    std::copy(bytes.begin(), bytes.end(), unit.begin() + at);
+    ASSERT_TRUE(BoxLVMDataBlockWrite(Bucket(1).data, handle, BOXLVM_UNIT_SIZE, unit.data()));
+  }
+};
+
+TEST_F(BoxCheckTest, ACleanBoxHasNoFault) {
+  ASSERT_NO_FATAL_FAILURE(Fill());
+  EXPECT_EQ(Check(), kSound);
+  ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr));
+  Close(false);
+  ASSERT_NO_FATAL_FAILURE(Open(2, 0, 1));
+  EXPECT_EQ(Check(), kSound);
+  BoxLVMBucketStat stat;
+  ASSERT_TRUE(BoxLVMBucketStatGet(box, 1, &stat));
+  EXPECT_EQ(stat.entries, 3u);  // 1, 3, 5
+  EXPECT_EQ(stat.fileBytes, stat.totalUnits * BOXLVM_UNIT_SIZE);
+  // Three pages used; in blocks: id 1 (2 units), id 3 (3), id 5 (256, 256,
+  // 115); the rest is free.
+  EXPECT_EQ(stat.usedUnits, 3 * 256u);
+  EXPECT_EQ(stat.usedUnits - stat.freeUnits, 2 + 3 + 2 * 256u + 115);
+  EXPECT_EQ(BoxLVMBucketStatGet(box, 2, &stat), 0);
+}
+
+TEST_F(BoxCheckTest, EachDamageGivesTheFaultThatNamesIt) {
+  BoxLVMMetadata *meta = nullptr;  // bucket 1's, set for each case
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { Damage(Handles(1)[0], 25, {0x55}); },
+       "bucket 1: id 1: part 0 at handle 0: BoxLVMDataBlockReadDecode: wrong checksum at handle 0"},
+      {[&] { Damage(Handles(3)[0], 0, std::vector<uint8_t>(20, 0)); },
+       "bucket 1: id 3: part 0 at handle 131: BoxLVMDataBlockReadDecode: impossible size 0 or id 0"},
+      {[&] { ASSERT_TRUE(qw::box::ParamSet(Bucket(1), BOXLVM_PARAM_ENTRIES, 4)); },
+       "bucket 1: params[2] counts 4 entries but 3 are mapped"},
+      {[&] { ASSERT_TRUE(qw::olib::CellAppend(meta->freeList[0], Handles(1)[0])); },
+       "bucket 1: handle 0 is in both part 0 of id 1 and the free list of class 0"},
+      {[&] { ASSERT_TRUE(qw::olib::CellAppend(meta->secMappingFreeList, 0u)); },
+       "bucket 1: secondary id 0 is used by id 5 and also on secMappingFreeList"},
+      {[&] {
+         uint32_t handle = 0;
+         ASSERT_TRUE(qw::olib::CellPop(meta->freeList[121], &handle));
+       },
+       "bucket 1: units 134 to 255 are neither mapped nor free"},
+  };
+  for (const auto &[damage, fault] : cases) {
+    SCOPED_TRACE(fault);
+    std::filesystem::remove_all(boxDir());
+    ASSERT_NO_FATAL_FAILURE(Fill());
+    ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr));  // recycle: the lists hold what was freed
+    meta = &Bucket(1).meta;
+    ASSERT_NO_FATAL_FAILURE(damage());
+    EXPECT_EQ(Check(), std::vector<std::string>{fault});
+    Close(false);
+  }
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "support/fault_support.h"
-#include "support/test_support.h"
+#include "support/platform_support.h"
 
 namespace {
 
@@ -124,24 +124,11 @@ TEST_F(StrTableTest, RandomModelWithAwkwardKeysAcrossCheckpointsAndReopenings) {
   EXPECT_FALSE(Set("k", "v"));
 }
 
-// The records of the dictionary's log, from its first record on.
+// The dictionary's own records in its log.
 std::vector<std::pair<uint32_t, std::string>> DictRecords(const std::string &logDir) {
   std::vector<std::pair<uint32_t, std::string>> records;
-  QWLog *log = LogOpen(logDir.c_str(), 1);
-  LogReadContext *context = LogReadContextNew(log);
-  uint64_t serial = 0;
-  const uint64_t last = LogLastSerial(log);
-  for (bool ok = LogFirstSerial(context, 0, &serial); ok && serial <= last;) {
-    uint32_t type = 0, size = 0;
-    uint64_t next = 0;
-    char payload[64];
-    size = sizeof payload;
-    ok = LogRead(context, serial, &type, payload, &size, &next, nullptr);
-    if (ok && type >= LSTRDICT_ADD) records.emplace_back(type, std::string(payload, size));
-    serial = next;
-  }
-  LogReadContextDelete(context);
-  LogClose(log);
+  for (const qwtest::LogRecord &r : qwtest::ReadLogRecords(logDir))
+    if (r.type >= LSTRDICT_ADD) records.emplace_back(r.type, r.payload);
   return records;
 }
 
