@@ -65,7 +65,8 @@ int TourArena(const std::string &directory, PageCache *cache) {
   if (!arena) return Fail("VMArenaOpen");
   std::vector<TourBlock> blocks;
   for (uint32_t request : {20u, 100u, 600u, 3000u, 8192u}) {
-    TourBlock block{VMArenaBlockNew(arena, 0, request, &block.size, 0), 0, ""};
+    TourBlock block{INVALID_VMARENA_BLOCK_ID, 0, ""};
+    block.id = VMArenaBlockNew(arena, 0, request, &block.size, 0);
     block.text = "block of " + std::to_string(request) + " bytes requested";
     if (block.id == INVALID_VMARENA_BLOCK_ID || !WriteText(arena, block)) return Fail("VMArenaBlockNew");
     uint32_t bucket = 0, serverBlock = 0, slot = 0;
