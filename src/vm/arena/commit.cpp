@@ -72,7 +72,7 @@ namespace qw::vm {
 bool CreateCommittingMarker(const VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
   QWFILE file = QWFILE_INVALID;
-  if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) return false;
+  if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_PRIVATE)) return false;
   if (!QWFileClose(file)) return false;
   SyncRound round;
   round.AddDirectory(arena->directory, "");

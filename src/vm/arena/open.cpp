@@ -385,7 +385,7 @@ QW_API void VMArenaTagCorrupted(VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "corrupted");
   QWFILE file = QWFILE_INVALID;
   QWErrorSave();
-  if (QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) {
+  if (QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_PRIVATE)) {
     QWFileClose(file);
     DirectorySync(arena->directory.c_str());
   } else {

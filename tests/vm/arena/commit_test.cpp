@@ -108,6 +108,10 @@ TEST_P(CrashMatrix, ReopenSeesExactlyTheOldOrTheNewStateAndCommitsAgain) {
     for (const char *aside : {"arena.new.old", "arena.old.old", "block/index0.new.old", "block/index0.old.old"})
       EXPECT_FALSE(std::filesystem::exists(path("arena/") + aside)) << aside;
     EXPECT_EQ(marked, c.stop >= kFirstMarkedStop && c.stop < kFirstUnmarkedStop) << stop;
+    if (marked) {
+      EXPECT_EQ(std::filesystem::status(path("arena/committing")).permissions(),
+                std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    }
     ExpectReadOnly(c.mode, marked, newSurvives ? 2 : 1);
   } else if (c.stop >= kFirstCompleteFiles) {
     // The generation the child wrote is complete and can be opened by serial

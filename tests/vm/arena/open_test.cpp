@@ -24,6 +24,8 @@ TEST_F(ArenaTest, RefusedOpensNameTheReason) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   VMArenaTagCorrupted(arena);
   CloseArena();
+  EXPECT_EQ(std::filesystem::status(path("arena/corrupted")).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   refused(0, "Corrupted vm in \"" + arenaDir() + "\"", true);
   std::filesystem::remove(path("arena/corrupted"));
   ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
