@@ -59,6 +59,7 @@
 // The flush start writes the cache's dirty pages to the data files without
 // syncing them: the writing (most of a large commit) happens before the flush
 // lock, and the data reaches the disk in step 1.
+#include <cerrno>
 #include <string>
 
 #include "platform/qwlib/sync_round.h"
@@ -248,6 +249,13 @@ QW_API int VMArenaCommit(VMArena *arena, uint64_t *oldSerialOut, uint64_t *newSe
 }
 
 QW_API int VMArenaUnlinkGeneration(VMArena *arena, uint64_t oldSerial, uint64_t newSerial) {
+  // Refused before anything is removed, as each bucket server refuses it.
+  if (oldSerial == STATUS_NO_SERIAL || newSerial == STATUS_NO_SERIAL || oldSerial == arena->serialOld ||
+      newSerial == arena->serialNew)
+    return QWErrorThrow(EINVAL, QW_ERROR_CLASS_GENERAL,
+                        "cannot remove generation (%llu, %llu) of \"%s\": not a past serialised generation",
+                        static_cast<unsigned long long>(oldSerial), static_cast<unsigned long long>(newSerial),
+                        arena->directory.c_str());
   int result = 1;
   const std::pair<const char *, uint64_t> files[] = {{"arena.new", newSerial}, {"arena.old", oldSerial}};
   for (const auto &[name, serial] : files) {

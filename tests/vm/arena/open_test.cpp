@@ -107,6 +107,8 @@ TEST_F(ArenaTest, SerialisedArenaCreatedWithSerialZeroWritesSerialNames) {
   EXPECT_EQ(n, 1u);
   EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
   EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.0")));  // kept until unlinked
+  EXPECT_FALSE(VMArenaUnlinkGeneration(arena, 1, 1));  // the current one: refused, nothing removed
+  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
   ASSERT_TRUE(VMArenaUnlinkGeneration(arena, 0, 0));
   EXPECT_FALSE(std::filesystem::exists(path("arena/arena.new.0")));
   EXPECT_FALSE(std::filesystem::exists(path("arena/arena.old.0")));
