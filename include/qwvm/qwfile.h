@@ -35,6 +35,7 @@ typedef struct QWFileObject *QWFILE;
 #define QWFILE_TRUNCATE 8u   /* cut to 0 bytes at open */
 #define QWFILE_EXCLUSIVE 16u /* with QWFILE_CREATE: fail when it exists (code 17) */
 #define QWFILE_READAHEAD 32u /* sequential access hint */
+#define QWFILE_PRIVATE 64u   /* with QWFILE_CREATE: permission 0600 */
 
 /*
  * Opens `path` with the mode bits above and stores the handle in *file.

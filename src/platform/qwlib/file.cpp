@@ -24,7 +24,7 @@ namespace {
 using qw::fault::Op;
 
 constexpr uint32_t kKnownModeBits =
-    QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_TRUNCATE | QWFILE_EXCLUSIVE | QWFILE_READAHEAD;
+    QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_TRUNCATE | QWFILE_EXCLUSIVE | QWFILE_READAHEAD | QWFILE_PRIVATE;
 
 int OpenFlags(uint32_t mode) {
   int flags = O_CLOEXEC;
@@ -42,10 +42,12 @@ int OpenFlags(uint32_t mode) {
   return flags;
 }
 
-int OpenRetrying(const char *path, int flags) {
+int OpenRetrying(const char *path, uint32_t mode) {
+  const int flags = OpenFlags(mode);
+  const mode_t permission = (mode & QWFILE_PRIVATE) ? 0600 : 0644;
   int fd;
   do {
-    fd = open(path, flags, 0644);
+    fd = open(path, flags, permission);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
@@ -55,7 +57,7 @@ int OpenTracked(const char *path, uint32_t mode) {
   struct stat info;
   const bool existed = lstat(path, &info) == 0;
   if ((mode & QWFILE_TRUNCATE) && existed) qw::fault::track::BeforePathSetSize(path, 0);
-  const int fd = OpenRetrying(path, OpenFlags(mode));
+  const int fd = OpenRetrying(path, mode);
   if (fd >= 0 && !existed) qw::fault::track::AfterCreate(path);
   return fd;
 }
@@ -87,7 +89,7 @@ QW_API int QWFileOpen(QWFILE *file, const char *path, uint32_t mode) {
     return QWErrorThrow(EINVAL, QW_ERROR_CLASS_SYSTEM, "could not open file \"%s\": unknown mode bits 0x%x", path,
                         unsigned(mode & ~kKnownModeBits));
   if (!qw::fault::Check(Op::Open, path)) return QWErrorRethrow("could not open file \"%s\"", path);
-  const int fd = qw::fault::Tracking() ? OpenTracked(path, mode) : OpenRetrying(path, OpenFlags(mode));
+  const int fd = qw::fault::Tracking() ? OpenTracked(path, mode) : OpenRetrying(path, mode);
   if (fd < 0) {
     const int error = errno;
     return QWErrorThrowErrno(error, "could not open file \"%s\"", path);

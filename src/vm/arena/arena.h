@@ -145,9 +145,6 @@ struct VMArena {
 
   // Generation files a flush wrote and has not closed yet (genfile.cpp).
   std::vector<qw::vm::PendingArenaFile> pendingFiles;
-  // Files the disk commit's renames replaced (`N.old`), removed with the
-  // `committing` marker once the renames are durable.
-  std::vector<std::string> commitAsides;
 };
 
 namespace qw::vm {
@@ -209,8 +206,7 @@ uint32_t SlotBits(uint32_t sizeClass);
 
 // The `committing` marker (commit.cpp): created and removed durably.
 // Step 2 and step 4 of a commit (commit.cpp): the marker made durable (with
-// the replication log's records), and its removal made durable (while the
-// files that the renames replaced, `commitAsides`, are removed).
+// the replication log's records), and its removal made durable.
 [[nodiscard]] bool CreateCommittingMarker(const VMArena *arena);
 [[nodiscard]] bool RemoveCommittingMarker(VMArena *arena);
 

@@ -32,17 +32,16 @@
 //
 // Step 3, end of the disk commit: every rename is done (each bucket's old
 // index, then new index; then `arena.new`, then `arena.old`; nothing when
-// serialised), and one round syncs the block directory and the arena
+// serialised; each replaced file, `N.old`, is removed right after its
+// renames, since `N.new` was durable before them and recovery prefers `N` or
+// `N.new` to it), and one round syncs the block directory and the arena
 // directory. A power loss before it completes keeps any subset of the renames
 // that a directory's journal can produce (the marker is durable): open sees
 // the marker and finishes every rename, each tolerating a target already in
 // place, so it reads the new generation. After the round the new generation
 // is durable under its final names.
 //
-// Step 4: the marker is removed and the arena directory synced; the files
-// the renames replaced (`N.old`) are removed beside it, since nothing reads
-// them once the renames are durable (FileAtomicRecover never prefers `N.old`
-// over `N`, and the next commit of N replaces a leftover). Without this
+// Step 4: the marker is removed and the arena directory synced. Without this
 // sync a power loss after the commit returned could bring the marker back
 // while the next commit's new files (created in the same directories) had
 // become durable without it: an open would then finish a commit of half-
@@ -60,8 +59,8 @@
 // The flush start writes the cache's dirty pages to the data files without
 // syncing them: the writing (most of a large commit) happens before the flush
 // lock, and the data reaches the disk in step 1.
+#include <cerrno>
 #include <string>
-#include <vector>
 
 #include "platform/qwlib/sync_round.h"
 #include "qwvm/qwfile.h"
@@ -74,7 +73,7 @@ namespace qw::vm {
 bool CreateCommittingMarker(const VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "committing");
   QWFILE file = QWFILE_INVALID;
-  if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) return false;
+  if (!QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_PRIVATE)) return false;
   if (!QWFileClose(file)) return false;
   SyncRound round;
   round.AddDirectory(arena->directory, "");
@@ -89,26 +88,13 @@ bool RemoveCommittingMarker(VMArena *arena) {
   if (!FileRemove(marker.c_str())) return false;
   SyncRound round;
   round.AddDirectory(arena->directory, "");
-  // The renames are durable: nothing needs the files they replaced. Like
-  // FileAtomicCommit, a removal that fails is ignored (a leftover `N.old` is
-  // never read, and the next commit of N replaces it).
-  std::vector<std::string> asides;
-  asides.swap(arena->commitAsides);
-  if (!asides.empty())
-    round.Add(
-        [&asides] {
-          for (const std::string &path : asides) (void)FileRemove(path.c_str());
-          QWErrorClear();
-          return 1;
-        },
-        "");
   return round.Run();
 }
 
 namespace {
 
 bool CommitArenaFile(VMArena *arena, const char *name) {
-  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name, &arena->commitAsides)) return true;
+  if (FileAtomicCommitUnsynced(arena->directory.c_str(), name)) return true;
   return QWErrorRethrow("could not atomically commit: \"%s/%s\"", arena->directory.c_str(), name) != 0;
 }
 
@@ -185,7 +171,7 @@ QW_API int VMArenaFlushCommitDisk(VMArena *arena) {
   // open finish any rename a power loss undid; the renames of both
   // directories are made durable together at the end (step 3).
   for (LocalBlockServer0 *server : arena->servers)
-    if (!LocalBlockServer0CommitDisk(server, false, &arena->commitAsides)) return 0;
+    if (!LocalBlockServer0CommitDisk(server, false)) return 0;
   ArenaCrashPoint(arena, "arenaflushcommitdisk1");
   // The arena files: new before old (the index files went old before new).
   if (Unserialised(arena) && !CommitArenaFile(arena, "arena.new")) return 0;
@@ -228,7 +214,6 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
 QW_API int VMArenaFlushStop(VMArena *arena) {
   qwassert_(!arena->readOnly);
   ArenaFilesAbandon(arena);  // generation files of a flush that failed before finishing them
-  arena->commitAsides.clear();  // leftovers of a failed commit: harmless, replaced by the next
   for (LocalBlockServer0 *server : arena->servers) LocalBlockServer0FlushStop(server);
   if (!arena->mapped) ArenaReapplyLocks(arena);
   arena->flushedSerialOld = STATUS_NO_SERIAL;
@@ -247,13 +232,10 @@ QW_API void VMArenaFlushCommitMemoryRelease(VMArena *arena) { RWLockRelease_(are
 
 QW_API int VMArenaCommit(VMArena *arena, uint64_t *oldSerialOut, uint64_t *newSerialOut, int memoryLock) {
   if (QWForcedError("VMArenaCommit", 2, QW_ERROR_CLASS_GENERAL)) return 0;
-  bool ok = VMArenaFlushStart(arena, oldSerialOut, newSerialOut) && VMArenaFlushExec(arena);
-  // A marker failure keeps the disk's message under the commit's own.
-  if (ok && !CreateCommittingMarker(arena))
-    ok = QWErrorRethrow("could not create the commit marker in \"%s\"", arena->directory.c_str()) != 0;
-  ok = ok && VMArenaFlushCommitDisk(arena);
-  if (ok && !RemoveCommittingMarker(arena))
-    ok = QWErrorRethrow("could not remove the commit marker in \"%s\"", arena->directory.c_str()) != 0;
+  // The marker's creation and removal add no message of their own: the
+  // error is the file operation's.
+  bool ok = VMArenaFlushStart(arena, oldSerialOut, newSerialOut) && VMArenaFlushExec(arena) &&
+            CreateCommittingMarker(arena) && VMArenaFlushCommitDisk(arena) && RemoveCommittingMarker(arena);
   if (!ok) {
     QWErrorSave();
     VMArenaFlushStop(arena);
@@ -267,6 +249,13 @@ QW_API int VMArenaCommit(VMArena *arena, uint64_t *oldSerialOut, uint64_t *newSe
 }
 
 QW_API int VMArenaUnlinkGeneration(VMArena *arena, uint64_t oldSerial, uint64_t newSerial) {
+  // Refused before anything is removed, as each bucket server refuses it.
+  if (oldSerial == STATUS_NO_SERIAL || newSerial == STATUS_NO_SERIAL || oldSerial == arena->serialOld ||
+      newSerial == arena->serialNew)
+    return QWErrorThrow(EINVAL, QW_ERROR_CLASS_GENERAL,
+                        "cannot remove generation (%llu, %llu) of \"%s\": not a past serialised generation",
+                        static_cast<unsigned long long>(oldSerial), static_cast<unsigned long long>(newSerial),
+                        arena->directory.c_str());
   int result = 1;
   const std::pair<const char *, uint64_t> files[] = {{"arena.new", newSerial}, {"arena.old", oldSerial}};
   for (const auto &[name, serial] : files) {

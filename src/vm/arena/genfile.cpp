@@ -215,8 +215,11 @@ void OldView::Swap(OldView &other) noexcept {
 
 namespace {
 
-// Keeps a written generation file open with its sync in `round`.
+// Keeps a written generation file open with its sync in `round`. Its whole
+// content is handed to the file first: a crash stop after this finds it
+// complete.
 bool Pend(VMArena *arena, ChannelHandle *file, const std::string &path, const char *who, SyncRound *round) {
+  if (!ChannelFlush(file->channel)) return QWErrorRethrow("%s: could not write data on: \"%s\"", who, path.c_str());
   round->AddChannel(file->channel, Format("%s: could not sync: \"%s\"", who, path.c_str()));
   arena->pendingFiles.push_back({file->channel, path, who});
   file->channel = nullptr;

@@ -200,6 +200,11 @@ ArenaPtr CreateArena(const char *directory, uint32_t flags, uint32_t bucketCount
                      uint64_t newSerial, ReplicationLog *log, PageCache *cache, bool restart) {
   qwassert_(!(flags & VM_FLAG_READ_ONLY));
   ArenaPtr none(nullptr, ArenaRecordFree);
+  // The count matters only here: an existing arena's comes from its file.
+  if (bucketCount == 0 || bucketCount > 4096) {
+    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMArenaOpen: invalid bucket count %u for \"%s\"", bucketCount, directory);
+    return none;
+  }
   if (!CreateCreatingMarker(directory) || (restart && !ClearInterruptedCreation(directory)) ||
       !CreateInitialArena(directory, flags, bucketCount, oldSerial, newSerial, log)) {
     QWErrorRethrow("could not create initial vmarena in \"%s\"", directory);
@@ -323,13 +328,10 @@ extern "C" {
 
 QW_API VMArena *VMArenaOpen(const char *directory, uint32_t flags, uint32_t bucketCount, uint64_t oldSerial,
                             uint64_t newSerial, ReplicationLog *replicationLog, PageCache *cache) {
-  qwassert_(directory != NULL);
+  const char *dir = directory;
+  qwassert_(dir != NULL);
   if ((flags & ~kAllFlags) != 0) {
     QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMArenaOpen: unknown flags 0x%x for \"%s\"", flags & ~kAllFlags, directory);
-    return nullptr;
-  }
-  if (bucketCount == 0 || bucketCount > 4096) {
-    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMArenaOpen: invalid bucket count %u for \"%s\"", bucketCount, directory);
     return nullptr;
   }
   if (!(flags & VM_FLAG_MAPPED) && !cache) {
@@ -341,9 +343,9 @@ QW_API VMArena *VMArenaOpen(const char *directory, uint32_t flags, uint32_t buck
     QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "VMArenaOpen: both serials or neither must be given (\"%s\")", directory);
     return nullptr;
   }
-  std::string dir(directory);
-  bool committing = FileExists((dir + "/committing").c_str());
-  if (FileExists((dir + "/corrupted").c_str())) {
+  const std::string path(directory);
+  bool committing = FileExists((path + "/committing").c_str());
+  if (FileExists((path + "/corrupted").c_str())) {
     QWErrorThrow(2, QW_ERROR_CLASS_DATA, "Corrupted vm in \"%s\"", directory);
     return nullptr;
   }
@@ -352,11 +354,11 @@ QW_API VMArena *VMArenaOpen(const char *directory, uint32_t flags, uint32_t buck
     return nullptr;
   }
   if (committing) {
-    FinishInterruptedCommit(dir);
+    FinishInterruptedCommit(path);
   } else if (flags & VM_FLAG_RECOVER) {
     qwassert_((flags & VM_FLAG_READ_ONLY) == 0);
-    CommitIfPending(dir, "arena.new");
-    CommitIfPending(dir, "arena.old");
+    CommitIfPending(path, "arena.new");
+    CommitIfPending(path, "arena.old");
   }
   VMArena *arena = OpenArena(directory, flags, bucketCount, oldSerial, newSerial, replicationLog, cache, committing);
   return arena;
@@ -383,7 +385,7 @@ QW_API void VMArenaTagCorrupted(VMArena *arena) {
   std::string marker = ArenaFilePath(arena, "corrupted");
   QWFILE file = QWFILE_INVALID;
   QWErrorSave();
-  if (QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE)) {
+  if (QWFileOpen(&file, marker.c_str(), QWFILE_READ | QWFILE_WRITE | QWFILE_CREATE | QWFILE_PRIVATE)) {
     QWFileClose(file);
     DirectorySync(arena->directory.c_str());
   } else {

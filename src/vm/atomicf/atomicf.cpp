@@ -7,8 +7,6 @@
 // (done, or not started) or no D/N: then D/N.new (complete: it was synced
 // before the commit started) wins over D/N.old.
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "qwvm/qwfile.h"
 #include "qwvm/qwlib.h"
@@ -40,8 +38,8 @@ bool SetCommitMark(const char *directory, uint64_t value) {
 }
 
 // The two renames; `sync` makes the new name durable before the previous
-// file is removed; with `asides` the previous file is left for the caller.
-bool CommitRenames(const char *directory, const char *name, bool sync, std::vector<std::string> *asides = nullptr) {
+// file is removed.
+bool CommitRenames(const char *directory, const char *name, bool sync) {
   std::string target = Join(directory, name);
   std::string aside = Join(directory, name, ".old");
   std::string incoming = Join(directory, name, ".new");
@@ -49,10 +47,6 @@ bool CommitRenames(const char *directory, const char *name, bool sync, std::vect
   if (replacing && !FileRename(target.c_str(), aside.c_str())) return false;
   if (!FileRename(incoming.c_str(), target.c_str())) return false;
   if (sync && !DirectorySync(directory)) return false;
-  if (asides) {
-    if (replacing) asides->push_back(std::move(aside));
-    return true;
-  }
   QWErrorSave();
   FileRemove(aside.c_str());  // a leftover is harmless: recovery never prefers it over the target
   QWErrorRestore();
@@ -61,8 +55,8 @@ bool CommitRenames(const char *directory, const char *name, bool sync, std::vect
 
 }  // namespace
 
-bool qw::vm::FileAtomicCommitUnsynced(const char *directory, const char *name, std::vector<std::string> *asides) {
-  return CommitRenames(directory, name, false, asides);
+bool qw::vm::FileAtomicCommitUnsynced(const char *directory, const char *name) {
+  return CommitRenames(directory, name, false);
 }
 
 extern "C" {

@@ -2,18 +2,13 @@
 // commits several files of one directory and then syncs the directory once.
 // Until that sync a power loss may undo any of the renames; the caller must
 // be able to finish them at its next open (the arena's `committing` marker).
-// With `asides`, the previous file D/N.old is not removed but its path
-// appended there, for the caller to remove once the renames are durable
-// (FileAtomicRecover never prefers D/N.old over D/N, so a leftover is
-// harmless, and the next commit of N replaces it).
+// The previous file D/N.old is removed at once: D/N.new was durable before
+// the commit started, so whichever renames a power loss undoes, D/N or
+// D/N.new is left, and FileAtomicRecover prefers either over D/N.old.
 #pragma once
-
-#include <string>
-#include <vector>
 
 namespace qw::vm {
 
-[[nodiscard]] bool FileAtomicCommitUnsynced(const char *directory, const char *name,
-                                            std::vector<std::string> *asides = nullptr);
+[[nodiscard]] bool FileAtomicCommitUnsynced(const char *directory, const char *name);
 
 }  // namespace qw::vm

@@ -277,12 +277,12 @@ int LocalBlockServer0FlushFileExec(LocalBlockServer0 *server) {
   return LocalBlockServer0FlushWrite(server, &round) && round.Run() && LocalBlockServer0FlushFinish(server);
 }
 
-int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable, std::vector<std::string> *asides) {
+int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable) {
   server->committingDisk = true;
   const char *directory = server->directory.c_str();
   const char *suffix = server->suffix.c_str();
-  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix, durable, asides)) return 0;
-  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix, durable, asides)) return 0;
+  if (server->flushedSerialOld == STATUS_NO_SERIAL && !IndexFileCommitOld(directory, suffix, durable)) return 0;
+  if (server->flushedSerialNew == STATUS_NO_SERIAL && !IndexFileCommitNew(directory, suffix, durable)) return 0;
   return 1;
 }
 

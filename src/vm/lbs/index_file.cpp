@@ -69,8 +69,10 @@ void Abandon(ChannelPtr *channel, const std::string &path) {
   QWErrorRestore();
 }
 
-// Opens `path` for writing and lets `body` write it; nothing is synced. A
-// failed write leaves no file. `who` names the flush in the messages.
+// Opens `path` for writing and lets `body` write it; the whole content is
+// handed to the file (a crash stop after this finds it complete), nothing is
+// synced. A failed write leaves no file. `who` names the flush in the
+// messages.
 template <typename Body>
 [[nodiscard]] ChannelPtr BeginIndexFile(const std::string &path, const char *who, Body &&body) {
   ChannelPtr channel = OpenChannel(path, "w");
@@ -78,7 +80,10 @@ template <typename Body>
     QWErrorRethrow("%s: could not write data on: \"%s\"", who, path.c_str());
     return nullptr;
   }
-  if (!body(channel.get())) {
+  bool written = body(channel.get());
+  if (written && !ChannelFlush(channel.get()))
+    written = QWErrorRethrow("%s: could not write data on: \"%s\"", who, path.c_str());
+  if (!written) {
     Abandon(&channel, path);
     return nullptr;
   }
@@ -384,14 +389,13 @@ auto OldIndexBody(const std::string &path, const FArray *blockMap) {
 
 // Commits index<suffix><kind>.new; 0 (no message of its own) when the
 // atomic commit fails.
-[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable,
-                                  std::vector<std::string> *asides) {
+[[nodiscard]] int IndexFileCommit(const char *directory, const char *suffix, const char *kind, bool durable) {
   const std::string name = IndexFileName(suffix, kind);
   const std::string pending = StringPrintf("%s/%s.new", directory, name.c_str());
   // Already committed (or never written): finish an interrupted commit, if
   // any, and leave the rest alone.
   if (!FileExists(pending.c_str())) return FileAtomicRecover(directory, name.c_str());
-  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str(), asides);
+  if (!durable) return FileAtomicCommitUnsynced(directory, name.c_str());
   return FileAtomicCommit(directory, name.c_str());
 }
 
@@ -506,14 +510,14 @@ bool LocalBlockServer0InitialCreate(const char *directory, const char *suffix, u
   return written;
 }
 
-int IndexFileCommitNew(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
-  if (IndexFileCommit(directory, suffix, ".new", durable, asides)) return 1;
+int IndexFileCommitNew(const char *directory, const char *suffix, bool durable) {
+  if (IndexFileCommit(directory, suffix, ".new", durable)) return 1;
   return QWErrorRethrow("IndexFileCommitNew: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".new").c_str());
 }
 
-int IndexFileCommitOld(const char *directory, const char *suffix, bool durable, std::vector<std::string> *asides) {
-  if (IndexFileCommit(directory, suffix, ".old", durable, asides)) return 1;
+int IndexFileCommitOld(const char *directory, const char *suffix, bool durable) {
+  if (IndexFileCommit(directory, suffix, ".old", durable)) return 1;
   return QWErrorRethrow("IndexFileCommitOld: could not atomically commit: \"%s/%s\"", directory,
                         IndexFileName(suffix, ".old").c_str());
 }

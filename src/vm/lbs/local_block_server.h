@@ -80,21 +80,16 @@ int LocalBlockServer0RawBlockPrefetch(LocalBlockServer0 *server, uint32_t rawId)
 int LocalBlockServer0MappingWriteBack(LocalBlockServer0 *server);
 // Renames the index files into place; with `durable` false the directory is
 // not synced (see IndexFileCommitNew).
-[[nodiscard]] int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable = true,
-                                              std::vector<std::string> *asides = nullptr);
+[[nodiscard]] int LocalBlockServer0CommitDisk(LocalBlockServer0 *server, bool durable = true);
 [[nodiscard]] int LocalBlockServer0CommitMemory(LocalBlockServer0 *server);
 void LocalBlockServer0FlushStop(LocalBlockServer0 *server);
 // `indexS.new.new` -> `indexS.new` and `indexS.old.new` -> `indexS.old`
 // (unserialised servers), each tolerating a target already committed. With
 // `durable` false the directory is not synced: the caller syncs it once
 // after committing every server (the disk commit does, under the arena's
-// `committing` marker). With `asides` (unsynced commits only) the replaced
-// index files are left as `indexS.*.old` and their paths appended there, for
-// the caller to remove once the renames are durable (FileAtomicCommitUnsynced).
-[[nodiscard]] int IndexFileCommitNew(const char *directory, const char *suffix, bool durable = true,
-                                     std::vector<std::string> *asides = nullptr);
-[[nodiscard]] int IndexFileCommitOld(const char *directory, const char *suffix, bool durable = true,
-                                     std::vector<std::string> *asides = nullptr);
+// `committing` marker).
+[[nodiscard]] int IndexFileCommitNew(const char *directory, const char *suffix, bool durable = true);
+[[nodiscard]] int IndexFileCommitOld(const char *directory, const char *suffix, bool durable = true);
 // Mapping flush (mode 1 at flush start, 0 inside flush exec).
 int LocalBlockServer0MappingFlush(LocalBlockServer0 *server, int mode);
 // Reads generation (oldSerial, newSerial) of a serialised server.

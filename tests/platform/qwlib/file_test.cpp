@@ -75,7 +75,7 @@ TEST_F(QWFileTest, OpenModesAndErrors) {
       {true, QWFILE_WRITE | QWFILE_CREATE | QWFILE_EXCLUSIVE, EEXIST},
       {false, QWFILE_WRITE | QWFILE_CREATE | QWFILE_EXCLUSIVE, 0},
       {true, QWFILE_READ | QWFILE_READAHEAD, 0},
-      {true, QWFILE_READ | 64u, EINVAL},  // an unknown mode bit
+      {true, QWFILE_READ | 128u, EINVAL},  // an unknown mode bit
   };
   int index = 0;
   for (const auto &c : cases) {

@@ -180,6 +180,8 @@ TEST_F(ArrayAssertions, EveryAssertionNamesItsCondition) {
       {[&] { VMAArrayNew(arena, 1, 12000, NEWGEN); }, "assertion failed: \\(UInt\\) \\(1 << array->log2size\\) == blockSize", false},
       {[&] { VMArenaBlockNew(arena, 0, 8193, nullptr, 0); }, "size <= ARENA_MAX_BLOCK_SIZE", true},
       {[&] { VMArenaDataAcquire(arena, 0x10, 0, 2, 1, nullptr, nullptr); }, "FALSE", false},
+      {[&] { VMArenaOpen(nullptr, VM_FLAG_CREATE, 1, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr, cache); },
+       "assertion failed: dir != NULL", false},
       {[&] { VMArenaBlockLock(arena, INVALID_BLOCK_ID, NEWGEN); }, "assertion failed: blockID != INVALID_BLOCK_ID", false},
       {[&] { VMArenaBlockLock(arena, VMArenaDataBlockNew(arena, 0, 0), OLDGEN); },
        "assertion failed: rawBlockID != INVALID_RAW_BLOCK_ID", false},

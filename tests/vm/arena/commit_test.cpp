@@ -93,7 +93,25 @@ TEST_P(CrashMatrix, ReopenSeesExactlyTheOldOrTheNewStateAndCommitsAgain) {
   const bool marked = std::filesystem::exists(path("arena/committing"));
   const bool newSurvives = !c.mode.serialised && c.stop >= kFirstMarkedStop;
   if (!c.mode.serialised) {
+    // A file written before the stop is whole on disk, synced or not; a
+    // replaced file is gone with its rename.
+    const struct {
+      const char *name;
+      int from, to;  // the stops at which it waits for its rename
+    } written[] = {{"block/index0.new.new", 3, 7}, {"block/index0.old.new", 3, 7}, {"arena.new.new", 4, 8},
+                   {"arena.old.new", 5, 9}};
+    for (const auto &w : written) {
+      if (c.stop >= w.from && c.stop < w.to) {
+        EXPECT_GT(qwtest::ReadFileBytes(path("arena/") + w.name).size(), 8u) << w.name;
+      }
+    }
+    for (const char *aside : {"arena.new.old", "arena.old.old", "block/index0.new.old", "block/index0.old.old"})
+      EXPECT_FALSE(std::filesystem::exists(path("arena/") + aside)) << aside;
     EXPECT_EQ(marked, c.stop >= kFirstMarkedStop && c.stop < kFirstUnmarkedStop) << stop;
+    if (marked) {
+      EXPECT_EQ(std::filesystem::status(path("arena/committing")).permissions(),
+                std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    }
     ExpectReadOnly(c.mode, marked, newSurvives ? 2 : 1);
   } else if (c.stop >= kFirstCompleteFiles) {
     // The generation the child wrote is complete and can be opened by serial

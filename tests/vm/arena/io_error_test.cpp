@@ -1,6 +1,7 @@
-// I/O errors at the arena's named steps: the step's message over the injected
-// error, the generation the step implies, and a later commit succeeds. An
-// interrupted creation is refused without create and restarted with it.
+// I/O errors at the arena's named steps: the chain over the injected error
+// (the commit marker adds no message of its own), the generation the step
+// implies, and a later commit succeeds. An interrupted creation is refused
+// without create and restarted with it.
 #include <filesystem>
 
 #include "arena_fixture.h"
@@ -43,11 +44,11 @@ class ArenaIOErrors : public ArenaTest {
 TEST_F(ArenaIOErrors, CommitStepsReportTheirStepAndTheDiskError) {
   const struct Case {
     uint32_t ops;         // the operation on the marker that fails
-    const char *message;  // the step's message in the chain
+    const char *message;  // the outermost message: the marker adds none of its own
     int committedTag;     // what a reopen right after the failure finds
   } cases[] = {
-      {Bit(Op::Open), "could not create the commit marker in", 1},
-      {Bit(Op::Remove), "could not remove the commit marker in", 2},
+      {Bit(Op::Open), "could not open file \"", 1},
+      {Bit(Op::Remove), "could not remove file \"", 2},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.message);
@@ -58,6 +59,8 @@ TEST_F(ArenaIOErrors, CommitStepsReportTheirStepAndTheDiskError) {
       for (uint64_t id : ids) Fill(arena, id, 2);
       EXPECT_TRUE(qwtest::FailsWithIOError({c.ops, "committing", 0},
                                            [&] { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; }, c.message));
+      const std::string chain = QWErrorMessage();
+      EXPECT_EQ(chain.substr(chain.rfind('\n') + 1).rfind(c.message, 0), 0u) << chain;
       if (retry) {
         EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
       }

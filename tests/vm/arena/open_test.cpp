@@ -24,6 +24,8 @@ TEST_F(ArenaTest, RefusedOpensNameTheReason) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   VMArenaTagCorrupted(arena);
   CloseArena();
+  EXPECT_EQ(std::filesystem::status(path("arena/corrupted")).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   refused(0, "Corrupted vm in \"" + arenaDir() + "\"", true);
   std::filesystem::remove(path("arena/corrupted"));
   ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
@@ -60,9 +62,11 @@ TEST_F(ArenaTest, CreateWritesFixedNameGenerationFilesAndReopens) {
   for (const char *name : {"arena.new", "arena.old", "block"})
     EXPECT_TRUE(std::filesystem::exists(path("arena/") + name)) << name;
   EXPECT_FALSE(std::filesystem::exists(path("arena/arena.new.new")));
-  // An existing arena keeps its own bucket count.
-  ASSERT_TRUE(Reopen(kCache, 0, 7)) << QWErrorMessage();
-  EXPECT_EQ(VMArenaBucketCount(arena), 3u);
+  // An existing arena keeps its own bucket count, whatever count is passed.
+  for (uint32_t passed : {7u, 0u}) {
+    ASSERT_TRUE(Reopen(kCache, 0, passed)) << passed << ": " << QWErrorMessage();
+    EXPECT_EQ(VMArenaBucketCount(arena), 3u);
+  }
 }
 
 // The generation files of a fresh arena with two buckets, byte for byte.
@@ -103,6 +107,8 @@ TEST_F(ArenaTest, SerialisedArenaCreatedWithSerialZeroWritesSerialNames) {
   EXPECT_EQ(n, 1u);
   EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
   EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.0")));  // kept until unlinked
+  EXPECT_FALSE(VMArenaUnlinkGeneration(arena, 1, 1));  // the current one: refused, nothing removed
+  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
   ASSERT_TRUE(VMArenaUnlinkGeneration(arena, 0, 0));
   EXPECT_FALSE(std::filesystem::exists(path("arena/arena.new.0")));
   EXPECT_FALSE(std::filesystem::exists(path("arena/arena.old.0")));
