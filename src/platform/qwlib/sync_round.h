@@ -4,14 +4,7 @@
 // reach the disk in any order, and the next round must not start before all
 // of it has. A round therefore issues all its syncs at once, one thread each
 // (the calling thread takes the first), and waits for all of them: the round
-// costs about the slowest sync instead of the sum.
-//
-// The threads are the process's sync workers: started when a round first
-// needs them and kept, idle, for the next rounds (starting a thread per sync
-// cost more than the sync itself on a busy machine: a fresh thread waits to
-// be scheduled, a parked one is woken). The workers are per process: a child
-// made by fork starts its own. The caller runs any item no worker has taken
-// yet, so a round completes even when no thread can be started. Each item goes through the
+// costs about the slowest sync instead of the sum. Each item goes through the
 // ordinary seam functions (QWFileSync, which is a data sync, ChannelSync,
 // DirectorySync), so the fault seam counts and can fail or crash every one
 // of them as before. A directory added twice is synced once.

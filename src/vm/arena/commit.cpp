@@ -4,7 +4,7 @@
 // -------------------
 // A commit makes the new generation durable in four ordered sync steps. The
 // syncs inside a step are independent of one another and are issued together
-// (qw::SyncRound: one kept worker thread each, the step costs its slowest sync); a step
+// (qw::SyncRound: one thread each, the step costs its slowest sync); a step
 // starts only when the one before it has returned.
 //
 // Step 1, end of the flush execute (state "executed"). Every file of the new

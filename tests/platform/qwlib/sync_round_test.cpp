@@ -1,7 +1,7 @@
 // SyncRound: every item synced once (directories deduplicated), really made
 // durable (checked across a simulated power loss), a failure carried from
-// the worker thread with its whole error chain, and the kept workers shared
-// by rounds of many threads and re-made in a child of fork.
+// the worker thread with its whole error chain, and rounds of many threads
+// and of a child of fork running their items at once.
 #include "platform/qwlib/sync_round.h"
 
 #include <unistd.h>
@@ -111,9 +111,8 @@ TEST(SyncRoundConcurrency, RoundsOfManyThreadsRunEachItemOnceAndAChildOfForkMake
   for (int t = 0; t < kThreads; ++t) threads.emplace_back(runRounds, t);
   for (std::thread &thread : threads) thread.join();
   for (size_t slot = 0; slot < runs.size(); ++slot) ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
-  // The items of a round run at once: each waits until all have started.
-  // The parent's workers are parked now; a child of fork has none of them
-  // and must start its own.
+  // The items of a round run at once: each waits until all have started,
+  // here and in a child of fork.
   auto allAtOnce = [] {
     std::atomic<int> started{0};
     qw::SyncRound round;
@@ -129,7 +128,7 @@ TEST(SyncRoundConcurrency, RoundsOfManyThreadsRunEachItemOnceAndAChildOfForkMake
   };
   EXPECT_TRUE(allAtOnce());
   const qwtest::ChildResult child = qwtest::RunInChild([&allAtOnce] {
-    alarm(20);  // a lock held by the parent's workers would hang it
+    alarm(20);  // a round waiting for threads the child does not have would hang
     _exit(allAtOnce() ? 0 : 2);
   });
   ASSERT_TRUE(child.exited) << "signal " << child.signal;
