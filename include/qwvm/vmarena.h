@@ -157,7 +157,7 @@ QW_API void *VMArenaDataBlockAcquire(VMArena *arena, uint32_t globalId, uint32_t
  * without a raw block in `generation`, "rawBlockID != INVALID_RAW_BLOCK_ID".
  * In mapped mode there is no page cache to keep the block in: the call does
  * nothing (the mapping keeps it), so that locked arrays work in both modes. */
-QW_API void VMArenaBlockLock(VMArena *arena, uint32_t globalId, uint32_t generation);
+QW_API void VMArenaBlockLock(VMArena *arena, uint32_t blockID, uint32_t generation);
 
 /* Placement of an arena block: its class, bucket, server block and slot. */
 QW_API int VMABlockInfoGet(VMArena *arena, uint64_t id, uint32_t *sizeClass, uint32_t *bucket,

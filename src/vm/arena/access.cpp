@@ -101,8 +101,7 @@ using namespace qw::vm;
 
 extern "C" {
 
-QW_API void VMArenaBlockLock(VMArena *arena, uint32_t globalId, uint32_t generation) {
-  const uint32_t blockID = globalId;
+QW_API void VMArenaBlockLock(VMArena *arena, uint32_t blockID, uint32_t generation) {
   qwassert_(blockID != INVALID_BLOCK_ID);
   CheckGeneration(generation);
   LocalBlockServer0 *server = ServerOf(arena, blockID);
@@ -146,14 +145,13 @@ QW_API uint64_t VMArenaBlockNew(VMArena *arena, int lock, uint32_t size, uint32_
     state.slotsUsed = 0;
   }
   uint32_t global = state.currentBlock;
-  uint64_t id = Encode(global, state.slotsUsed, sizeClass);
+  const uint64_t vma_id = Encode(global, state.slotsUsed, sizeClass);
   if (++state.slotsUsed == ARENA_MAX_BLOCK_SIZE / kClassSizes[sizeClass]) {
     state.currentBlock = INVALID_BLOCK_ID;
     state.slotsUsed = 0;
   }
   MutexRelease(arena->mutexes.newGen);
   if (lock) VMArenaBlockLock(arena, global, NEWGEN);
-  const uint64_t vma_id = id;
   qwassert_(vma_id != INVALID_VMARENA_BLOCK_ID);
   return vma_id;
 }
