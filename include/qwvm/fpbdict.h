@@ -94,7 +94,9 @@ QW_API int FPBDictSize(FPBDict *dict, uint32_t *bound, uint32_t *count, uint32_t
 
 /* Walk in ascending fingerprint order over genID; Next returns 1 with an
  * entry, 0 at the end (no error) or on failure (error set). The dictionary
- * must not change in genID during the walk. */
+ * must not change in genID during the walk. New returns NULL when the record
+ * cannot be allocated, and fails the assertion "enumeration->btenum != NULL"
+ * when the B-tree's walk cannot be. */
 QW_API FPBDictEnumeration *FPBDictEnumerationNew(FPBDict *dict, uint32_t genID);
 QW_API int FPBDictEnumerationNext(FPBDictEnumeration *enumeration, uint64_t *fingerprint, uint32_t *wid);
 QW_API void FPBDictEnumerationFree(FPBDictEnumeration *enumeration);

@@ -160,11 +160,9 @@ QW_API int FPBDictSize(FPBDict *dict, uint32_t *bound, uint32_t *count, uint32_t
 QW_API FPBDictEnumeration *FPBDictEnumerationNew(FPBDict *dict, uint32_t genID) {
   auto *enumeration = static_cast<FPBDictEnumeration *>(Allocate(sizeof(FPBDictEnumeration)));
   if (enumeration == nullptr) return nullptr;
+  // The B-tree's walk fails only when memory runs out: that is fatal here.
   enumeration->btenum = BTreeEnumerationNew(dict->lookup, kKeySize, genID);
-  if (enumeration->btenum == nullptr) {
-    UnAllocate(enumeration);
-    return nullptr;
-  }
+  OLIB_ASSERT_TEXT(enumeration->btenum != nullptr, "enumeration->btenum != NULL");
   return enumeration;
 }
 
