@@ -155,7 +155,10 @@ QW_API uint32_t BTreeKeySize(BTree *tree);
  *                 (for a present one); only its low V bytes are kept.
  *  notFoundValue  returned when the key is absent.
  *  create         insert (key, newValue) when the key is absent; a present
- *                 key keeps its value unless replace is set too.
+ *                 key keeps its value unless replace is set too, also when
+ *                 that value equals notFoundValue: whether the key is
+ *                 present decides, never the value, so a key is never
+ *                 stored twice (and a plain lookup never changes the tree).
  *  replace        overwrite the value of a present key with newValue.
  *  remove         delete the key when present; "!create || !remove".
  *  genID          NEWGEN for create, replace and remove.

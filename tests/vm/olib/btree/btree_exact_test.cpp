@@ -1,6 +1,7 @@
-// Exact behaviours of opening and splitting that the other suites leave
-// open: the caller's value width on an existing tree, and the order in
-// which a split and a new root take their blocks.
+// Exact behaviours of opening, creating and splitting that the other suites
+// leave open: the caller's value width on an existing tree, create on a key
+// whose value reads like a miss, and the order in which a split and a new
+// root take their blocks.
 #include "btree_fixture.h"
 
 namespace bttest {
@@ -20,6 +21,10 @@ TEST_F(BTreeExact, ExistingTreeOpensWhateverWidthTheCallerGives) {
     EXPECT_EQ(BTreeFind(again, 1, 0, 0, 0, 0, 0, NEWGEN), 0x0102030405ull);
     BTreeFree(again, 8);
   }
+  // Presence decides, not the value: create on a key whose value equals
+  // the not-found value leaves the one entry as it is.
+  EXPECT_EQ(BTreeFind(tree, 1, 9, 0x0102030405ull, 1, 0, 0, NEWGEN), 0x0102030405ull);
+  EXPECT_EQ(Contents(), (Entries{{1, 0x0102030405ull}}));
 }
 
 // The first root split takes a block for the new right leaf, then one for
