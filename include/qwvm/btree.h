@@ -104,8 +104,9 @@ typedef int (*BTreeBlockCallback)(uint32_t blockID, int isLeaf, void *context);
  *  scan       passed to VMAArrayInitFromPath_: non-zero looks the names up by
  *             scanning array 0 instead of asking the name service.
  *  keySize    4 (UIntBTree) or 8 (ULongBTree); anything else fails "FALSE".
- *  valueSize  V for a new tree, 1 to 8 (code 22 otherwise); an existing
- *             tree keeps its stored V.
+ *  valueSize  V for a new tree, 1 to 8 (code 22 otherwise: the tree's two
+ *             arrays are then left empty); an existing tree keeps its
+ *             stored V and ignores this argument.
  * Missing arrays are created in NEWGEN (a read-only arena fails with code 2
  * then); a tree new since the last commit is empty in OLDGEN.
  * Returns the tree (free it with BTreeFree), or NULL: code 22 for bad
@@ -154,7 +155,10 @@ QW_API uint32_t BTreeKeySize(BTree *tree);
  *                 (for a present one); only its low V bytes are kept.
  *  notFoundValue  returned when the key is absent.
  *  create         insert (key, newValue) when the key is absent; a present
- *                 key keeps its value unless replace is set too.
+ *                 key keeps its value unless replace is set too, also when
+ *                 that value equals notFoundValue: whether the key is
+ *                 present decides, never the value, so a key is never
+ *                 stored twice (and a plain lookup never changes the tree).
  *  replace        overwrite the value of a present key with newValue.
  *  remove         delete the key when present; "!create || !remove".
  *  genID          NEWGEN for create, replace and remove.

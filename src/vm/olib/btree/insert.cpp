@@ -15,7 +15,7 @@ class BlockReserve {
  public:
   explicit BlockReserve(BTree *tree) : tree_(tree) {}
   ~BlockReserve() {
-    for (uint32_t i = 0; i < count_; ++i) VMArenaDataBlockFree(tree_->arena, ids_[i], 0);
+    for (uint32_t i = taken_; i < count_; ++i) VMArenaDataBlockFree(tree_->arena, ids_[i], 0);
   }
   BlockReserve(const BlockReserve &) = delete;
   BlockReserve &operator=(const BlockReserve &) = delete;
@@ -31,15 +31,17 @@ class BlockReserve {
     }
     return true;
   }
+  // The blocks go out in the order they were made, so each split (and the
+  // new root last) gets the block it would have made itself.
   uint32_t Take() {
-    qwassert_(count_ > 0);
-    return ids_[--count_];
+    qwassert_(taken_ < count_);
+    return ids_[taken_++];
   }
 
  private:
   BTree *tree_;
   uint32_t ids_[kMaxDepth + 1];
-  uint32_t count_ = 0;
+  uint32_t count_ = 0, taken_ = 0;
 };
 
 // Blocks an insert along the path can need: the full nodes from the bottom

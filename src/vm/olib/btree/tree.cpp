@@ -44,6 +44,9 @@ bool InitParams(BTree *tree, uint32_t valueSize) {
   if (length < 2) {
     if (VMArenaIsReadOnly(arena))
       return QWErrorThrow(2, QW_ERROR_CLASS_GENERAL, "B-tree parameters missing in a read-only arena");
+    // Only a width about to be stored must be one a tree can have.
+    if (valueSize < 1 || valueSize > 8)
+      return QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "BTreeNew_: bad value size %u for a new tree", valueSize);
     uint8_t element[4];
     for (uint32_t i = length; i < 2; ++i) {
       StoreLE32(element, i == 0 ? 0 : valueSize);
@@ -103,9 +106,8 @@ extern "C" {
 QW_API BTree *BTreeNew_(VMArena *arena, const char *path, const char *name, uint32_t reserved, int scan,
                         uint32_t keySize, uint32_t valueSize) {
   CheckKeySize(nullptr, keySize);
-  if (reserved != 0 || !arena || !path || valueSize < 1 || valueSize > 8) {
-    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "BTreeNew_: bad argument (reserved %u, value size %u)", reserved,
-                 valueSize);
+  if (reserved != 0 || !arena || !path) {
+    QWErrorThrow(22, QW_ERROR_CLASS_GENERAL, "BTreeNew_: bad argument (reserved %u)", reserved);
     return nullptr;
   }
   const std::string where = name ? std::string(path) + "/" + name : std::string(path);
