@@ -39,6 +39,15 @@ TEST_F(DBArrayTest, FirstAddMakesOneBlockAndTheDirectoryEntryZero) {
   EXPECT_EQ(Add(0, ""), 2u);
   EXPECT_EQ(BlockBytes(0, 0).substr(0, 12), Bytes({0, 0, 8, 0, 6, 'a', 'b', 'c', 4, 'b', 'b', 0}));
   EXPECT_EQ(Read(0, 1), "bb");
+  // An empty element and a missing handle both read as absent, without an
+  // error; a set makes no handle.
+  QWErrorClear();
+  for (uint32_t absent : {2u, 3u, 64u, 0xFFFFFFFEu}) EXPECT_EQ(Read(0, absent), std::nullopt) << absent;
+  EXPECT_EQ(DBArrayHintGet(array, 0, 3, NEWGEN), nullptr);
+  EXPECT_FALSE(QWErrorIsSet()) << QWErrorMessage();
+  EXPECT_FALSE(DBArraySet(array, 0, 3, NEWGEN, "x", 1));
+  EXPECT_EQ(QWErrorCode(), 2);
+  QWErrorClear();
 }
 
 TEST_F(DBArrayTest, LengthPrefixKeepsTheContinuationFlagInTheLowBit) {
@@ -93,24 +102,6 @@ TEST_F(DBArrayTest, LargestElementFitsAFreshMaximalBlock) {
   EXPECT_TRUE(CheckProblems().empty());
 }
 
-TEST_F(DBArrayTest, EmptyElementsAndMissingHandlesReadAsAbsent) {
-  Open(1);
-  ASSERT_EQ(Add(0, ""), 0u);
-  ASSERT_EQ(Add(0, "x"), 1u);
-  QWErrorClear();
-  EXPECT_EQ(Read(0, 0), std::nullopt);  // the handle exists, the element is empty
-  EXPECT_EQ(DBArraySize(array, 0, NEWGEN), 2u);
-  for (uint32_t missing : {2u, 64u, 0xFFFFFFFEu}) EXPECT_EQ(Read(0, missing), std::nullopt);
-  EXPECT_EQ(DBArrayHintGet(array, 0, 2, NEWGEN), nullptr);
-  EXPECT_FALSE(QWErrorIsSet()) << QWErrorMessage();
-  EXPECT_FALSE(DBArraySet(array, 0, 2, NEWGEN, "x", 1));  // a set makes no handle
-  EXPECT_EQ(QWErrorCode(), 2);
-  QWErrorClear();
-  // Nothing is committed yet: the committed generation has no arrays.
-  EXPECT_EQ(DBArraySize(array, 0, OLDGEN), 0u);
-  EXPECT_EQ(Read(0, 1, OLDGEN), std::nullopt);
-}
-
 // 40 elements of 101 bytes fill one block; growing element 20 splits it at
 // the middle (the end of element 19); shrinking it merges the blocks again.
 TEST_F(DBArrayTest, GrowingAnElementOfAFullBlockSplitsItAndShrinkingMerges) {
@@ -156,27 +147,14 @@ TEST_F(DBArrayTest, ReopenFindsTheStoredBucketCount) {
   QWErrorClear();
 }
 
-TEST_F(DBArrayTest, ClearEmptiesEveryBucketOfTheNewGeneration) {
+// Usage counts the blocks' bytes and the bytes in use; a clear empties every
+// bucket of the new generation, the committed one stays.
+TEST_F(DBArrayTest, UsageAndClear) {
   Open(2);
-  for (uint32_t h = 0; h < 100; ++h) Add(h % 2, Pattern(h, 30));
-  ASSERT_TRUE(Commit());
-  ASSERT_TRUE(DBArrayClear(array, NEWGEN)) << QWErrorMessage();
-  for (uint32_t b = 0; b < 2; ++b) {
-    EXPECT_EQ(DBArraySize(array, b, NEWGEN), 0u);
-    EXPECT_EQ(BlockCount(b), 0u);
-    EXPECT_EQ(DBArraySize(array, b, OLDGEN), 50u);  // the committed state stays
-  }
-  EXPECT_EQ(Add(1, "again"), 0u);
-  EXPECT_EQ(Read(1, 0), "again");
-  EXPECT_TRUE(CheckProblems().empty());
-}
-
-TEST_F(DBArrayTest, UsageCountsBlockBytesAndBytesInUse) {
-  Open(1);
   uint64_t used = 7;
   EXPECT_EQ(DBArrayUsage(array, 0, NEWGEN, &used), 0u);
   EXPECT_EQ(used, 0u);
-  for (uint32_t h = 0; h < 300; ++h) Add(0, Pattern(h, h % 90));
+  for (uint32_t h = 0; h < 300; ++h) Add(h % 2, Pattern(h, h % 90));
   uint64_t total = 0, inUse = 0;
   for (uint32_t b = 0; b < BlockCount(0); ++b) {
     const std::string block = BlockBytes(0, b);
@@ -189,6 +167,15 @@ TEST_F(DBArrayTest, UsageCountsBlockBytesAndBytesInUse) {
   ASSERT_TRUE(Commit());
   EXPECT_EQ(DBArrayUsage(array, 0, OLDGEN, &used), total);
   EXPECT_EQ(used, inUse);
+  ASSERT_TRUE(DBArrayClear(array, NEWGEN)) << QWErrorMessage();
+  for (uint32_t b = 0; b < 2; ++b) {
+    EXPECT_EQ(DBArraySize(array, b, NEWGEN), 0u);
+    EXPECT_EQ(BlockCount(b), 0u);
+    EXPECT_EQ(DBArraySize(array, b, OLDGEN), 150u);
+  }
+  EXPECT_EQ(Add(1, "again"), 0u);
+  EXPECT_EQ(Read(1, 0), "again");
+  EXPECT_TRUE(CheckProblems().empty());
 }
 
 // Hint reads hold the whole block; prefetches load it and leave the caller's

@@ -7,44 +7,39 @@ namespace {
 
 using BTreeEdge = BTreeTest;
 
-TEST_F(BTreeEdge, EmptyTreeLookupsLeaveOutsAllOnesAndCreateNothing) {
+TEST_F(BTreeEdge, LookupOutsAndNotFoundValues) {
   Open(8, 4);
+  // An empty tree: the outs are all ones; neither a lookup nor a remove makes a root.
   uint64_t outs[4] = {1, 2, 3, 4}, value = 0;
   EXPECT_EQ(ULongBTreeFind(tree, 5, 0, 77, &outs[0], &outs[1], &outs[2], &outs[3], 0, 0, 0, NEWGEN), 77u);
   for (uint64_t out : outs) EXPECT_EQ(out, BTREE_NO_KEY);
   EXPECT_EQ(Remove(5), BTREE_NO_KEY);
-  EXPECT_EQ(RootLength(), 0u);  // neither a lookup nor a remove makes a root
+  EXPECT_EQ(RootLength(), 0u);
   EXPECT_EQ(BTreePrevKey(tree, 5, &value, NEWGEN), BTREE_NO_KEY);
   EXPECT_EQ(value, BTREE_NO_KEY);
   EXPECT_EQ(Contents(OLDGEN), Entries{});  // a tree new since the last commit is empty there
-}
-
-TEST_F(BTreeEdge, FindOutsGiveTheNeighboursOrTheHit) {
-  Open(8, 8);
+  // The outs give the neighbours, or the hit on both sides.
   for (uint64_t key : {10, 20, 30}) Create(key, key * 100);
   const uint64_t cases[][3] = {{5, BTREE_NO_KEY, 10}, {10, 10, 10}, {15, 10, 20}, {30, 30, 30}, {31, 30, BTREE_NO_KEY}};
   auto valueOf = [](uint64_t key) { return key == BTREE_NO_KEY ? BTREE_NO_KEY : key * 100; };
   for (const auto &[key, lower, upper] : cases) {
-    uint64_t lk, lv, uk, uv, value;
+    uint64_t lk, lv, uk, uv;
     ULongBTreeFind(tree, key, 0, 0, &lk, &lv, &uk, &uv, 0, 0, 0, NEWGEN);
-    const std::vector<uint64_t> outs = {lk, lv, uk, uv};
-    EXPECT_EQ(outs, std::vector<uint64_t>({lower, valueOf(lower), upper, valueOf(upper)})) << key;
+    const std::vector<uint64_t> got = {lk, lv, uk, uv};
+    EXPECT_EQ(got, std::vector<uint64_t>({lower, valueOf(lower), upper, valueOf(upper)})) << key;
     EXPECT_EQ(BTreePrevKey(tree, key, &value, NEWGEN), lower);
     EXPECT_EQ(BTreeNextKey(tree, key, &value, NEWGEN), upper);
   }
-}
-
-TEST_F(BTreeEdge, CreateAndReplaceTogetherAndNotFoundValuesStillRemove) {
-  Open(8, 4);
+  // Create and replace together write; a value equal to the not-found value
+  // reads like a miss, and still goes; only the low V bytes are kept.
   EXPECT_EQ(Create(1, 10), BTREE_NO_KEY);
-  EXPECT_EQ(BTreeFind(tree, 1, 12, BTREE_NO_KEY, 1, 1, 0, NEWGEN), 10u);  // create + replace writes
+  EXPECT_EQ(BTreeFind(tree, 1, 12, BTREE_NO_KEY, 1, 1, 0, NEWGEN), 10u);
   EXPECT_EQ(Find(1), 12u);
-  // A value equal to the not-found value reads like a miss, and still goes.
   Create(3, 99);
   EXPECT_EQ(Find(3, 99), 99u);
   EXPECT_EQ(BTreeFind(tree, 3, 0, 99, 0, 0, 1, NEWGEN), 99u);
-  EXPECT_EQ(Contents(), (Entries{{1, 12}}));
-  Create(4, 0x1122334455667788ull);  // only the low V bytes are kept
+  EXPECT_EQ(Find(3), BTREE_NO_KEY);
+  Create(4, 0x1122334455667788ull);
   EXPECT_EQ(Find(4), 0x55667788u);
 }
 

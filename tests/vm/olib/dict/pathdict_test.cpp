@@ -63,7 +63,7 @@ TEST_F(PathDictTest, SlashesAndEscapes) {
   EXPECT_DEATH(Find("x", 1, 1, 0, OLDGEN), "!\\(create && \\(genID == OLDGEN\\)\\)");
 }
 
-TEST_F(PathDictTest, ComponentLengthLimit) {
+TEST_F(PathDictTest, ComponentLengthLimitAndClear) {
   const std::string longest(PATHDICT_MAX_COMPONENT, 'x');
   const std::string tooLong(PATHDICT_MAX_COMPONENT + 1, 'y');
   EXPECT_EQ(Find("dir/" + longest, 3, 1), 3u) << QWErrorMessage();
@@ -71,6 +71,12 @@ TEST_F(PathDictTest, ComponentLengthLimit) {
   EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_EQ(Find("dir/" + tooLong), 0u);
   EXPECT_EQ(List("dir"), (Paths{{"dir/" + longest, 3}}));  // the long text round-trips through the large-element array
+  // A clear forgets the paths and their atoms.
+  ASSERT_TRUE(PathDictClear(dict, NEWGEN)) << QWErrorMessage();
+  EXPECT_EQ(Find("dir/" + longest), 0u);
+  EXPECT_TRUE(List("").empty());
+  EXPECT_EQ(Find("c/dir", 2, 1), 2u);
+  EXPECT_EQ(List(""), (Paths{{"c/dir", 2}}));
 }
 
 TEST_F(PathDictTest, PrefixDepthAndRemove) {
@@ -114,15 +120,6 @@ TEST_F(PathDictTest, SurvivesCommitAndReopenWithOldGenerationReads) {
     Open();
   }
   EXPECT_EQ(List("", PATHDICT_DEPTH_UNLIMITED, OLDGEN), model);
-}
-
-TEST_F(PathDictTest, ClearForgetsPathsAndAtoms) {
-  ASSERT_EQ(Find("a/b", 1, 1), 1u) << QWErrorMessage();
-  ASSERT_TRUE(PathDictClear(dict, NEWGEN)) << QWErrorMessage();
-  EXPECT_EQ(Find("a/b"), 0u);
-  EXPECT_TRUE(List("").empty());
-  EXPECT_EQ(Find("c/a", 2, 1), 2u);
-  EXPECT_EQ(List(""), (Paths{{"c/a", 2}}));
 }
 
 }  // namespace

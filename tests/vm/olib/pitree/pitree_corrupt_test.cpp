@@ -1,7 +1,6 @@
-// Damaged stored trees: malformed leaves and overwritten head nodes give a
-// data error and tag the arena, without a crash or a read outside the bytes.
+// Damaged stored trees: malformed leaves and head nodes out of order give a
+// data error and tag the arena (random damage: the structures fuzz target).
 #include <filesystem>
-#include <random>
 
 #include "pitree_fixture.h"
 
@@ -49,35 +48,6 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
     EXPECT_EQ(QWErrorCode(), 74);
     CloseAll();
   }
-}
-
-TEST_F(PITreeTest, RandomLeafAndHeadBytesNeverCrash) {
-  Open();
-  for (uint32_t i = 0; i < 3000; ++i) ASSERT_NE(Insert({i % 50, i / 50, 77, i}, i + 1), 0u);
-  std::mt19937 rng(5);
-  uint8_t *scratch = nullptr;
-  uint32_t head = VMA_NO_ARRAY;  // a class array that holds head nodes
-  for (const char *name : {"node0", "node1", "node2", "node3"}) {
-    uint32_t id = 0;
-    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", name, 0, &id));
-    if (VMAArrayLength_(arena, id, NEWGEN) > 0) head = id;
-  }
-  ArrayFree(scratch);
-  ASSERT_NE(head, VMA_NO_ARRAY);
-  for (int round = 0; round < 40; ++round) {
-    std::vector<uint8_t> bytes(rng() % 64);
-    for (uint8_t &b : bytes) b = uint8_t(rng());
-    if (round % 2) {  // garbage over a leaf
-      (void)PITreeFillLeaf(tree, rng() % 40, bytes.data(), uint32_t(bytes.size()), NEWGEN);
-    } else {  // garbage over the start of a head slot
-      bytes.resize(32);
-      ASSERT_TRUE(VMAArraySetRange_(arena, head, 0, 8192, 0, bytes.data(), 1, NEWGEN, 32));
-    }
-    for (uint32_t i = 0; i < 3000; i += 211) (void)Find({i % 50, i / 50, 77, i});
-    WalkAll(tree);
-    QWErrorClear();
-  }
-  EXPECT_TRUE(Tagged());
 }
 
 TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {

@@ -1,5 +1,5 @@
 // Edge cases of symbol-sequence trees the model does not reach: prefix
-// results, bad requests, leaves exploded into head nodes and emptied again,
+// results, bad requests, atoms ending at head nodes and slots reused,
 // clear, read-only arenas, the named assertions and regressions.
 #include "pitree_fixture.h"
 
@@ -7,7 +7,6 @@ namespace {
 
 using pittest::Atom;
 using pittest::FromText;
-using pittest::Model;
 using pittest::PITreeTest;
 
 TEST_F(PITreeTest, PrefixResultsAndBadRequests) {
@@ -29,29 +28,6 @@ TEST_F(PITreeTest, PrefixResultsAndBadRequests) {
   EXPECT_EQ(PITreeFind(tree, td, z.data(), uint32_t(z.size()), 5, NEWGEN, 1, 1, 0), 0u);
   EXPECT_EQ(QWErrorCode(), 22);
   EXPECT_EQ(PITreeGetSize(tree, NEWGEN), 2u);
-}
-
-TEST_F(PITreeTest, LongSharedPrefixesExplodeLeavesAndStayFindable) {
-  Open();
-  Model model;
-  Atom stem;
-  for (uint32_t k = 0; k < 2000; ++k) stem.push_back(0x10000 + k);  // 3-byte codes: a 6000-byte stem
-  for (uint32_t i = 0; i < 3000; ++i) {
-    Atom atom(stem.begin(), stem.begin() + (i % 7) * 300);
-    atom.push_back(i % 97);
-    atom.push_back(i);
-    model[atom] = i + 1;
-    ASSERT_EQ(Insert(atom, i + 1), i + 1) << QWErrorMessage();
-  }
-  EXPECT_GT(HeadNodes(), 20u);
-  for (const auto &[atom, data] : model) ASSERT_EQ(Find(atom), data);
-  const Atom prefix(stem.begin(), stem.begin() + 600);
-  EXPECT_EQ(Enumerate(prefix, 2), Expected(model, prefix, 2));
-  ASSERT_TRUE(Commit()) << QWErrorMessage();
-  for (const auto &[atom, data] : model) ASSERT_EQ(Remove(atom), data);  // head nodes unlinked as they empty
-  EXPECT_EQ(PITreeEmpty(tree, NEWGEN), 1);
-  EXPECT_EQ(PITreeGetSize(tree, OLDGEN), model.size());
-  EXPECT_EQ(Find(model.begin()->first, OLDGEN), model.begin()->second);
 }
 
 // An atom that ends where a head node branches keeps its data in that node;

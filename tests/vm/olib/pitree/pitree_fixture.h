@@ -95,17 +95,6 @@ class PITreeTest : public olibtest::ArenaTest {
     }
     return out;
   }
-  // The number of head nodes in use.
-  uint32_t HeadNodes() {
-    uint8_t *scratch = nullptr;
-    uint32_t id = 0, heads = 0;
-    for (const char *name : {"node0", "node1", "node2", "node3"}) {
-      EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", name, 0, &id));
-      heads += VMAArrayLength_(arena, id, NEWGEN);
-    }
-    ArrayFree(scratch);
-    return heads;
-  }
 
   PITree *tree = nullptr;
   PITreeThreadData *td = nullptr;
