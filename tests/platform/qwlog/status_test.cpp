@@ -6,7 +6,7 @@
 #include <map>
 
 #include "support/fault_support.h"
-#include "support/platform_support.h"
+#include "platform/checks.h"
 
 namespace {
 
@@ -102,8 +102,7 @@ TEST_F(StatusTest, RoundTripMatchesModelAndExactText) {
 }
 
 TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
-  EXPECT_EQ(Read(), nullptr);
-  EXPECT_TRUE(qwtest::HasExactError(2, "no status file in \"" + dir() + "\""));
+  EXPECT_TRUE(qwtest::FailsExactly(Read(), 2, "no status file in \"" + dir() + "\""));
   auto ExpectEmptyWhenMissingOk = [&] {
     StatusPtr empty(StatusRead_(dir().c_str(), STATUS_READ_MISSING_OK));
     ASSERT_NE(empty, nullptr);
@@ -112,8 +111,7 @@ TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
   QWErrorClear();
   ExpectEmptyWhenMissingOk();
   EXPECT_FALSE(QWErrorIsSet());
-  EXPECT_EQ(StatusRead((dir() + "/no/such/dir").c_str()), nullptr);
-  EXPECT_EQ(QWErrorCode(), 2);
+  EXPECT_TRUE(qwtest::Fails(StatusRead((dir() + "/no/such/dir").c_str()), 2));
   EXPECT_EQ(StatusWrite(StatusPtr(StatusNew()).get(), (dir() + "/no/such/dir").c_str()), 0);
   EXPECT_TRUE(QWErrorIsSet());
 
@@ -126,8 +124,7 @@ TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
   // An incomplete one without status: the first write never finished.
   const std::string complete = ReadFileBytes(path("status.new"));
   WriteFileBytes(path("status.new"), complete.substr(0, complete.size() - 3));
-  EXPECT_EQ(Read(), nullptr);
-  EXPECT_EQ(QWErrorCode(), 2);
+  EXPECT_TRUE(qwtest::Fails(Read(), 2));
   ExpectEmptyWhenMissingOk();
   // Beside a status, a leftover status.new (complete or not) is ignored.
   Start({{5, 51}});
