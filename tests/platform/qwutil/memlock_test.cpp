@@ -212,38 +212,6 @@ TEST(MemoryLockConcurrency, UnregisterWaitsForRunningEnumerator) {
   }
 }
 
-// Threads taking the lock in turns (a plain counter under it stays exact;
-// ThreadSanitizer checks the ordering), and registrations and passes from
-// many threads at once.
-int CountingEnumerator(void *context) {
-  static_cast<std::atomic<int> *>(context)->fetch_add(1);
-  return MemoryLockPeriodicRelease(0);
-}
-
-TEST(MemoryLockConcurrency, MutualExclusionAndConcurrentRegistration) {
-  uint64_t counter = 0;
-  std::atomic<int> calls[8] = {};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&counter, &calls, t] {
-      for (int i = 0; i < 1000; ++i) {
-        MemoryLockAcquire();
-        ++counter;
-        EXPECT_TRUE(i % 100 != 0 || MemoryLockPeriodicRelease(1) == 1);
-        ++counter;
-        MemoryLockRelease();
-      }
-      for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(MemoryEnumLock(CountingEnumerator, &calls[t]), 1);
-        EXPECT_EQ(MemoryLockApplyAll(), 1);
-        EXPECT_EQ(MemoryEnumUnLock(CountingEnumerator, &calls[t]), 1);
-      }
-    });
-  for (auto &t : threads) t.join();
-  EXPECT_EQ(counter, 8u * 1000u * 2u);
-  for (auto &c : calls) EXPECT_GE(c.load(), 50);  // at least its own passes saw it
-}
-
 struct Mapping {
   size_t length;
   char *address;
