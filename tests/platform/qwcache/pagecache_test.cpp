@@ -138,8 +138,10 @@ TEST_F(PageCacheTest, ClaimFillAndSetValid) {
 }
 
 // A flush writes every dirty page of its file (also one pinned again), and
-// nothing of another file or of a page already clean.
-TEST_F(PageCacheTest, FlushWritesBackEveryDirtyPageAndOnlyThatFile) {
+// nothing of another file or of a page already clean. An invalidation drops
+// the file's pages unwritten: a dirty one is lost, a pinned one is detached
+// (its holder keeps the old bytes; released dirty, it changes nothing).
+TEST_F(PageCacheTest, FlushWritesAndInvalidateDropsPagesOfOneFile) {
   MakeCache(32);
   size_t a = AddFile("a", 6 * kPage, 1), b = AddFile("b", 6 * kPage, 2);
   for (uint64_t p : {0, 2, 5}) WritePage(a, p * kPage, std::string(kPage, char('0' + p)));
@@ -156,37 +158,26 @@ TEST_F(PageCacheTest, FlushWritesBackEveryDirtyPageAndOnlyThatFile) {
   ASSERT_EQ(PageCacheFlushFile(cache_, Id(a)) + PageCacheFlushFile(cache_, Id(a)), 2);
   EXPECT_EQ(Disk(a, 2 * kPage), std::string(kPage, '\x11'));
   EXPECT_EQ(Stats().writes, 4u);
-}
-
-TEST_F(PageCacheTest, InvalidateDropsPagesWithoutWritingThem) {
-  MakeCache(16);
-  size_t f = AddFile("data", 4 * kPage, 1), other = AddFile("other", 4 * kPage, 2);
-  for (uint64_t p = 0; p < 4; ++p) ASSERT_TRUE(ReadMatches(f, p, Pattern(1, p * kPage, kPage)));
-  for (uint64_t p = 0; p < 4; ++p) ASSERT_TRUE(ReadMatches(other, p, Pattern(2, p * kPage, kPage)));
   // The file is rewritten underneath: the cache still has the old bytes.
-  DiskWrite(f, 0, Pattern(8, 0, 4 * kPage));
-  EXPECT_TRUE(ReadMatches(f, 1, Pattern(1, kPage, kPage)));
-  // A dirty page is dropped unwritten, and a pinned page is detached: its
-  // holder keeps the old bytes until it releases it.
-  WritePage(f, 2 * kPage, std::string(kPage, 'x'));
-  void *held = ReadPage(f, 3 * kPage);
-  ASSERT_EQ(PageCacheInvalidateFile(cache_, Id(f)), 1) << QWErrorMessage();
-  EXPECT_EQ(Bytes(held), Pattern(1, 3 * kPage, kPage));
-  EXPECT_FALSE(Resident(f, 0));
-  EXPECT_EQ(Stats().resident, 5u);  // the other file's 4 and the detached page
-  for (uint64_t p = 0; p < 4; ++p) {
-    void *fresh = ReadPage(f, p * kPage);
+  DiskWrite(a, 0, Pattern(8, 0, 6 * kPage));
+  EXPECT_TRUE(ReadMatches(a, 0, std::string(kPage, '0')));
+  WritePage(a, 3 * kPage, std::string(kPage, 'x'));
+  void *held = ReadPage(a, 5 * kPage);
+  ASSERT_EQ(PageCacheInvalidateFile(cache_, Id(a)), 1) << QWErrorMessage();
+  EXPECT_EQ(Bytes(held), std::string(kPage, '5'));
+  EXPECT_EQ(Stats().resident, 2u);  // the other file's page and the detached one
+  for (uint64_t p = 0; p < 6; ++p) {
+    void *fresh = ReadPage(a, p * kPage);
     EXPECT_NE(fresh, held);
     EXPECT_EQ(Bytes(fresh), Pattern(8, p * kPage, kPage)) << p;
     Release(fresh);
   }
-  // Writing to the detached page and releasing it dirty changes nothing.
   std::memset(held, 'y', kPage);
   Release(held, 1);
-  ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
-  EXPECT_EQ(Disk(f, 0, 4 * kPage), Pattern(8, 0, 4 * kPage));
-  EXPECT_EQ(Stats().resident, 8u);
-  for (uint64_t p = 0; p < 4; ++p) EXPECT_TRUE(Resident(other, p));  // the other file kept its pages
+  ASSERT_EQ(PageCacheFlushFile(cache_, Id(a)), 1);
+  EXPECT_EQ(Disk(a, 0, 6 * kPage), Pattern(8, 0, 6 * kPage));
+  EXPECT_EQ(Stats().resident, 7u);
+  EXPECT_TRUE(Resident(b, 0));
 }
 
 TEST_F(PageCacheTest, PinnedPagesAreNeverEvicted) {

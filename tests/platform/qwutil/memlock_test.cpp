@@ -66,8 +66,8 @@ TEST_F(MemoryLockRegistry, ApplyAllRunsEachRegistrationInOrder) {
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[0]), 1);  // removes the first of the two
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[3]), 1);
   EXPECT_EQ(Pass(1), (Runs{2, 0}));
-  EXPECT_TRUE(qwtest::Fails(MemoryEnumUnLock(RunScript, &scripts[3]), 2));
-  EXPECT_STREQ(QWErrorMessage(), "MemoryEnumUnLock: enumerator not registered");
+  EXPECT_TRUE(
+      qwtest::FailsExactly(MemoryEnumUnLock(RunScript, &scripts[3]), 2, "MemoryEnumUnLock: enumerator not registered"));
 }
 
 // A failure keeps the first error and runs the rest; a stop ends the pass
