@@ -68,6 +68,9 @@ TEST_F(MemoryLockRegistry, ApplyAllRunsEachRegistrationInOrder) {
   EXPECT_EQ(Pass(1), (Runs{2, 0}));
   EXPECT_TRUE(
       qwtest::FailsExactly(MemoryEnumUnLock(RunScript, &scripts[3]), 2, "MemoryEnumUnLock: enumerator not registered"));
+  MemoryLockAcquire();  // forced, a release with nobody waiting gives the lock up and takes it back
+  EXPECT_EQ(MemoryLockPeriodicRelease(1), 1);
+  MemoryLockRelease();
 }
 
 // A failure keeps the first error and runs the rest; a stop ends the pass
