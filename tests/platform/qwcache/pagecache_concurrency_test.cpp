@@ -1,6 +1,6 @@
 // The page cache under real threads: pages loaded once however many threads
-// want them, claimed pages waited for, write-back under eviction pressure,
-// flush and invalidation racing with readers, failing loads with waiters.
+// want them, write-back under eviction pressure, flush and invalidation
+// racing with readers, failing loads with waiters.
 // CI runs these suites again under ThreadSanitizer.
 #include <barrier>
 #include <mutex>
@@ -44,32 +44,6 @@ TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
   PageCacheStats s = Stats();
   EXPECT_EQ(std::vector<uint64_t>({s.reads, s.misses, s.hits, s.pinned}),
             std::vector<uint64_t>({rounds, rounds, rounds * (threads - 1), 0}));
-}
-
-TEST_F(PageCacheConcurrency, ClaimedPageIsWaitedFor) {
-  MakeCache(8);
-  size_t f = AddFile("data", 4 * kPage, 1);
-  for (bool fill : {true, false}) {
-    const uint64_t offset = fill ? kPage : 2 * kPage, readsBefore = Stats().reads;
-    int valid = -2;
-    void *claimed = PageCacheLookup(cache_, Id(f), offset, 1, &valid);
-    ASSERT_NE(claimed, nullptr);
-    ASSERT_EQ(valid, 0);
-    std::string got;
-    std::thread reader([&] {
-      void *page = nullptr;
-      if (PageCacheRead(cache_, Id(f), offset, &page)) got = Bytes(page);
-      if (page) Release(page);
-    });
-    if (fill) {  // the reader gets the claimer's bytes, never the file's
-      std::memset(claimed, 'c', kPage);
-      PageCacheSetValid(cache_, claimed);
-    }
-    Release(claimed, fill);  // dropped unfilled: the reader loads the page itself
-    reader.join();
-    EXPECT_EQ(got, fill ? std::string(kPage, 'c') : Pattern(1, offset, kPage)) << fill;
-    EXPECT_EQ(Stats().reads - readsBefore, fill ? 0u : 1u);
-  }
 }
 
 // Four threads read and write their own pages of three files through a cache

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/platform_support.h"
+#include "platform/checks.h"
 
 namespace qwtest {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/qwlib/fault.h"
-#include "support/test_support.h"
+#include "platform/checks.h"
 
 namespace {
 
@@ -66,8 +66,7 @@ TEST_F(SyncRoundTest, CarriesTheFirstFailureWithItsChain) {
   round.AddFile(a, "sync of a failed");
   round.AddFile(b, "sync of b failed");
   round.Add([] { return 1; }, "never");
-  EXPECT_FALSE(round.Run());
-  EXPECT_EQ(QWErrorCode(), EIO);
+  EXPECT_TRUE(qwtest::Fails(round.Run(), EIO));
   EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_SYSTEM);
   const std::string chain = QWErrorMessage();
   EXPECT_EQ(chain.rfind("injected I/O error in sync \"" + path("b") + "\"", 0), 0u) << chain;

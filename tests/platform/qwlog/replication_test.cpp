@@ -4,7 +4,7 @@
 // writes from several threads.
 #include <thread>
 
-#include "support/platform_support.h"
+#include "platform/checks.h"
 
 namespace {
 
@@ -109,25 +109,20 @@ TEST_F(ReplicationLogTest, LimitsAndBadArguments) {
   ASSERT_NE(log, nullptr);
   std::vector<uint64_t> ids(REPLICATION_LOG_MAX_LIST + 1, 5);
   const std::string longPath(REPLICATION_LOG_MAX_PATH + 1, 'x');
-  EXPECT_EQ(ReplicationLogWrite(log, 9, 0, 0, "f", ids.data(), uint32_t(ids.size())), 0);
-  EXPECT_EQ(QWErrorCode(), 22);
-  EXPECT_EQ(ReplicationLogWrite(log, 9, 0, 0, "f", nullptr, 3), 0);
-  EXPECT_EQ(QWErrorCode(), 22);
-  EXPECT_EQ(ReplicationLogWrite(log, 8, 0, 0, longPath.c_str(), nullptr, 0), 0);
-  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogWrite(log, 9, 0, 0, "f", ids.data(), uint32_t(ids.size())), 22));
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogWrite(log, 9, 0, 0, "f", nullptr, 3), 22));
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogWrite(log, 8, 0, 0, longPath.c_str(), nullptr, 0), 22));
   ASSERT_EQ(ReplicationLogClose(log), 1);
   EXPECT_TRUE(ReadAll().empty());  // refused writes left nothing behind
   EXPECT_EQ(ReplicationLogFileOpen(logPath().c_str(), 8192), nullptr);  // other block size
   EXPECT_TRUE(HasDataError());
-  EXPECT_EQ(ReplicationLogFileOpen(logPath().c_str(), 0), nullptr);
-  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogFileOpen(logPath().c_str(), 0), 22));
   WriteFileBytes(path("not-a-log"), "this is not a replication log file");
   EXPECT_EQ(ReplicationLogFileOpen(path("not-a-log").c_str(), 4096), nullptr);
   EXPECT_TRUE(HasDataError());
   EXPECT_EQ(ReadFileBytes(path("not-a-log")), "this is not a replication log file");  // left alone
   Events events;
-  EXPECT_EQ(ReplicationLogFileRead(path("missing").c_str(), Collect, &events), 0);
-  EXPECT_EQ(QWErrorCode(), 2);
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogFileRead(path("missing").c_str(), Collect, &events), 2));
   EXPECT_EQ(ReplicationLogClose(nullptr), 1);
 }
 
@@ -181,11 +176,9 @@ TEST_F(ReplicationLogTest, FailedWriteBreaksLogUntilReopened) {
   ASSERT_NE(log, nullptr);
   ASSERT_EQ(WriteEvent(log, {8, 0, 0, "one", {}}), 1);
   qw::fault::FailNth(1, false, qw::fault::Bit(qw::fault::Op::Write), "replication.log");
-  EXPECT_EQ(WriteEvent(log, {8, 0, 0, "two", {}}), 0);
-  EXPECT_EQ(QWErrorCode(), 5);
+  EXPECT_TRUE(qwtest::Fails(WriteEvent(log, {8, 0, 0, "two", {}}), 5));
   qw::fault::Disable();
-  EXPECT_EQ(WriteEvent(log, {8, 0, 0, "three", {}}), 0);
-  EXPECT_TRUE(qwtest::HasError(-1, "is in error after a failed write"));
+  EXPECT_TRUE(qwtest::Fails(WriteEvent(log, {8, 0, 0, "three", {}}), -1, "is in error after a failed write"));
   ReplicationLogClose(log);
   Append({{8, 0, 0, "four", {}}});
   // Whatever of "two" the channel still pushed out at close is either whole
@@ -233,8 +226,7 @@ TEST(ReplicationLogOps, CustomImplementationIsCalled) {
   EXPECT_EQ(ReplicationLogClose(log), 1);
   EXPECT_EQ(host.closes, 1);
   const ReplicationLogOps incomplete{nullptr, kHostOps.getBlockSize, nullptr};
-  EXPECT_EQ(ReplicationLogNew(&incomplete, &host), nullptr);
-  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_TRUE(qwtest::Fails(ReplicationLogNew(&incomplete, &host), 22));
 }
 
 using ReplicationLogConcurrency = ReplicationLogTest;

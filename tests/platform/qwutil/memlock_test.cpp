@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "support/test_support.h"
+#include "platform/checks.h"
 
 namespace {
 
@@ -66,9 +66,11 @@ TEST_F(MemoryLockRegistry, ApplyAllRunsEachRegistrationInOrder) {
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[0]), 1);  // removes the first of the two
   EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[3]), 1);
   EXPECT_EQ(Pass(1), (Runs{2, 0}));
-  EXPECT_EQ(MemoryEnumUnLock(RunScript, &scripts[3]), 0);
-  EXPECT_EQ(QWErrorCode(), 2);
-  EXPECT_STREQ(QWErrorMessage(), "MemoryEnumUnLock: enumerator not registered");
+  EXPECT_TRUE(
+      qwtest::FailsExactly(MemoryEnumUnLock(RunScript, &scripts[3]), 2, "MemoryEnumUnLock: enumerator not registered"));
+  MemoryLockAcquire();  // forced, a release with nobody waiting gives the lock up and takes it back
+  EXPECT_EQ(MemoryLockPeriodicRelease(1), 1);
+  MemoryLockRelease();
 }
 
 // A failure keeps the first error and runs the rest; a stop ends the pass
@@ -213,38 +215,6 @@ TEST(MemoryLockConcurrency, UnregisterWaitsForRunningEnumerator) {
   }
 }
 
-// Threads taking the lock in turns (a plain counter under it stays exact;
-// ThreadSanitizer checks the ordering), and registrations and passes from
-// many threads at once.
-int CountingEnumerator(void *context) {
-  static_cast<std::atomic<int> *>(context)->fetch_add(1);
-  return MemoryLockPeriodicRelease(0);
-}
-
-TEST(MemoryLockConcurrency, MutualExclusionAndConcurrentRegistration) {
-  uint64_t counter = 0;
-  std::atomic<int> calls[8] = {};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&counter, &calls, t] {
-      for (int i = 0; i < 1000; ++i) {
-        MemoryLockAcquire();
-        ++counter;
-        EXPECT_TRUE(i % 100 != 0 || MemoryLockPeriodicRelease(1) == 1);
-        ++counter;
-        MemoryLockRelease();
-      }
-      for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(MemoryEnumLock(CountingEnumerator, &calls[t]), 1);
-        EXPECT_EQ(MemoryLockApplyAll(), 1);
-        EXPECT_EQ(MemoryEnumUnLock(CountingEnumerator, &calls[t]), 1);
-      }
-    });
-  for (auto &t : threads) t.join();
-  EXPECT_EQ(counter, 8u * 1000u * 2u);
-  for (auto &c : calls) EXPECT_GE(c.load(), 50);  // at least its own passes saw it
-}
-
 struct Mapping {
   size_t length;
   char *address;
@@ -263,8 +233,7 @@ TEST(MemoryPin, PinsMappedRangesAndRefusesHoles) {
   EXPECT_EQ(MemoryPin(m.address, 0) + MemoryUnpin(m.address, 0), 2);
   ASSERT_EQ(munmap(m.address + PageSize(), PageSize()), 0);
   for (auto call : {MemoryPin, MemoryUnpin}) {
-    EXPECT_EQ(call(m.address, 3 * PageSize()), 0);
-    EXPECT_EQ(QWErrorCode(), ENOMEM);
+    EXPECT_TRUE(qwtest::Fails(call(m.address, 3 * PageSize()), ENOMEM));
   }
   QWErrorClear();
 }
