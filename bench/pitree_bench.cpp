@@ -15,6 +15,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -90,8 +91,10 @@ std::unique_ptr<TreeSide> BuildTree(int which, double *seconds) {
   const std::string directory = g.root + "/tree" + std::to_string(which);
   std::filesystem::remove_all(directory);
   auto side = std::make_unique<TreeSide>();
-  side->arena = VMArenaOpen(directory.c_str(), VM_FLAG_CREATE, 2, STATUS_NO_SERIAL, STATUS_NO_SERIAL, nullptr,
-                            g.cache);
+  const char *mappedSetting = getenv("QWVM_BENCH_MAPPED");
+  const bool mapped = mappedSetting && *mappedSetting && std::strcmp(mappedSetting, "0") != 0;
+  side->arena = VMArenaOpen(directory.c_str(), VM_FLAG_CREATE | (mapped ? VM_FLAG_MAPPED : 0), 2, STATUS_NO_SERIAL,
+                            STATUS_NO_SERIAL, nullptr, mapped ? nullptr : g.cache);
   uint8_t *path = nullptr;
   int created = 0;
   if (side->arena) side->tree = PITreeNew(side->arena, &path, "keys", &created, 0);
