@@ -1,10 +1,10 @@
 // Box data files, each test run directly and through the page cache: exact
 // block bytes (version 1 read too), every decoding error with its code and
-// text, growth and its limit, open checks, the forced-error names, and power
-// loss at each sync of creating and syncing a file.
+// text, growth and its limit, open checks and the forced-error names (power
+// loss at each sync of creating and syncing a file: the campaign's box
+// workloads).
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -238,34 +238,6 @@ TEST_P(BoxDataTest, ForcedAndInjectedErrorsNameTheFailingStep) {
     unsetenv("QWRETURNFALSE");
     qw::fault::Disable();
     EXPECT_TRUE(Fails(result, forced ? 0 : 5, forced ? "forced error in " + std::string(forced) + text : text));
-  }
-}
-
-TEST_P(BoxDataTest, PowerLossAtEachSyncKeepsWhatWasSynced) {
-  const std::string crash = path("crash");
-  // Syncs: 1 the new file, 2 its directory, 3 BoxLVMDataSync; 4: none is hit.
-  const char *const expected[] = {"missing", "missing", "|", "synced|"};
-  for (uint64_t n = 1; n <= 4; ++n) {
-    ASSERT_EQ(DirectoryCreate(crash.c_str()), 1);
-    const auto child = qwtest::RunInChild([&] {
-      qw::fault::CrashAtSync(n, qw::fault::PowerLoss::Drop);
-      file = BoxLVMDataFileOpen(crash.c_str(), 1, 1, 0, 0, 0, 0, cache);
-      if (!file || !Put(40, "synced", 0, 7) || !BoxLVMDataSync(file) || !Put(48, "lost", 0, 8)) _exit(3);
-      qw::fault::SimulatePowerLoss(qw::fault::PowerLoss::Drop);
-      _exit(2);
-    });
-    EXPECT_EQ(child.exitStatus, n < 4 ? 1 : 2);
-    BoxLVMDataFile *reopened = BoxLVMDataFileOpen(crash.c_str(), 1, 0, 0, 0, 0, 0, nullptr);
-    std::swap(file, reopened);
-    std::string found = "missing";
-    if (file) {
-      found = (Decode(40, 7), data) + "|";
-      found += (Decode(48, 8), data);
-    }
-    EXPECT_EQ(found, expected[n - 1]) << n;
-    BoxLVMDataClose(file);
-    file = reopened;
-    std::filesystem::remove_all(crash);
   }
 }
 
