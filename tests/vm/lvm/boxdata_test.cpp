@@ -273,10 +273,15 @@ TEST(BoxRecordTest, UpdatesAndExtensionsHaveTheirExactBytes) {
   Bytes out;
   EncodeBoxUpdate(cases[2].update, &out);
   EXPECT_EQ(Bytes(out.begin() + 106, out.end()), Bytes({0xFF, 0xFF, 0xFF, 0xFF, 0x1E}));
-  // (The printed texts: box_test's record printers.)
   std::string text;
+  EncodeBoxUpdate(cases[0].update, &out);
+  EXPECT_EQ(FormatBoxRecord(16, out.data(), out.size(), &text), 1);
+  EXPECT_EQ(text, "BoxUpdate id 16909060, sizeNew = 300, gSizeOldLength = 2, gSizeOld = [ 255 0 ]\n");
   EncodeBoxDataExtend(512, &out);
   EXPECT_EQ(out, Bytes({0, 2, 0, 0}));
+  EXPECT_EQ(FormatBoxRecord(17, out.data(), out.size(), &text), 1);
+  EXPECT_EQ(text, "BoxDataExtend 512\n");
+  EXPECT_EQ(FormatBoxRecord(5, out.data(), out.size(), &text), -1);
   EXPECT_EQ(FormatBoxRecord(16, out.data(), 3, &text), 0);
   const std::pair<Bytes, std::string> malformed[] = {
       {{1, 0, 0}, "no entry id"},
