@@ -177,6 +177,25 @@ TEST_F(LbsIndexFileTest, InconsistentFreeListsAreRepaired) {
   EXPECT_FALSE(capture.contains("VM: Block count must be fixed !"));
 }
 
+TEST_F(LbsIndexFileTest, CommitToleratesAnAlreadyCommittedIndex) {
+  MakeTwoBlockServer();
+  const std::string committed = ReadFileBytes(path("index0.new"));
+  // Nothing pending: success, nothing touched.
+  EXPECT_EQ(IndexFileCommitNew(dir().c_str(), "0"), 1);
+  EXPECT_EQ(IndexFileCommitOld(dir().c_str(), "0"), 1);
+  EXPECT_EQ(ReadFileBytes(path("index0.new")), committed);
+  // Interrupted after the target was moved aside: recovered.
+  ASSERT_EQ(FileRename(path("index0.new").c_str(), path("index0.new.old").c_str()), 1);
+  EXPECT_EQ(IndexFileCommitNew(dir().c_str(), "0"), 1);
+  EXPECT_EQ(ReadFileBytes(path("index0.new")), committed);
+  // Pending: committed.
+  WriteFileBytes(path("index0.new.new"), "pending");
+  EXPECT_EQ(IndexFileCommitNew(dir().c_str(), "0"), 1);
+  EXPECT_EQ(ReadFileBytes(path("index0.new")), "pending");
+  EXPECT_FALSE(FileExists(path("index0.new.new").c_str()));
+  EXPECT_FALSE(FileExists(path("index0.new.old").c_str()));
+}
+
 TEST_F(LbsIndexFileTest, RecoverOpenCommitsAPendingNewIndex) {
   MakeTwoBlockServer();
   ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
