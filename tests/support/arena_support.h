@@ -1,5 +1,5 @@
 // Arenas for tests: a fixture that keeps one arena at dir()/arena open in
-// an access mode, and the table of modes for parameterised suites.
+// an access mode (each suite keeps its own table of modes).
 #pragma once
 
 #include <cstdint>
@@ -8,15 +8,6 @@
 #include "support/test_support.h"
 
 namespace qwtest {
-
-// An access mode of an arena: through the page cache or mapped.
-struct ArenaMode {
-  const char *name;
-  uint32_t flags;  // added to every open
-};
-inline constexpr ArenaMode kArenaModes[] = {{"cache", 0}, {"mapped", VM_FLAG_MAPPED}};
-// Test-name suffix of a mode parameter.
-inline std::string ArenaModeName(const ::testing::TestParamInfo<ArenaMode> &info) { return info.param.name; }
 
 // CachedTempDirTest with an arena at arenaDir() opened in `modeFlags`.
 // Subclasses that keep structures override CloseAll: close them, then call
@@ -44,16 +35,6 @@ class ArenaDirTest : public CachedTempDirTest {
 
   VMArena *arena = nullptr;
   uint32_t modeFlags = 0;
-};
-
-// ArenaDirTest run in each mode: INSTANTIATE_TEST_SUITE_P(Modes, Suite,
-// ::testing::ValuesIn(qwtest::kArenaModes), qwtest::ArenaModeName).
-class ArenaModeTest : public ArenaDirTest, public ::testing::WithParamInterface<ArenaMode> {
- protected:
-  void SetUp() override {
-    modeFlags = GetParam().flags;
-    ArenaDirTest::SetUp();
-  }
 };
 
 }  // namespace qwtest

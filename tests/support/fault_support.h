@@ -18,9 +18,11 @@ void SetCrashStop(const char *stop, const std::string &directory = "");
 
 // Child: runs `prepare` (false: exit 3 with the error chain printed), sets the
 // stop and runs `act`, then exits 0. Success when the child exited with
-// status 1 after printing exactly the crash line of `stop` in `directory`.
+// status 1 after printing exactly the crash line of `stop` in `directory`;
+// with `fires` false (a stop the path does not reach), when it exited 0.
 ::testing::AssertionResult CrashAtStop(const char *stop, const std::string &directory,
-                                       const std::function<bool()> &prepare, const std::function<void()> &act);
+                                       const std::function<bool()> &prepare, const std::function<void()> &act,
+                                       bool fires = true);
 
 // A power loss: what happens to pending writes, and the seed of Garble.
 struct Loss {

@@ -1,6 +1,9 @@
 // Commit: the crash matrix (a child stopped at every stop, in every access
-// mode, with blocks and named arrays changed) and forced errors. Power loss
-// and I/O errors: the fault campaign and io_error_test.
+// mode, with blocks and named arrays changed), forced errors, and I/O errors
+// at the arena's named steps: the chain over the injected error (the commit
+// marker adds no message of its own), the generation the step implies, and a
+// later commit succeeds. An interrupted creation is refused without create and
+// restarted with it. Power loss and I/O errors at every point: the campaign.
 #include <filesystem>
 
 #include "arena_fixture.h"
@@ -149,19 +152,14 @@ INSTANTIATE_TEST_SUITE_P(EveryStop, CrashMatrix, ::testing::ValuesIn(AllCrashCas
   return std::string(info.param.mode.name) + "_" + kStops[info.param.stop];
 });
 
-TEST_F(ArenaTest, CrashStopNamingAnotherArenaDoesNothing) {
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
-  const uint64_t id = VMArenaBlockNew(arena, 0, 512, nullptr, 0);
-  Fill(arena, id, 1);
-  qwtest::SetCrashStop("arenaflushexec1", path("other"));
-  EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
-  qwtest::SetCrashStop(nullptr);
-  EXPECT_TRUE(Holds(arena, id, OLDGEN, 1));
-}
-
+// A crash stop naming another arena does nothing; forced errors fail some
+// commits and leave the arena usable.
 TEST_F(ArenaTest, ForcedCommitErrorsFailSomeCommitsAndLeaveTheArenaUsable) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE, 1)) << QWErrorMessage();
   const uint64_t id = VMArenaBlockNew(arena, 0, 8192, nullptr, 0);
+  qwtest::SetCrashStop("arenaflushexec1", path("other"));
+  EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+  qwtest::SetCrashStop(nullptr);
   QWSetEnvironmentVariable("QWRETURNFALSE", "VMArenaCommit");
   QWSetEnvironmentVariable("QWRETURNFALSEFUZZ", "3");
   std::srand(11);
@@ -242,6 +240,96 @@ TEST_F(ArenaTest, AReturnedCommitIsCompleteAfterAPowerLoss) {
   ASSERT_NE(arena, nullptr) << QWErrorMessage();
   EXPECT_TRUE(Holds(arena, id, OLDGEN, 2));
   VMArenaClose(arena);
+}
+
+using qw::fault::Bit;
+using qw::fault::Op;
+
+class ArenaIOErrors : public ArenaTest {
+ protected:
+  // A fresh arena with blocks committed holding tag 1, open.
+  void Prepare() {
+    ids.clear();
+    CloseArena();
+    std::filesystem::remove_all(arenaDir());
+    ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
+    for (uint32_t i = 0; i < 12; ++i) {
+      ids.push_back(VMArenaBlockNew(arena, 0, i % 2 ? 8192 : 300, nullptr, 0));
+      Fill(arena, ids.back(), 1);
+    }
+    ASSERT_TRUE(Commit()) << QWErrorMessage();
+    ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
+  }
+
+  // The tag every block holds in the committed generation; -1 for a mix.
+  int CommittedTag() {
+    int tag = -1;
+    EXPECT_TRUE(Reopen(kCache)) << QWErrorMessage();
+    for (uint32_t t : {1u, 2u})
+      if (arena && CountHolding(arena, ids, OLDGEN, t) == ids.size()) tag = int(t);
+    return tag;
+  }
+
+  std::vector<uint64_t> ids;
+};
+
+TEST_F(ArenaIOErrors, CommitStepsReportTheirStepAndTheDiskError) {
+  const struct Case {
+    uint32_t ops;         // the operation on the marker that fails
+    const char *message;  // the outermost message: the marker adds none of its own
+    int committedTag;     // what a reopen right after the failure finds
+  } cases[] = {
+      {Bit(Op::Open), "could not open file \"", 1},
+      {Bit(Op::Remove), "could not remove file \"", 2},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.message);
+    // Every block rewritten with tag 2, a commit that fails at the step; for
+    // `retry`, the same arena commits once the disk answers again.
+    for (bool retry : {true, false}) {
+      ASSERT_NO_FATAL_FAILURE(Prepare());
+      for (uint64_t id : ids) Fill(arena, id, 2);
+      EXPECT_TRUE(qwtest::FailsWithIOError({c.ops, "committing", 0},
+                                           [&] { return VMArenaCommit(arena, nullptr, nullptr, 0) == 1; }, c.message));
+      const std::string chain = QWErrorMessage();
+      EXPECT_EQ(chain.substr(chain.rfind('\n') + 1).rfind(c.message, 0), 0u) << chain;
+      if (retry) {
+        EXPECT_TRUE(VMArenaCommit(arena, nullptr, nullptr, 0)) << QWErrorMessage();
+      }
+      EXPECT_EQ(CommittedTag(), retry ? 2 : c.committedTag);
+    }
+  }
+}
+
+TEST_F(ArenaIOErrors, ACopyOnWriteReadErrorNamesTheBlockAndPassesLater) {
+  ASSERT_NO_FATAL_FAILURE(Prepare());
+  uint32_t size = 0;
+  EXPECT_TRUE(qwtest::FailsWithIOError(
+      {Bit(Op::Read), "/block/data", 0},
+      [&] { return VMArenaDataAcquire(arena, ids[1], 0, NEWGEN, 0, &size, nullptr) != nullptr; },
+      "could not copy block"));
+  EXPECT_NE(std::string(QWErrorMessage()).find("injected I/O error in read"), std::string::npos);
+  Fill(arena, ids[1], 2);
+  EXPECT_TRUE(Holds(arena, ids[1], NEWGEN, 2));
+  EXPECT_TRUE(Holds(arena, ids[1], OLDGEN, 1));
+}
+
+TEST_F(ArenaIOErrors, AnInterruptedCreationIsRefusedWithoutCreateAndRestartedWithIt) {
+  // What a creation cut short leaves: the marker and some of the files.
+  std::filesystem::create_directories(arenaDir() + "/block");
+  qwtest::WriteFileBytes(arenaDir() + "/creating", "");
+  qwtest::WriteFileBytes(arenaDir() + "/arena.new", "partial");
+  qwtest::WriteFileBytes(arenaDir() + "/block/data0", std::string(8192, 'x'));
+  EXPECT_FALSE(Reopen(kCache));
+  EXPECT_NE(std::string(QWErrorMessage()).find("incomplete creation of VM in"), std::string::npos)
+      << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
+  EXPECT_FALSE(std::filesystem::exists(arenaDir() + "/creating"));
+  const uint64_t id = VMArenaBlockNew(arena, 0, 500, nullptr, 0);
+  Fill(arena, id, 3);
+  ASSERT_TRUE(Commit()) << QWErrorMessage();
+  ASSERT_TRUE(Reopen(kCache)) << QWErrorMessage();
+  EXPECT_TRUE(Holds(arena, id, OLDGEN, 3));
 }
 
 }  // namespace

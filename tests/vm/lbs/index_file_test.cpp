@@ -60,16 +60,13 @@ class LbsIndexFileTest : public LbsTest {
   }
 };
 
-TEST_F(LbsIndexFileTest, InitialCreateWritesEmptyIndexes) {
+TEST_F(LbsIndexFileTest, CreateAndFlushWriteExactBytes) {
   ASSERT_TRUE(Reopen(kPageCache)) << QWErrorMessage();
   EXPECT_EQ(ReadFileBytes(path("index0.new")), NewIndex(0, {}, EmptyList() + EmptyList() + EmptyList()));
   EXPECT_EQ(ReadFileBytes(path("index0.old")), OldIndex({}));
   EXPECT_EQ(FileBytes(path("data0")), 0u);
   EXPECT_FALSE(FileExists(path("index0.new.new").c_str()));
   EXPECT_FALSE(FileExists(path("index0.old.new").c_str()));
-}
-
-TEST_F(LbsIndexFileTest, FlushWritesExactBytes) {
   MakeTwoBlockServer();
   const std::string freeOld = std::string("\x01", 1) + LE(6, 4) + "\x07\x06\x05\x04\x03\x02";
   EXPECT_EQ(ReadFileBytes(path("index0.new")), NewIndex(65536, {0, 1}, freeOld + EmptyList() + EmptyList()));

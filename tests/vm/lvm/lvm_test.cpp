@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/qwlib/fault.h"
+#include "support/fault_support.h"
 #include "support/lvm_counters.h"
 #include "support/test_support.h"
 #include "vm/lvm/lvm_internal.h"
@@ -157,20 +158,12 @@ TEST_F(LvmTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedState) 
       SCOPED_TRACE(name + (commit ? " committing" : ""));
       std::filesystem::remove_all(storeDir());
       std::filesystem::copy(path("snapshot"), storeDir(), std::filesystem::copy_options::recursive);
-      const qwtest::ChildResult child = qwtest::RunInChild([&] {
-        LoggedCounters counters;
-        std::vector<uint64_t> scratch(LoggedCounters::kCount);
-        if (!counters.Open(storeDir(), false) || !counters.Recover() || !Round(2, &counters, &scratch)) _exit(3);
-        setenv("QWEXIT", name.c_str(), 1);
-        setenv("QWVMEXIT", counters.lvm->path, 1);
-        _exit(counters.Checkpoint(commit) ? 0 : 3);
-      });
-      const bool fires = stop <= 10 || commit;
-      ASSERT_TRUE(child.exited && child.exitStatus == (fires ? 1 : 0)) << child.out;
-      if (fires) {
-        EXPECT_NE(child.out.find("########## SIMULATED CRASH vm = " + storeDir() + "/vm, stop = " + name),
-                  std::string::npos);
-      }
+      LoggedCounters counters;
+      std::vector<uint64_t> scratch(LoggedCounters::kCount);
+      ASSERT_TRUE(qwtest::CrashAtStop(
+          name.c_str(), storeDir() + "/vm",
+          [&] { return counters.Open(storeDir(), false) && counters.Recover() && Round(2, &counters, &scratch); },
+          [&] { _exit(counters.Checkpoint(commit) ? 0 : 3); }, stop <= 10 || commit));
       // The checkpoint record is durable from its flush (stop 4) on.
       ASSERT_NO_FATAL_FAILURE(ExpectRecovered(stop >= 4 ? after : before));
       ASSERT_TRUE(store.Checkpoint(true)) << QWErrorMessage();
