@@ -108,7 +108,8 @@ struct ModelStep {
 
 // `steps` times: draws rng() % 100, runs the table entry whose share holds the
 // draw (in table order; past the last share nothing runs), then `after(step)`.
-// Stops at the first fatal failure, naming the step.
+// Stops at the first fatal failure, naming the step; the caller goes on unless
+// it checks HasFatalFailure() (a failed step may have left its handles null).
 void RunModel(std::mt19937 &rng, int steps, const std::vector<ModelStep> &table,
               const std::function<void(int step)> &after = {});
 

@@ -203,6 +203,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
                          ASSERT_NO_FATAL_FAILURE(ExpectHolds(model, idLimit));
                          ASSERT_EQ(Check(), kSound);
                        }}});
+    ASSERT_FALSE(HasFatalFailure()) << "a model step failed: its handles may be gone";
     // A read-only open sees the last commit.
     ASSERT_TRUE(BoxLVMCheckpoint(box, 1, nullptr)) << QWErrorMessage();
     Close(false);

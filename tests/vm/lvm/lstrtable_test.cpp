@@ -117,6 +117,7 @@ TEST_F(StrTableTest, RandomModelWithAwkwardKeysAcrossCheckpointsAndReopenings) {
                        ASSERT_NO_FATAL_FAILURE(Open());
                        ASSERT_NO_FATAL_FAILURE(ExpectHolds(model));
                      }}});
+  ASSERT_FALSE(HasFatalFailure()) << "a model step failed: its handles may be gone";
   // A read-only open sees the last commit.
   ASSERT_TRUE(LoggedStrTableCheckpoint(table, 1)) << QWErrorMessage();
   Close(false);
