@@ -12,5 +12,7 @@ cmake --build "$build" -j"${JOBS:-2}"
 find "$build" -name '*.gcda' -delete
 ctest --test-dir "$build" -j"${JOBS:-2}" --output-on-failure >/dev/null
 # Branches the compiler adds for exceptions are not the code's own: leave them out.
+# The report goes to a file of the build (gcovr replaces its output file, so
+# never name a device such as /dev/null there).
 gcovr --root . --filter 'src/' --object-directory "$build" --exclude-throw-branches \
-  --exclude-unreachable-branches --gcov-ignore-parse-errors --print-summary -o /dev/null "$build"
+  --exclude-unreachable-branches --gcov-ignore-parse-errors --print-summary -o "$build/coverage.txt" "$build"
