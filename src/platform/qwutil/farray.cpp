@@ -10,6 +10,14 @@
 //     below `untouched` (or all new ones for an allocator that does not zero).
 //   - Chunks are only ever appended to the table and released all at once
 //     (clear/free), which is what keeps element addresses stable.
+//   - A chunk table is never freed while the array lives: growth copies it
+//     into a larger one and links the old one behind the new one (the word
+//     before chunks[0]); clear/free release the whole chain. So a reader
+//     that holds no lock (FArrayNthConcurrent) may still use a table it
+//     loaded before a growth.
+//   - `chunks`, the table's slots and `length` are stored atomically, each
+//     new chunk and zeroed element before the length that covers it
+//     (release), so such a reader that sees a length sees what lies below it.
 #include <cerrno>
 #include <cstring>
 
@@ -29,17 +37,36 @@ constexpr FArrayAllocator kDefaultAllocator = {DefaultAllocate, DefaultRelease, 
 
 size_t ChunkBytes(const FArray *array) { return size_t(array->elementSize) * array->chunkEntries; }
 
-// Makes room for one more chunk pointer, growing the table by half.
+// The word before a chunk table links the table it replaced (or holds NULL).
+char **RetiredTableOf(char **table) { return reinterpret_cast<char **>(table[-1]); }
+
+// Makes room for one more chunk pointer, growing the table by half. The old
+// table stays readable (see the invariants).
 [[nodiscard]] int GrowChunkTable(FArray *array) {
   if (array->chunkCount < array->chunkSlots) return 1;
   uint64_t slots = array->chunkSlots < 8 ? 8 : array->chunkSlots + array->chunkSlots / 2;
-  void *table = Reallocate(array->chunks, size_t(slots) * sizeof(char *));
-  if (table == nullptr) return QWErrorRethrow("FArray: could not grow the chunk table to %llu chunks",
+  auto *block = static_cast<char **>(Allocate(size_t(slots + 1) * sizeof(char *)));
+  if (block == nullptr) return QWErrorRethrow("FArray: could not grow the chunk table to %llu chunks",
                                               static_cast<unsigned long long>(slots));
-  array->chunks = static_cast<char **>(table);
+  char **table = block + 1;
+  table[-1] = reinterpret_cast<char *>(array->chunks);
+  if (array->chunkCount > 0) std::memcpy(table, array->chunks, size_t(array->chunkCount) * sizeof(char *));
+  __atomic_store_n(&array->chunks, table, __ATOMIC_RELEASE);
   array->chunkSlots = slots;
   return 1;
 }
+
+// Frees a chunk table and every table it replaced.
+void FreeChunkTables(char **table) {
+  while (table != nullptr) {
+    char **retired = RetiredTableOf(table);
+    UnAllocate(table - 1);
+    table = retired;
+  }
+}
+
+// Sets the length for readers without a lock: after everything below it.
+void PublishLength(FArray *array, uint64_t length) { __atomic_store_n(&array->length, length, __ATOMIC_RELEASE); }
 
 // Releases every chunk (all of them, even after a failure) and empties the
 // array; returns 1, or 0 with the first release error.
@@ -55,10 +82,11 @@ size_t ChunkBytes(const FArray *array) { return size_t(array->elementSize) * arr
       QWErrorRestore();
     }
   }
-  UnAllocate(array->chunks);
+  FreeChunkTables(array->chunks);
   array->chunks = nullptr;
   array->chunkCount = array->chunkSlots = 0;
-  array->length = array->untouched = 0;
+  PublishLength(array, 0);
+  array->untouched = 0;
   if (!ok) QWErrorRethrow("FArray: could not release a chunk of %zu bytes", bytes);
   return ok;
 }
@@ -83,7 +111,7 @@ int FArrayGrowUninitialised(FArray *array, uint64_t length) {
   if (!FArrayEnsureCapacity_(array, length))
     return QWErrorRethrow("FArray: could not grow to %llu elements", static_cast<unsigned long long>(length));
   if (array->untouched < length) array->untouched = length;
-  array->length = length;
+  PublishLength(array, length);
   return 1;
 }
 
@@ -129,7 +157,7 @@ int FArrayEnsureCapacity_(FArray *array, uint64_t capacity) {
     if (!GrowChunkTable(array)) return 0;
     void *chunk = array->allocator.allocate(array->allocator.context, bytes);
     if (chunk == nullptr) return QWErrorRethrow("FArray: could not allocate a chunk of %zu bytes", bytes);
-    array->chunks[array->chunkCount++] = static_cast<char *>(chunk);
+    __atomic_store_n(&array->chunks[array->chunkCount++], static_cast<char *>(chunk), __ATOMIC_RELAXED);
   }
   return 1;
 }
@@ -137,7 +165,7 @@ int FArrayEnsureCapacity_(FArray *array, uint64_t capacity) {
 int FArrayLengthSet_(FArray *array, uint64_t length) {
   qwassert_(array->initialised);
   if (length <= array->length) {
-    array->length = length;
+    PublishLength(array, length);
     return 1;
   }
   const uint64_t from = array->length;

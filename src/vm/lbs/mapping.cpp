@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "qwvm/vmarena.h"
+#include "platform/qwutil/farray_internal.h"
 #include "vm/lbs/names.h"
 
 namespace qw::vm {
@@ -513,10 +514,10 @@ void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool over
   if (rawId < mapping->rawBase) {
     if (!mapping->Mapped()) return CachePage(mapping, rawId, overwrite);
     if (mapping->readAddress) return static_cast<char *>(mapping->readAddress) + uint64_t(rawId) * mapping->blockSize;
-  } else {
-    ScopedMutex lock(mapping->mutex);
-    const uint64_t index = uint64_t(rawId) - mapping->rawBase;
-    if (rawId != INVALID_RAW_BLOCK_ID && index < FArrayLength(&mapping->rw)) return FArrayNth(&mapping->rw, index);
+  } else if (rawId != INVALID_RAW_BLOCK_ID) {
+    // No lock: the read-write part's chunks stay in place while it grows.
+    void *block = qw::FArrayNthConcurrent(&mapping->rw, uint64_t(rawId) - mapping->rawBase);
+    if (block) return block;
   }
   QWErrorThrow(EINVAL, QW_ERROR_CLASS_DATA, "MemoryMappingRawBlockGet: raw block %u lies outside \"%s\"", rawId,
                mapping->path.c_str());

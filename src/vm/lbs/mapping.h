@@ -23,10 +23,12 @@
 //    only looked up below it), so a commit that keeps or grows `rsize` need
 //    not drop the file's cached pages.
 //
-// Locking: `mutex` guards the chunk table of `rw`, the extents, the anonymous
-// chunk set and the read segment against the flush at flush start, which
-// runs outside the arena's flush lock. The server takes its own mutex before
-// this one, never the other way round.
+// Locking: `mutex` serialises the growth of `rw` (its chunk table), the
+// extents, the anonymous chunk set and the read segment against the flush at
+// flush start, which runs outside the arena's flush lock. Looking up a block
+// of the read-write part takes no lock: `rw` only grows meanwhile, and its
+// chunks and chunk tables stay in place (FArrayNthConcurrent). The server
+// takes its own mutex before this one, never the other way round.
 #pragma once
 
 #include <cstdint>

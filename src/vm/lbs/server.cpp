@@ -218,7 +218,7 @@ uint32_t LocalBlockServer0BlockNew(LocalBlockServer0 *server, uint32_t /*argumen
   if (reuse) {
     blockId = rw_gen->freeBlocks.Pop();
   } else {
-    if (!FArrayAdd_(&rw_gen->blockMap, 1, nullptr)) {
+    if (!AppendMapEntry(&rw_gen->blockMap, raw)) {
       (void)rw_gen->freeRawBlocksOld.Append(raw);
       return INVALID_BLOCK_ID;
     }
@@ -261,9 +261,8 @@ uint32_t LocalBlockServer0RawIdRead(LocalBlockServer0 *server, uint32_t blockId,
   if (generation == OLDGEN)
     return blockId < FArrayLength(&server->oldMap) ? MapEntry(&server->oldMap, blockId) : INVALID_RAW_BLOCK_ID;
   qwassert_(generation == NEWGEN);
-  ScopedMutex lock(server->rwGen.mutex);
-  const FArray *map = &server->rwGen.blockMap;
-  return blockId < FArrayLength(map) ? MapEntry(map, blockId) : INVALID_RAW_BLOCK_ID;
+  const void *entry = qw::FArrayNthConcurrent(&server->rwGen.blockMap, blockId);
+  return entry ? __atomic_load_n(static_cast<const uint32_t *>(entry), __ATOMIC_RELAXED) : INVALID_RAW_BLOCK_ID;
 }
 
 uint32_t LocalBlockServer0RawIdWrite(LocalBlockServer0 *server, uint32_t blockId) {

@@ -18,10 +18,14 @@
 // memory commit rebuilds the sets (RebuildAfterFailedFlush).
 //
 // Locking: the server mutex guards the new generation (`rwGen`) and is taken
-// by block allocation, free, reads and writes of the new map. The old map is
-// read without a lock: it only changes at the memory commit, which the arena
-// runs under its generation lock held for writing. Lock order: server mutex,
-// then the mapping's mutex.
+// by block allocation, free and writes of the new map. Reads of the new map
+// (LocalBlockServer0RawIdRead) take no lock: the map only grows while they
+// may run (its chunks and chunk tables stay in place) and its entries are
+// stored and loaded atomically; the flush, which rewrites the map, runs
+// under the arena's flush lock, which new-generation users hold for reading.
+// The old map is read without a lock: it only changes at the memory commit,
+// which the arena runs under its generation lock held for writing. Lock
+// order: server mutex, then the mapping's mutex.
 #pragma once
 
 #include <cstdint>
@@ -34,6 +38,7 @@
 #include "qwvm/qwutil.h"
 #include "vm/lbs/local_block_server.h"
 #include "platform/qwlib/sync_round.h"
+#include "platform/qwutil/farray_internal.h"
 #include "vm/lbs/mapping.h"
 
 namespace qw::vm {
@@ -151,8 +156,17 @@ namespace qw::vm {
 inline uint32_t MapEntry(const FArray *map, uint64_t index) {
   return *static_cast<const uint32_t *>(FArrayNth(map, index));
 }
+// Atomic: readers of the new map hold no lock.
 inline void SetMapEntry(FArray *map, uint64_t index, uint32_t raw) {
-  *static_cast<uint32_t *>(FArrayNth(map, index)) = raw;
+  __atomic_store_n(static_cast<uint32_t *>(FArrayNth(map, index)), raw, __ATOMIC_RELAXED);
+}
+// Appends an entry: stored before the length covers it, so that a reader
+// without the lock never sees the new id unmapped. False with an error.
+[[nodiscard]] inline bool AppendMapEntry(FArray *map, uint32_t raw) {
+  const uint64_t index = FArrayLength(map);
+  if (!FArrayEnsureCapacity_(map, index + 1)) return false;
+  __atomic_store_n(reinterpret_cast<uint32_t *>(FArrayNthUnchecked(map, index)), raw, __ATOMIC_RELAXED);
+  return qw::FArrayGrowUninitialised(map, index + 1) != 0;
 }
 inline bool BlockIsInMemory(uint8_t flags) { return (flags & BLOCK_FLAG_SHARED) == 0; }
 

@@ -407,7 +407,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, LbsServerTest, ::testing::ValuesIn(kModes), Mode
 
 class LbsConcurrencyTest : public LbsTest, public ::testing::WithParamInterface<Mode> {};
 
-TEST_P(LbsConcurrencyTest, OldGenerationReadersBesideNewGenerationWriters) {
+TEST_P(LbsConcurrencyTest, OldGenerationReadersBesideNewGenerationWritersThatGrowTheMaps) {
   ServerPtr server = Open(GetParam());
   ASSERT_TRUE(server) << QWErrorMessage();
   constexpr uint32_t kCommitted = 64;
@@ -416,6 +416,7 @@ TEST_P(LbsConcurrencyTest, OldGenerationReadersBesideNewGenerationWriters) {
 
   constexpr int kWriters = 3;
   constexpr int kSteps = 400;
+  constexpr uint32_t kGrowth = 800;  // 3 x 800 blocks: the block map passes 8 chunks
   std::atomic<bool> writing{true};
   std::atomic<int> failures{0};
   LocalBlockServer0 *s = server.get();
@@ -450,6 +451,17 @@ TEST_P(LbsConcurrencyTest, OldGenerationReadersBesideNewGenerationWriters) {
           ++failures;
         }
       }
+    }
+    // Then many new blocks at once: the block map and the read-write part
+    // grow their chunk tables while the other writers look blocks up.
+    for (uint32_t k = 0; k < kGrowth; ++k) {
+      const uint32_t seed = uint32_t(index) * 1000000u + 500000u + k;
+      const uint32_t block = NewBlock(s, seed);
+      if (block == INVALID_BLOCK_ID || mine.count(block)) ++failures;
+      mine[block] = seed;
+      auto it = mine.begin();
+      std::advance(it, random() % mine.size());
+      if (!BlockHolds(s, it->first, NEWGEN, it->second)) ++failures;
     }
     for (const auto &[block, seed] : mine)
       if (!BlockHolds(s, block, NEWGEN, seed)) ++failures;
