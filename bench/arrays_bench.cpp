@@ -24,12 +24,17 @@
 // checked (arrays_sets.h builds and checks the data sets), and the bytes of
 // the arena's directory on disk per stored byte are kept as counters.
 //
+// The format floor (BM_DBArrayFormatFloor) reads the same strings laid out
+// in the data blocks' format in plain memory, without the arena: what the
+// format itself costs a random get here.
+//
 // After the runs a summary prints the ratios, the rates and the space table.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -182,6 +187,98 @@ void BM_VectorStringGet(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// The block format's own floor: the same strings laid out exactly as the
+// array's data blocks lay them out (4 KiB blocks: a 4-byte header, elements
+// as a length prefix and the bytes, an index entry per 8 elements at the
+// block's end) in plain memory, found through the same directory (an entry
+// per 64 handles naming a block, then the blocks' first handles) held in
+// plain vectors. A get reads what the format makes it read, in the same
+// dependent order (directory, block header and index entry, element), with
+// nothing of the arena around it: what any implementation of the format
+// pays on this machine.
+struct FormatCopy {
+  static constexpr uint32_t kBlock = 4096, kStride = 8, kDirectory = 64;
+  std::vector<uint8_t> bytes;            // the blocks, one after another
+  std::vector<uint32_t> firstHandle;     // per block
+  std::vector<uint32_t> index;           // per 64 handles: a block at or before the handle's
+};
+
+FormatCopy *EnsureFormatCopy() {
+  static FormatCopy copy;
+  if (!copy.bytes.empty()) return &copy;
+  auto prefix = [](uint32_t length) { return length < 128 ? 1u : 2u; };
+  uint32_t used = 0, entries = 0, count = 0;
+  uint8_t *block = nullptr;
+  for (uint32_t i = 0; i < kStrings; ++i) {
+    const uint32_t length = g.data.length[i];
+    const bool entry = count > 0 && count % FormatCopy::kStride == 0;
+    if (!block || 4 + used + prefix(length) + length + 2 * (entries + entry) > FormatCopy::kBlock) {
+      copy.bytes.resize(copy.bytes.size() + FormatCopy::kBlock);
+      block = copy.bytes.data() + copy.bytes.size() - FormatCopy::kBlock;
+      copy.firstHandle.push_back(i);
+      used = entries = count = 0;
+      // Earlier blocks moved with the resize: only the current one is written.
+    } else if (entry) {
+      ++entries;
+      block[FormatCopy::kBlock - 2 * entries] = uint8_t(used);
+      block[FormatCopy::kBlock - 2 * entries + 1] = uint8_t(used >> 8);
+    }
+    uint8_t *at = block + 4 + used;
+    if (length < 128) {
+      *at++ = uint8_t(length << 1);
+    } else {
+      *at++ = uint8_t((length & 0x7F) << 1 | 1);
+      *at++ = uint8_t(length >> 7);
+    }
+    std::memcpy(at, g.data.StringAt(i), length);
+    used += prefix(length) + length;
+    ++count;
+    block[0] = uint8_t(entries), block[1] = uint8_t(entries >> 8);
+    block[2] = uint8_t(used), block[3] = uint8_t(used >> 8);
+    if (i % FormatCopy::kDirectory == 0) copy.index.push_back(uint32_t(copy.firstHandle.size() - 1));
+  }
+  return &copy;
+}
+
+// `serial`: an lfence after each get keeps the processor from overlapping
+// one get's cache misses with the next one's, as a longer get does.
+void BM_DBArrayFormatFloor(benchmark::State &state, bool serial) {
+  const FormatCopy *copy = EnsureFormatCopy();
+  const uint32_t blocks = uint32_t(copy->firstHandle.size());
+  uint32_t cursor = 0, sum = 0;
+  for (auto _ : state) {
+    const uint32_t handle = g.data.probes[cursor];
+    cursor = cursor + 1 == kStrings ? 0 : cursor + 1;
+    uint32_t b = copy->index[handle / FormatCopy::kDirectory];
+    while (b + 1 < blocks && copy->firstHandle[b + 1] <= handle) ++b;
+    const uint32_t position = handle - copy->firstHandle[b];
+    const uint8_t *block = copy->bytes.data() + size_t(b) * FormatCopy::kBlock;
+    const uint32_t sub = position / FormatCopy::kStride;
+    const uint8_t *entry = block + FormatCopy::kBlock - 2 * sub;
+    __builtin_prefetch(block);
+    if (sub > 0) __builtin_prefetch(entry);
+    uint32_t offset = sub > 0 ? uint32_t(entry[0] | entry[1] << 8) : 0;
+    const uint8_t *data = block + 4;
+    // The run of up to 8 elements from the entry on, at once.
+    for (uint32_t line = 0; line < 8 * 128; line += 64) __builtin_prefetch(data + offset + line);
+    uint32_t length = 0;
+    for (uint32_t skip = position % FormatCopy::kStride;; --skip) {
+      const uint8_t first = data[offset];
+      const uint32_t prefixBytes = (first & 1) ? 2 : 1;
+      length = (first & 1) ? uint32_t(first >> 1) | uint32_t(data[offset + 1]) << 7 : uint32_t(first >> 1);
+      if (skip == 0) {
+        offset += prefixBytes;
+        break;
+      }
+      offset += prefixBytes + length;
+    }
+    sum += Touch(data + offset, length);
+    if (serial) asm volatile("lfence" ::: "memory");
+  }
+  benchmark::DoNotOptimize(sum);
+  state.SetItemsProcessed(state.iterations());
+}
+
 void BM_VMAArrayAppend(benchmark::State &state, Mode mode) {
   BulkResult result;
   for (auto _ : state) {
@@ -264,6 +361,8 @@ BENCHMARK_CAPTURE(BM_DBArrayAdd, mapped, kMappedMode)->Apply(Bulk);
 BENCHMARK(BM_VectorStringAdd)->Apply(Bulk);
 BENCHMARK_CAPTURE(BM_DBArrayGet, cache, kCacheMode)->UseRealTime();
 BENCHMARK_CAPTURE(BM_DBArrayGet, mapped, kMappedMode)->UseRealTime();
+BENCHMARK_CAPTURE(BM_DBArrayFormatFloor, overlapped, false)->UseRealTime();
+BENCHMARK_CAPTURE(BM_DBArrayFormatFloor, serial, true)->UseRealTime();
 BENCHMARK(BM_VectorStringGet)->UseRealTime();
 BENCHMARK_CAPTURE(BM_VMAArrayAppend, cache, kCacheMode)->Apply(Bulk);
 BENCHMARK_CAPTURE(BM_VMAArrayAppend, mapped, kMappedMode)->Apply(Bulk);
@@ -342,6 +441,10 @@ void PrintSummary(const qwbench::SummaryReporter &reporter) {
     reporter.PrintRatio(("VMAArray scan / std::vector scan ratio" + suffix).c_str(), "BM_VMAArrayScan" + m,
                         "BM_VectorScan", 1);
   }
+  reporter.PrintRatio("format floor random get / std::vector<std::string> ratio, overlapped",
+                      "BM_DBArrayFormatFloor/overlapped", "BM_VectorStringGet", 1);
+  reporter.PrintRatio("format floor random get / std::vector<std::string> ratio, serial",
+                      "BM_DBArrayFormatFloor/serial", "BM_VectorStringGet", 1);
   PrintRates(reporter);
   PrintSpace(reporter);
 }
