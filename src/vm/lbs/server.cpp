@@ -267,6 +267,14 @@ uint32_t LocalBlockServer0RawIdRead(LocalBlockServer0 *server, uint32_t blockId,
 
 uint32_t LocalBlockServer0RawIdWrite(LocalBlockServer0 *server, uint32_t blockId) {
   auto *rw_gen = &server->rwGen;
+  // A block in the read-write part was written in this generation (a shared
+  // block maps to a raw block of the old map, all below rawBase): it is
+  // written in place, which needs no lock.
+  const uint32_t current = LocalBlockServer0RawIdRead(server, blockId, NEWGEN);
+  if (current != INVALID_RAW_BLOCK_ID && current >= server->mapping.rawBase) {
+    qwassert_(!server->readOnly);
+    return current;
+  }
   ScopedMutex lock(rw_gen->mutex);
   if (blockId >= FArrayLength(&rw_gen->blockMap)) return INVALID_RAW_BLOCK_ID;
   const uint32_t raw = MapEntry(&rw_gen->blockMap, blockId);
