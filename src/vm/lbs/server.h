@@ -23,6 +23,9 @@
 // may run (its chunks and chunk tables stay in place) and its entries are
 // stored and loaded atomically; the flush, which rewrites the map, runs
 // under the arena's flush lock, which new-generation users hold for reading.
+// Nor does a write of a block whose raw block lies in the read-write part
+// (at or above the mapping's rawBase): by I3 it is not shared, so the write
+// changes nothing in the map.
 // The old map is read without a lock: it only changes at the memory commit,
 // which the arena runs under its generation lock held for writing. Lock
 // order: server mutex, then the mapping's mutex.
