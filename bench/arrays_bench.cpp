@@ -43,6 +43,8 @@
 #include "arrays_sets.h"
 #include "bench_summary.h"
 #include "qwvm/qwvm.h"
+#include "util/endian.h"
+#include "util/varint.h"
 
 namespace {
 
@@ -206,13 +208,13 @@ struct FormatCopy {
 FormatCopy *EnsureFormatCopy() {
   static FormatCopy copy;
   if (!copy.bytes.empty()) return &copy;
-  auto prefix = [](uint32_t length) { return length < 128 ? 1u : 2u; };
   uint32_t used = 0, entries = 0, count = 0;
   uint8_t *block = nullptr;
   for (uint32_t i = 0; i < kStrings; ++i) {
     const uint32_t length = g.data.length[i];
     const bool entry = count > 0 && count % FormatCopy::kStride == 0;
-    if (!block || 4 + used + prefix(length) + length + 2 * (entries + entry) > FormatCopy::kBlock) {
+    const uint32_t prefix = uint32_t(qw::VarintSize(length));
+    if (!block || 4 + used + prefix + length + 2 * (entries + entry) > FormatCopy::kBlock) {
       copy.bytes.resize(copy.bytes.size() + FormatCopy::kBlock);
       block = copy.bytes.data() + copy.bytes.size() - FormatCopy::kBlock;
       copy.firstHandle.push_back(i);
@@ -220,21 +222,15 @@ FormatCopy *EnsureFormatCopy() {
       // Earlier blocks moved with the resize: only the current one is written.
     } else if (entry) {
       ++entries;
-      block[FormatCopy::kBlock - 2 * entries] = uint8_t(used);
-      block[FormatCopy::kBlock - 2 * entries + 1] = uint8_t(used >> 8);
+      qw::StoreLE(block + FormatCopy::kBlock - 2 * entries, used, 2);
     }
     uint8_t *at = block + 4 + used;
-    if (length < 128) {
-      *at++ = uint8_t(length << 1);
-    } else {
-      *at++ = uint8_t((length & 0x7F) << 1 | 1);
-      *at++ = uint8_t(length >> 7);
-    }
+    at += qw::VarintEncode(at, length);
     std::memcpy(at, g.data.StringAt(i), length);
-    used += prefix(length) + length;
+    used += prefix + length;
     ++count;
-    block[0] = uint8_t(entries), block[1] = uint8_t(entries >> 8);
-    block[2] = uint8_t(used), block[3] = uint8_t(used >> 8);
+    qw::StoreLE(block, entries, 2);
+    qw::StoreLE(block + 2, used, 2);
     if (i % FormatCopy::kDirectory == 0) copy.index.push_back(uint32_t(copy.firstHandle.size() - 1));
   }
   return &copy;
@@ -257,15 +253,15 @@ void BM_DBArrayFormatFloor(benchmark::State &state, bool serial) {
     const uint8_t *entry = block + FormatCopy::kBlock - 2 * sub;
     __builtin_prefetch(block);
     if (sub > 0) __builtin_prefetch(entry);
-    uint32_t offset = sub > 0 ? uint32_t(entry[0] | entry[1] << 8) : 0;
+    uint32_t offset = sub > 0 ? uint32_t(qw::LoadLE(entry, 2)) : 0;
     const uint8_t *data = block + 4;
     // The run of up to 8 elements from the entry on, at once.
     for (uint32_t line = 0; line < 8 * 128; line += 64) __builtin_prefetch(data + offset + line);
     uint32_t length = 0;
     for (uint32_t skip = position % FormatCopy::kStride;; --skip) {
-      const uint8_t first = data[offset];
-      const uint32_t prefixBytes = (first & 1) ? 2 : 1;
-      length = (first & 1) ? uint32_t(first >> 1) | uint32_t(data[offset + 1]) << 7 : uint32_t(first >> 1);
+      uint64_t decoded = 0;  // a prefix is at most 2 bytes, as the blocks' reader bounds it
+      const uint32_t prefixBytes = uint32_t(qw::VarintDecode(data + offset, data + offset + 2, &decoded));
+      length = uint32_t(decoded);
       if (skip == 0) {
         offset += prefixBytes;
         break;
