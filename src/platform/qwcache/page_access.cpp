@@ -70,44 +70,70 @@ uint32_t PageCache::PickVictim(Shard &shard) noexcept {
   return kNoFrame;
 }
 
-// Gives `frame` (free, or evictable) to `key`, pinned and Loading for this
+// Marks a frame that was seen unpinned busy, so that no hit pins it from now
+// on. A lock-free hit may have pinned it since: the mark is stored first and
+// the pins read after, so either the hit sees the mark or this sees its pin
+// (see Pins in page_cache.h); then the mark is taken back: false.
+bool PageCache::MarkBusyIfUnpinned(Frame &frame) noexcept {
+  frame.ioBusy.store(true, std::memory_order_seq_cst);
+  if (frame.pins.load(std::memory_order_seq_cst) == 0) return true;
+  frame.ioBusy.store(false, std::memory_order_seq_cst);
+  return false;
+}
+
+// Takes a victim that was found evictable and clean out of the index; false
+// when a lock-free hit pinned it since, or released it dirty (reading the
+// pins after the hit's release makes its `dirty` visible). On success the
+// frame stays busy until TakeFrame has given it its new key and state.
+bool PageCache::Evict(Shard &shard, uint32_t index) noexcept {
+  Frame &frame = frames_[index];
+  qwassert_(frame.state.load(kRelaxed) == FrameState::kValid && !frame.ioBusy.load(kRelaxed) &&
+            !frame.detached.load(kRelaxed));
+  if (!MarkBusyIfUnpinned(frame)) return false;
+  if (frame.dirty.load(std::memory_order_acquire)) {
+    frame.ioBusy.store(false, std::memory_order_seq_cst);
+    return false;
+  }
+  const uint64_t key = frame.key.load(kRelaxed);
+  shard.table.Erase(key, MixKey(key));
+  ++shard.counters.evictions;
+  return true;
+}
+
+// Gives `frame` (free, or evicted) to `key`, pinned and Loading for this
 // thread.
 void PageCache::TakeFrame(Shard &shard, uint32_t index, uint64_t key, uint64_t hash) noexcept {
   Frame &frame = frames_[index];
-  if (frame.state == FrameState::kValid) {
-    qwassert_(Evictable(frame) && !frame.dirty.load(kRelaxed));
-    shard.table.Erase(frame.key, MixKey(frame.key));
-    ++shard.counters.evictions;
-  }
-  frame.key = key;
-  frame.pins.store(1, kRelaxed);
-  frame.state = FrameState::kLoading;
+  frame.key.store(key, kRelaxed);
+  frame.pins.fetch_add(1, kRelaxed);
+  frame.state.store(FrameState::kLoading, std::memory_order_seq_cst);
   frame.credit.store(kReferencedCredit, kRelaxed);
   frame.keepLong.store(false, kRelaxed);
   frame.loader = std::this_thread::get_id();
   shard.table.Insert(key, hash, index);
+  frame.ioBusy.store(false, std::memory_order_seq_cst);  // after the state: see Evict
 }
 
 // Returns an unpinned frame that is in no index to the free list.
 void PageCache::FreeFrame(Shard &shard, uint32_t index) noexcept {
   Frame &frame = frames_[index];
-  qwassert_(frame.pins.load(kRelaxed) == 0 && !frame.ioBusy);
-  frame.state = FrameState::kFree;
+  qwassert_(!frame.ioBusy.load(kRelaxed));
+  // State before `detached`: the hit path reads them in the other order.
+  frame.state.store(FrameState::kFree, std::memory_order_seq_cst);
   frame.dirty.store(false, kRelaxed);
   frame.keepLong.store(false, kRelaxed);
-  frame.detached.store(false, kRelaxed);
+  frame.detached.store(false, std::memory_order_seq_cst);
   frame.loader = std::thread::id();
   shard.freeFrames.push_back(index);
 }
 
-// Writes a dirty victim back with the shard unlocked. The frame is busy
-// meanwhile, so nobody pins, evicts or drops it; `dirty` is restored when the
-// write fails so that no change is lost.
+// Writes a dirty victim, marked busy by the caller, back with the shard
+// unlocked. The frame is busy meanwhile, so nobody pins, evicts or drops it;
+// `dirty` is restored when the write fails so that no change is lost.
 bool PageCache::WriteBackVictim(Shard &shard, std::unique_lock<std::mutex> &lock, uint32_t index) noexcept {
   Frame &frame = frames_[index];
   const uint16_t fileId = FileOfKey(frame.key);
   const uint64_t offset = OffsetOfKey(frame.key);
-  frame.ioBusy = true;
   frame.dirty.exchange(false, std::memory_order_acquire);
   lock.unlock();
   const bool written = QWFileWriteData(FileHandle(fileId), offset, PageAddress(index), pageSize_) != 0;
@@ -123,12 +149,37 @@ bool PageCache::WriteBackVictim(Shard &shard, std::unique_lock<std::mutex> &lock
   return written;
 }
 
+// The frame must be attached, not busy, Valid and hold the key, read in that
+// order after the pin (see Pins in page_cache.h).
+bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, void **page) noexcept {
+  const uint32_t index = shard.table.FindRacy(key, hash);
+  if (index == kNoFrame) return false;
+  Frame &frame = frames_[index];
+  // A cheap look first, so that frames being loaded or freed rarely get a
+  // stray pin.
+  if (frame.key.load(kRelaxed) != key || frame.state.load(kRelaxed) != FrameState::kValid) return false;
+  frame.pins.fetch_add(1, std::memory_order_seq_cst);
+  const bool hit = !frame.detached.load(std::memory_order_seq_cst) &&
+                   !frame.ioBusy.load(std::memory_order_seq_cst) &&
+                   frame.state.load(std::memory_order_seq_cst) == FrameState::kValid &&
+                   frame.key.load(kRelaxed) == key;
+  if (!hit) {
+    Unpin(index);
+    return false;
+  }
+  if (frame.credit.load(kRelaxed) < kReferencedCredit) frame.credit.store(kReferencedCredit, kRelaxed);
+  shard.counters.hits.fetch_add(1, kRelaxed);
+  *page = PageAddress(index);
+  return true;
+}
+
 Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **page) noexcept {
   *page = nullptr;
   if (!CheckOffset("PageCacheLookup", offset)) return Found::kFailed;
   const uint64_t key = MakeKey(fileId, offset >> pageShift_);
   const uint64_t hash = MixKey(key);
   Shard &shard = ShardOfHash(hash);
+  if (TryHit(shard, key, hash, page)) return Found::kValid;
   std::unique_lock<std::mutex> lock(shard.mutex);
   uint32_t cleaned = kNoFrame;  // a victim this thread wrote back, reused first
   for (;;) {
@@ -138,7 +189,7 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
       if (frame.state == FrameState::kValid && !frame.ioBusy) {
         frame.pins.fetch_add(1, kRelaxed);
         if (frame.credit.load(kRelaxed) < kReferencedCredit) frame.credit.store(kReferencedCredit, kRelaxed);
-        ++shard.counters.hits;
+        shard.counters.hits.fetch_add(1, kRelaxed);
         *page = PageAddress(index);
         return Found::kValid;
       }
@@ -162,11 +213,14 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
       return Found::kNoFrame;
     }
     if (frames_[victim].state == FrameState::kValid && frames_[victim].dirty.load(kRelaxed)) {
+      if (!MarkBusyIfUnpinned(frames_[victim])) continue;  // a lock-free hit has it: pick again
       if (!WriteBackVictim(shard, lock, victim)) return Found::kFailed;
       // The shard was unlocked: someone may have brought our page in.
       cleaned = victim;
       continue;
     }
+    // A lock-free hit pinned the victim after all: pick again.
+    if (frames_[victim].state.load(kRelaxed) == FrameState::kValid && !Evict(shard, victim)) continue;
     TakeFrame(shard, victim, key, hash);
     ++shard.counters.misses;
     *page = PageAddress(victim);
@@ -254,6 +308,11 @@ void PageCache::Release(void *page, bool dirty, bool keep, bool keepLong) noexce
   if (dirty) frame.dirty.store(true, std::memory_order_release);
   if (keep && frame.credit.load(kRelaxed) < kKeepCredit) frame.credit.store(kKeepCredit, kRelaxed);
   if (keepLong) frame.keepLong.store(true, kRelaxed);
+  Unpin(index);
+}
+
+void PageCache::Unpin(uint32_t index) noexcept {
+  Frame &frame = frames_[index];
   const uint32_t pinsBefore = frame.pins.fetch_sub(1, std::memory_order_seq_cst);
   qwassert_(pinsBefore > 0);
   // Pairs with DropShardPages, which marks the frame detached and then looks
@@ -267,8 +326,8 @@ void PageCache::ReleaseLoading(uint32_t index) noexcept {
   Frame &frame = frames_[index];
   Shard &shard = shards_[frame.shard];
   std::lock_guard<std::mutex> lock(shard.mutex);
-  qwassert_(frame.pins.load(kRelaxed) == 1);
-  frame.pins.store(0, kRelaxed);
+  const uint32_t pinsBefore = frame.pins.fetch_sub(1, kRelaxed);
+  qwassert_(pinsBefore > 0);
   if (!frame.detached.load(kRelaxed)) shard.table.Erase(frame.key, MixKey(frame.key));
   FreeFrame(shard, index);
   NotifyWaiters(shard);

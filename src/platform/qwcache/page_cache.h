@@ -4,8 +4,9 @@
 // and one metadata record per frame. The frames are cut into shards of
 // consecutive frame numbers; a page belongs to the shard picked by the high
 // half of the hash of its key, and only that shard's frames ever hold it.
-// Each shard has its own mutex, index, free list, clock hand and counters, so
-// the hit path takes exactly one shard mutex and touches nothing global.
+// Each shard has its own mutex, index, free list, clock hand and counters.
+// The hit path takes no mutex (see Pins below); misses, eviction, flush and
+// invalidation take the one shard mutex of the page.
 //
 // A frame's state (guarded by its shard's mutex):
 //
@@ -15,30 +16,54 @@
 //    +------------------+--------------------------------+
 //
 // Invariants (checked with qwassert_ where they can break):
-//  - A Free frame is on its shard's free list, has no pins and is in no index.
-//  - A Loading frame has exactly one pin, its loader's; other threads that
-//    want it wait on the shard's condition instead of pinning it.
+//  - A Free frame is on its shard's free list and in no index.
+//  - A Loading frame has one pin of its loader's (plus stray pins, below);
+//    other threads that want it wait on the shard's condition instead of
+//    pinning it.
 //  - A frame is in its shard's index exactly when it is Loading or Valid and
 //    not detached; the index holds each key at most once.
-//  - Pins are taken only under the shard mutex (by a lookup, on an indexed,
-//    Valid, not busy frame) and dropped without it. So a frame seen unpinned
-//    under the mutex stays unpinned until the mutex is released, and `state`
-//    and `key` of a pinned frame do not change until its last pin goes.
 //  - A detached frame (taken out of the index by invalidate or unregister
 //    while pinned) is never busy, evicted or flushed; whichever comes last of
 //    its final release and the detaching frees it (see Release).
 //  - A busy frame (ioBusy: its bytes are being written to the file outside
-//    the mutex) is Valid and not detached; nobody takes a new pin on it,
-//    evicts it or drops it until the write ends. Only the thread that set
-//    ioBusy clears it, and it clears `dirty` when it starts so that a holder
-//    changing the page meanwhile marks it dirty again.
+//    the mutex, or it is being evicted) is not detached; nobody takes a new
+//    pin on it, evicts it or drops it until the write ends. Only the thread
+//    that set ioBusy clears it. A write-back clears `dirty` when it starts,
+//    so that a holder changing the page meanwhile marks it dirty again (a
+//    flush writes pinned pages; the caller keeps writers out if it needs the
+//    file's page whole, as the arena's flush lock does).
 //  - A frame's shard number never changes, so Release finds the shard from
 //    the address alone.
+//
+// Pins. A lookup under the shard mutex pins an indexed, Valid, not busy
+// frame; `state` and `key` of a pinned frame then do not change until its
+// last pin goes. The hit path pins without the mutex (TryHit): it probes the
+// index racily, pins the frame it names, then checks that the frame is still
+// attached, Valid, not busy and holds the key. Until that check passes the pin
+// is a stray one; when it fails the pin is dropped again at once. Stray pins
+// come and go on frames in any state, so nothing asserts an exact pin count,
+// pins are only ever added and subtracted (never stored), and every decision
+// that rests on "no pins" first marks the frame unfit for a hit and then
+// reads the pins:
+//  - eviction and the write-back of a victim mark it busy
+//    (MarkBusyIfUnpinned); an evicted frame stays busy until it has its new
+//    key and state;
+//  - invalidation marks it detached (DropShardPages);
+// mark and read sequentially consistent, against the hit path's pin followed
+// by its reads of `detached`, `ioBusy`, `state` and `key`. So either the hit
+// sees the mark, or the evictor (or dropper) sees the pin and leaves the
+// frame alone. The mark of a frame that does leave is cleared only after
+// `state` has left Valid (a freed frame stores Free before `detached`
+// false; an evicted one is Loading with its new key before it is no longer
+// busy), and the hit path reads the marks before the state, so it never takes a frame that is leaving for an
+// attached Valid one. The state of a frame never changes under a real pin,
+// so Release may read it without the mutex.
 //
 // Memory order: a holder's writes to the page bytes happen before its release
 // (dirty is stored with release order, the pin dropped with acq_rel); the
 // evictor and flush read `pins` / exchange `dirty` with acquire order before
-// writing the bytes to the file.
+// writing the bytes to the file. A loader's bytes happen before the
+// sequentially consistent store of Valid that the hit path reads.
 //
 // Lock order: a thread holds at most one shard mutex at a time, never the
 // files mutex together with a shard mutex, and no mutex during file I/O.
@@ -67,12 +92,14 @@ constexpr uint32_t kMaxFiles = PAGECACHE_INVALID_FILE;  // ids 0 .. 0xFFFE
 enum class FrameState : uint8_t { kFree, kLoading, kValid };
 
 struct Frame {
-  uint64_t key = 0;  // fileId << 48 | page number; meaningful unless Free
-  // Raised under the shard mutex, dropped lock-free by Release.
+  // key, state and ioBusy are written under the shard mutex and read by the
+  // lock-free hit path too.
+  std::atomic<uint64_t> key{0};  // fileId << 48 | page number; meaningful unless Free
+  // Added to and subtracted from only (stray pins, see Pins above).
   std::atomic<uint32_t> pins{0};
   uint32_t shard = 0;
-  FrameState state = FrameState::kFree;
-  bool ioBusy = false;
+  std::atomic<FrameState> state{FrameState::kFree};
+  std::atomic<bool> ioBusy{false};
   // Set lock-free by Release; read and cleared under the shard mutex.
   std::atomic<bool> dirty{false};
   std::atomic<bool> keepLong{false};
@@ -83,7 +110,7 @@ struct Frame {
 };
 
 struct ShardCounters {
-  uint64_t hits = 0;
+  std::atomic<uint64_t> hits{0};  // counted by the lock-free hit path
   uint64_t misses = 0;
   uint64_t reads = 0;
   uint64_t writes = 0;
@@ -169,11 +196,19 @@ struct PageCache {
     return fileId < maxFiles_ ? files_[fileId].load(std::memory_order_acquire) : QWFILE_INVALID;
   }
 
+  // The hit path without the shard mutex: true with the page pinned in *page,
+  // false when the locked path must decide (absent, loading, busy, or a race).
+  [[nodiscard]] bool TryHit(qw::cache::Shard &shard, uint64_t key, uint64_t hash, void **page) noexcept;
+  // Drops one pin; the last pin of a detached frame frees it.
+  void Unpin(uint32_t frame) noexcept;
+
   // Shard-level steps; `lock` holds shard.mutex on entry and on return.
   void Wait(qw::cache::Shard &shard, std::unique_lock<std::mutex> &lock) noexcept;
   static void NotifyWaiters(qw::cache::Shard &shard) noexcept;
   [[nodiscard]] uint32_t PickVictim(qw::cache::Shard &shard) noexcept;
   [[nodiscard]] bool Evictable(const qw::cache::Frame &frame) const noexcept;
+  [[nodiscard]] static bool MarkBusyIfUnpinned(qw::cache::Frame &frame) noexcept;
+  [[nodiscard]] bool Evict(qw::cache::Shard &shard, uint32_t frame) noexcept;
   void TakeFrame(qw::cache::Shard &shard, uint32_t frame, uint64_t key, uint64_t hash) noexcept;
   void FreeFrame(qw::cache::Shard &shard, uint32_t frame) noexcept;
   void ReleaseLoading(uint32_t frame) noexcept;

@@ -189,19 +189,16 @@ uint32_t PageCache::DropShardPages(Shard &shard, uint16_t fileId) noexcept {
       continue;  // look at the same frame again: it may hold another page now
     }
     shard.table.Erase(frame.key, MixKey(frame.key));
-    if (frame.pins.load(std::memory_order_acquire) > 0) {
-      frame.dirty.store(false, std::memory_order_relaxed);
-      frame.keepLong.store(false, std::memory_order_relaxed);
-      // Pairs with Release: its last holder may have dropped its pin after
-      // the check above and before it could see the mark.
-      frame.detached.store(true, std::memory_order_seq_cst);
-      if (frame.pins.load(std::memory_order_seq_cst) == 0) {
-        FreeFrame(shard, index);
-      } else {
-        ++detached;
-      }
-    } else {
+    frame.dirty.store(false, std::memory_order_relaxed);
+    frame.keepLong.store(false, std::memory_order_relaxed);
+    // The mark before the pins: pairs with Release, whose last holder may
+    // drop its pin meanwhile, and with the lock-free hit path, which may
+    // pin meanwhile (see Pins in page_cache.h).
+    frame.detached.store(true, std::memory_order_seq_cst);
+    if (frame.pins.load(std::memory_order_seq_cst) == 0) {
       FreeFrame(shard, index);
+    } else {
+      ++detached;
     }
     ++index;
   }

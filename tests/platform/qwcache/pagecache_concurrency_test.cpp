@@ -1,5 +1,6 @@
 // The page cache under real threads: pages loaded once however many threads
-// want them, write-back under eviction pressure, flush and invalidation
+// want them, lock-free hits racing with eviction, write-back under eviction
+// pressure, flush and invalidation
 // racing with readers, failing loads with waiters.
 // CI runs these suites again under ThreadSanitizer.
 #include <barrier>
@@ -128,6 +129,34 @@ TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
   std::memcpy(counts.data(), Disk(f, 0).data(), threads * sizeof(uint64_t));
   EXPECT_EQ(counts, std::vector<uint64_t>(threads, increments));
   EXPECT_GT(Stats().writes, 1u);  // only the shared page is ever dirty: written before the final flush too
+}
+
+// Hits take no lock, so they race with the eviction of the very frames they
+// pin: three threads read ten pages through an 8-page cache, so that most
+// reads hit and every miss evicts a frame that others are hitting. A hit on a
+// frame evicted under it would show another page's bytes. Every read counts
+// as one hit or one miss, and every miss loads its page once.
+TEST_F(PageCacheConcurrency, HitsRaceWithEvictionOfTheirFrames) {
+  MakeCache(8);
+  const int threads = 3, reads = 20000;
+  const uint64_t pages = 10;
+  size_t f = AddFile("data", pages * kPage, 4);
+  std::vector<std::string> expected;
+  for (uint64_t p = 0; p < pages; ++p) expected.push_back(Pattern(4, p * kPage, kPage));
+  std::atomic<int> failures{0};
+  RunThreads(threads, [&](int t) {
+    std::mt19937 random(70 + t);
+    for (int i = 0; i < reads; ++i) {
+      uint64_t p = random() % pages;
+      if (!ReadMatches(f, p, expected[p])) ++failures;
+    }
+  });
+  EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
+  PageCacheStats s = Stats();
+  EXPECT_EQ(s.hits + s.misses, uint64_t(threads) * reads);
+  EXPECT_EQ(s.reads, s.misses);
+  EXPECT_GT(s.evictions, 0u);
+  EXPECT_EQ(s.pinned, 0u);
 }
 
 // Readers check a file that never changes while another thread keeps
