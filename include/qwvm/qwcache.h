@@ -23,8 +23,9 @@
  *    write shared pages bring their own lock, as the box store does).
  *  - Sharding: pages are spread over independent shards by a hash of
  *    (file id, page number); each shard has its own mutex, hash table, frames
- *    and eviction clock. A hit takes one shard mutex, never a global one, and
- *    releasing a valid page takes none (atomic pin count). The frames of one
+ *    and eviction clock. A hit takes no lock (it pins the page with an atomic
+ *    count and checks it afterwards), a miss takes its shard's mutex, never a
+ *    global one, and releasing a valid page takes none. The frames of one
  *    shard serve only that shard's pages, so "no page can be had" means the
  *    page's shard has every frame pinned.
  *  - Eviction: CLOCK (second chance) per shard. A lookup sets a page's

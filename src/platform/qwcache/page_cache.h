@@ -55,9 +55,10 @@
 // frame alone. The mark of a frame that does leave is cleared only after
 // `state` has left Valid (a freed frame stores Free before `detached`
 // false; an evicted one is Loading with its new key before it is no longer
-// busy), and the hit path reads the marks before the state, so it never takes a frame that is leaving for an
-// attached Valid one. The state of a frame never changes under a real pin,
-// so Release may read it without the mutex.
+// busy), and the hit path reads the marks before the state, so it never
+// takes a frame that is leaving for an attached Valid one. The state of a
+// frame never changes under a real pin, so Release may read it without the
+// mutex.
 //
 // Memory order: a holder's writes to the page bytes happen before its release
 // (dirty is stored with release order, the pin dropped with acq_rel); the
