@@ -152,7 +152,7 @@ bool PageCache::WriteBackVictim(Shard &shard, std::unique_lock<std::mutex> &lock
 // The frame must be attached, not busy, Valid and hold the key, read in that
 // order after the pin (see Pins in page_cache.h).
 bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, void **page) noexcept {
-  const uint32_t index = shard.table.FindRacy(key, hash);
+  const uint32_t index = shard.table.Find(key, hash);
   if (index == kNoFrame) return false;
   Frame &frame = frames_[index];
   // A cheap look first, so that frames being loaded or freed rarely get a
@@ -167,10 +167,16 @@ bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, void **page) n
     Unpin(index);
     return false;
   }
+  *page = Hit(shard, index);
+  return true;
+}
+
+// A pinned hit: the clock credit and the count.
+void *PageCache::Hit(Shard &shard, uint32_t index) noexcept {
+  Frame &frame = frames_[index];
   if (frame.credit.load(kRelaxed) < kReferencedCredit) frame.credit.store(kReferencedCredit, kRelaxed);
   shard.counters.hits.fetch_add(1, kRelaxed);
-  *page = PageAddress(index);
-  return true;
+  return PageAddress(index);
 }
 
 Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **page) noexcept {
@@ -188,9 +194,7 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
       Frame &frame = frames_[index];
       if (frame.state == FrameState::kValid && !frame.ioBusy) {
         frame.pins.fetch_add(1, kRelaxed);
-        if (frame.credit.load(kRelaxed) < kReferencedCredit) frame.credit.store(kReferencedCredit, kRelaxed);
-        shard.counters.hits.fetch_add(1, kRelaxed);
-        *page = PageAddress(index);
+        *page = Hit(shard, index);
         return Found::kValid;
       }
       if (frame.state == FrameState::kLoading && frame.loader == std::this_thread::get_id()) {

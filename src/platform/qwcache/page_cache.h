@@ -200,6 +200,8 @@ struct PageCache {
   // The hit path without the shard mutex: true with the page pinned in *page,
   // false when the locked path must decide (absent, loading, busy, or a race).
   [[nodiscard]] bool TryHit(qw::cache::Shard &shard, uint64_t key, uint64_t hash, void **page) noexcept;
+  // Credits and counts a hit on the pinned frame; its page.
+  [[nodiscard]] void *Hit(qw::cache::Shard &shard, uint32_t frame) noexcept;
   // Drops one pin; the last pin of a detached frame frees it.
   void Unpin(uint32_t frame) noexcept;
 

@@ -9,7 +9,7 @@
 // Invariants: every key is present at most once; between a key's home slot
 // and its actual slot there is no empty slot.
 //
-// Changes are made under the shard mutex. FindRacy reads without it: the
+// Changes are made under the shard mutex. The hit path Finds without it: the
 // slots are atomics, so a racing change shows it a slot's key with another
 // entry's frame, or hides a key that is being moved by an erase. Its callers
 // check the frame it names and fall back to the locked path.
@@ -44,20 +44,10 @@ class PageTable {
     slots_ = std::make_unique<Slot[]>(capacity);
   }
 
-  // The frame holding `key`, or kAbsent. `hash` is MixKey(key). Under the
-  // shard mutex.
+  // The frame holding `key`, or kAbsent. `hash` is MixKey(key). Exact under
+  // the shard mutex; without it a hint (see above). It gives up after one
+  // pass over the table, which a changing table could otherwise prolong.
   [[nodiscard]] uint32_t Find(uint64_t key, uint64_t hash) const {
-    for (uint32_t i = Home(hash);; i = (i + 1) & mask_) {
-      const Slot &slot = slots_[i];
-      const uint32_t frame = slot.frame.load(kRelaxed);
-      if (frame == kAbsent) return kAbsent;
-      if (slot.key.load(kRelaxed) == key) return frame;
-    }
-  }
-
-  // Find without the mutex: a hint (see above). Gives up after one pass
-  // over the table, which a changing table could otherwise prolong.
-  [[nodiscard]] uint32_t FindRacy(uint64_t key, uint64_t hash) const {
     uint32_t i = Home(hash);
     for (uint32_t step = 0; step <= mask_; ++step, i = (i + 1) & mask_) {
       const Slot &slot = slots_[i];

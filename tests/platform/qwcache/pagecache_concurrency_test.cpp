@@ -1,7 +1,7 @@
 // The page cache under real threads: pages loaded once however many threads
 // want them, lock-free hits racing with eviction, write-back under eviction
-// pressure, flush and invalidation
-// racing with readers, failing loads with waiters.
+// pressure, flush and invalidation racing with readers, failing loads with
+// waiters.
 // CI runs these suites again under ThreadSanitizer.
 #include <barrier>
 #include <mutex>
