@@ -17,6 +17,7 @@
 //    fixed file names) or both set.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -145,6 +146,10 @@ struct VMArena {
 
   // Generation files a flush wrote and has not closed yet (genfile.cpp).
   std::vector<qw::vm::PendingArenaFile> pendingFiles;
+
+  // Moves whenever the shape of a tree kept in the new generation may have
+  // changed (see ShapeEpoch below).
+  std::atomic<uint64_t> shapeEpoch{0};
 };
 
 namespace qw::vm {
@@ -154,6 +159,16 @@ namespace qw::vm {
 [[nodiscard]] std::unique_ptr<VMArena, int (*)(VMArena *)> ArenaRecordNew(const char *directory, uint32_t flags,
                                                                           uint32_t bucketCount,
                                                                           ReplicationLog *log, PageCache *cache);
+// The new generation's shape epoch. Trees remember where their last descent
+// in the new generation ended together with this number, and may go there
+// again directly while it has not moved. It moves when a tree changes an
+// inner node, its root or its set of nodes (the tree's own code calls
+// ShapeChanged), and when the new generation is replaced as a whole (a
+// mount) or folded into a commit. Writers of the new generation are
+// serialised by the caller, so relaxed order suffices.
+inline uint64_t ShapeEpoch(const VMArena *arena) { return arena->shapeEpoch.load(std::memory_order_relaxed); }
+inline void ShapeChanged(VMArena *arena) { arena->shapeEpoch.fetch_add(1, std::memory_order_relaxed); }
+
 // Frees what ArenaRecordNew and the reads built (servers included).
 int ArenaRecordFree(VMArena *arena);
 using ArenaPtr = std::unique_ptr<VMArena, int (*)(VMArena *)>;

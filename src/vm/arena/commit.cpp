@@ -199,6 +199,7 @@ QW_API int VMArenaFlushCommitMemory(VMArena *arena, int takeGenerationLock) {
   }
   ArenaCrashPoint(arena, "arenaflushcommitmemory1");
   arena->view.Swap(arena->nextView);
+  ShapeChanged(arena);
   if (takeGenerationLock) RWLockRelease_(arena->generationLock);
   arena->nextView.Free();
   arena->serialNew = arena->flushedSerialNew;

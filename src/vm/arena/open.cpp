@@ -399,6 +399,7 @@ QW_API int VMArenaMountGeneration(VMArena *arena, uint64_t oldSerial, uint64_t n
             uint32_t(newSerial), arena->directory.c_str());
   for (LocalBlockServer0 *server : arena->servers)
     if (!LocalBlockServer0Mount(server, oldSerial, newSerial)) return 0;
+  ShapeChanged(arena);
   MutexAcquire(arena->mutexes.newGen);
   bool ok = ArenaReadNewGenFile(arena, ArenaSerialPath(arena, "arena.new", newSerial), true) &&
             ArenaReadOldGenFile(arena, ArenaSerialPath(arena, "arena.old", oldSerial), &arena->nextView);

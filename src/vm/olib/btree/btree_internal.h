@@ -58,6 +58,22 @@ struct BTreePathEntry {
   uint32_t keyIndex;
 };
 
+// Where the last descent in the new generation ended: the leaf, the inner
+// nodes above it with the sons followed, and the separators around the
+// leaf. A key strictly between those separators lives in that leaf for as
+// long as no inner node, root or set of nodes changes, which the arena's
+// shape epoch tells (vm/arena/arena.h). A descent for such a key starts at
+// the leaf: in-order fills and clustered changes skip the root element and
+// the inner nodes.
+struct BTreeFinger {
+  bool valid;
+  uint64_t epoch;                              // the arena's shape epoch when taken
+  uint32_t depth;                              // entries in path; the last is the leaf
+  BTreePathEntry path[qw::bt::kMaxDepth];
+  bool hasLow, hasHigh;
+  uint64_t low, high;  // the separators (keys of the tree's width)
+};
+
 using BTreeFindFunction = uint64_t (*)(BTree *tree, uint64_t key, uint64_t newValue, uint64_t notFoundValue,
                                        uint64_t *lowerKey, uint64_t *lowerValue, uint64_t *upperKey,
                                        uint64_t *upperValue, int create, int replace, int remove, uint32_t genID);
@@ -93,6 +109,7 @@ struct BTree {
   uint32_t bucketCount;      // of the arena, to validate block ids
   uint32_t bucketMask;
   uint32_t lockCount[2];     // registrations made, to undo at free
+  BTreeFinger finger;
 };
 
 // A frame of an iterator: one acquired node.
@@ -155,8 +172,13 @@ class NodeRef {
 
   // Acquires the node for reading (read != 0) or writing. A block id that
   // names no block tags the arena (the caller got it from a stored son or
-  // "root"). False with an error.
+  // "root"). A write moves the arena's shape epoch, since the node may be an
+  // inner one. False with an error.
   [[nodiscard]] bool Acquire(BTree *tree, uint32_t blockID, uint32_t genID, int read);
+  // Acquires a leaf of the new generation for writing without moving the
+  // shape epoch: the caller changes entries of that leaf only (no split, no
+  // separator above it), and checks that the node is a leaf before it does.
+  [[nodiscard]] bool AcquireLeafForEdit(BTree *tree, uint32_t blockID);
   // The plain acquisition, without judging a failure (the check's own).
   [[nodiscard]] bool Hold(BTree *tree, uint32_t blockID, uint32_t genID, int read);
   void Release();
@@ -170,6 +192,8 @@ class NodeRef {
   uint32_t blockID() const { return blockID_; }
 
  private:
+  [[nodiscard]] bool AcquireQuietly(BTree *tree, uint32_t blockID, uint32_t genID, int read);
+
   VMArena *arena_ = nullptr;
   uint32_t blockID_ = INVALID_BLOCK_ID;
   int read_ = 1;
@@ -289,6 +313,9 @@ void UnregisterLocks(BTree *tree);
 [[nodiscard]] bool ReadRoot(BTree *tree, uint32_t genID, bool *present, uint32_t *rootID);
 // Makes `blockID` the root ("root" gets length 1).
 [[nodiscard]] bool WriteRoot(BTree *tree, uint32_t blockID);
+// The tree's shape in the new generation may have changed: fingers of every
+// handle in the arena are void.
+void ShapeChanged(BTree *tree);
 // A fresh node block of the given kind with no keys; INVALID_BLOCK_ID with
 // an error when none can be had.
 uint32_t NewNode(BTree *tree, bool leaf, uint8_t flagsFrom);

@@ -7,6 +7,7 @@
 #include <bit>
 #include <initializer_list>
 
+#include "vm/arena/arena.h"
 #include "vm/olib/btree/btree_internal.h"
 
 static_assert(std::endian::native == std::endian::little, "node keys are read in place as little-endian");
@@ -54,6 +55,7 @@ namespace {
 struct Outs {
   uint64_t *lowerKey, *lowerValue, *upperKey, *upperValue;
 
+  bool Wanted() const { return lowerKey || lowerValue || upperKey || upperValue; }
   void Reset() const {
     for (uint64_t *out : {lowerKey, lowerValue, upperKey, upperValue})
       if (out) *out = BTREE_NO_KEY;
@@ -79,11 +81,68 @@ struct Bounds {
     if (n == 0) return true;
     return !(hasLow && node.key(0) <= low) && !(hasHigh && node.key(n - 1) >= high);
   }
+  bool Holds(Key key) const { return !(hasLow && key <= low) && !(hasHigh && key >= high); }
   void Narrow(const Node<Key> &node, uint32_t position) {
     if (position > 0) hasLow = true, low = node.key(position - 1);
     if (position < node.keyCount()) hasHigh = true, high = node.key(position);
   }
 };
+
+template <typename Key>
+Bounds<Key> FingerBounds(const BTreeFinger &finger) {
+  return Bounds<Key>{finger.hasLow, finger.hasHigh, Key(finger.low), Key(finger.high)};
+}
+
+// Starts a descent of the new generation at the finger's leaf when that is
+// where the key lives: the shape epoch has not moved and the key lies
+// strictly between the leaf's separators. The leaf is acquired into *ref
+// and looked at quietly (a leaf, within its separators); when anything is
+// off, the finger is dropped and the caller descends from the root, which
+// judges the nodes it meets.
+template <typename Key>
+bool StartAtFinger(BTree *tree, Key key, NodeRef *ref, Bounds<Key> *bounds, uint32_t *depth) {
+  BTreeFinger &finger = tree->finger;
+  if (!finger.valid || finger.epoch != qw::vm::ShapeEpoch(tree->arena)) return false;
+  const Bounds<Key> around = FingerBounds<Key>(finger);
+  if (!around.Holds(key)) return false;
+  const uint32_t at = finger.depth - 1;
+  const uint32_t leaf = finger.path[at].blockID;
+  QWErrorSave();
+  const bool held = PlausibleBlock(tree, leaf) && ref->Hold(tree, leaf, NEWGEN, 1);
+  QWErrorRestore();
+  if (held) {
+    const Node<Key> node(tree, ref->bytes());
+    if (node.isLeaf() && node.keyCount() <= node.maxKeyCount() && (at == 0 || node.keyCount() > 0) &&
+        around.Admit(node)) {
+      *bounds = around;
+      *depth = at;
+      return true;
+    }
+    ref->Release();
+  }
+  finger.valid = false;
+  return false;
+}
+
+// Remembers the leaf a descent of the new generation reached.
+template <typename Key>
+void TakeFinger(BTree *tree, uint32_t depth, const Bounds<Key> &bounds) {
+  BTreeFinger &finger = tree->finger;
+  finger.valid = true;
+  finger.epoch = qw::vm::ShapeEpoch(tree->arena);
+  finger.depth = depth + 1;
+  finger.hasLow = bounds.hasLow;
+  finger.hasHigh = bounds.hasHigh;
+  finger.low = uint64_t(bounds.low);
+  finger.high = uint64_t(bounds.high);
+}
+
+// The path of a change that starts at the finger: the inner nodes above it.
+bool PushFingerPath(BTree *tree, uint32_t depth) {
+  for (uint32_t i = 0; i < depth; ++i)
+    if (!PushPath(tree, tree->finger.path[i].blockID, tree->finger.path[i].keyIndex)) return false;
+  return true;
+}
 
 }  // namespace
 
@@ -118,26 +177,34 @@ uint64_t Tree<Key>::Find(BTree *tree, Key key, uint64_t newValue, uint64_t notFo
   const Outs outs{lowerKey, lowerValue, upperKey, upperValue};
   outs.Reset();
 
-  bool present = false;
-  uint32_t blockID = INVALID_BLOCK_ID;
-  if (!ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
-  if (!present) {
-    if (!create) return notFoundValue;
-    if (!AddRoot(tree, genID) || !ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
-  }
   const bool tracking = create || remove;
-  if (tracking && !ResetPath(tree)) return notFoundValue;
-
+  const bool fingered = genID == NEWGEN;  // this descent reads and updates the finger
+  NodeRef ref;
   Bounds<Key> bounds;
+  uint32_t depth = 0;
+  uint32_t blockID = INVALID_BLOCK_ID;
+  if (fingered && !outs.Wanted() && StartAtFinger(tree, key, &ref, &bounds, &depth)) {
+    blockID = tree->finger.path[depth].blockID;
+    if (tracking && !(ResetPath(tree) && PushFingerPath(tree, depth))) return notFoundValue;
+  } else {
+    bool present = false;
+    if (!ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
+    if (!present) {
+      if (!create) return notFoundValue;
+      if (!AddRoot(tree, genID) || !ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
+    }
+    if (tracking && !ResetPath(tree)) return notFoundValue;
+    tree->finger.valid = tree->finger.valid && !fingered;
+  }
+
   bool found = false;
   uint64_t foundValue = notFoundValue;
-  for (uint32_t depth = 0;; ++depth) {
+  for (;; ++depth) {
     if (depth >= kMaxDepth) {
       Corrupted(tree, blockID, "path deeper than any tree");
       return notFoundValue;
     }
-    NodeRef ref;
-    if (!ref.Acquire(tree, blockID, genID, 1)) return notFoundValue;
+    if (!ref.bytes() && !ref.Acquire(tree, blockID, genID, 1)) return notFoundValue;
     const Node<Key> node(tree, ref.bytes());
     if (!NodeHeaderSound(tree, blockID, node)) return notFoundValue;
     if (depth > 0 && node.keyCount() == 0) {
@@ -150,15 +217,19 @@ uint64_t Tree<Key>::Find(BTree *tree, Key key, uint64_t newValue, uint64_t notFo
     }
     const SearchResult at = Search(tree, node, key);
     if (tracking && !PushPath(tree, blockID, at.position)) return notFoundValue;
+    if (fingered) tree->finger.path[depth] = BTreePathEntry{blockID, at.position};
+    if (node.isLeaf() && fingered) TakeFinger(tree, depth, bounds);
     if (at.hit) {
       found = true;
       foundValue = node.value(at.position);
       outs.Lower(uint64_t(key), foundValue);
       outs.Upper(uint64_t(key), foundValue);
       if (replace) {
+        const bool leaf = node.isLeaf();
         ref.Release();
         NodeRef writable;
-        if (!writable.Acquire(tree, blockID, genID, 0)) return notFoundValue;
+        if (!(leaf ? writable.AcquireLeafForEdit(tree, blockID) : writable.Acquire(tree, blockID, genID, 0)))
+          return notFoundValue;
         Node<Key>(tree, writable.bytes()).setValue(at.position, newValue);
       }
       break;
@@ -168,7 +239,9 @@ uint64_t Tree<Key>::Find(BTree *tree, Key key, uint64_t newValue, uint64_t notFo
     if (node.isLeaf()) break;
     bounds.Narrow(node, at.position);
     blockID = node.son(at.position);
+    ref.Release();
   }
+  ref.Release();
   if (found) {
     // create never overwrites: only replace writes the value of a present key.
     if (remove && !Delete(tree)) return notFoundValue;

@@ -125,7 +125,7 @@ template <typename Key>
 bool InsertIntoLeaf(BTree *tree, Key key, uint64_t value, bool *done) {
   const BTreePathEntry entry = ArrayLast(tree->path);
   NodeRef ref;
-  if (!ref.Acquire(tree, entry.blockID, NEWGEN, 0)) return false;
+  if (!ref.AcquireLeafForEdit(tree, entry.blockID)) return false;
   Node<Key> node(tree, ref.bytes());
   if (!NodeHeaderSound(tree, entry.blockID, node)) return false;
   if (!node.isLeaf()) return Corrupted(tree, entry.blockID, "node kind contradicts its depth");

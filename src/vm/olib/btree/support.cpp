@@ -3,6 +3,7 @@
 #include <string>
 
 #include "qwvm/qwfile.h"
+#include "vm/arena/arena.h"
 #include "vm/olib/btree/btree_internal.h"
 
 namespace qw::bt {
@@ -30,6 +31,13 @@ bool NodeRef::Hold(BTree *tree, uint32_t blockID, uint32_t genID, int read) {
 }
 
 bool NodeRef::Acquire(BTree *tree, uint32_t blockID, uint32_t genID, int read) {
+  if (!read) ShapeChanged(tree);
+  return AcquireQuietly(tree, blockID, genID, read);
+}
+
+bool NodeRef::AcquireLeafForEdit(BTree *tree, uint32_t blockID) { return AcquireQuietly(tree, blockID, NEWGEN, 0); }
+
+bool NodeRef::AcquireQuietly(BTree *tree, uint32_t blockID, uint32_t genID, int read) {
   if (!PlausibleBlock(tree, blockID)) return Corrupted(tree, blockID, "son names no block");
   if (Hold(tree, blockID, genID, read)) return true;
   // Code 2: the block is not part of this generation, so a stored id is bad.
@@ -58,7 +66,10 @@ bool ReadRoot(BTree *tree, uint32_t genID, bool *present, uint32_t *rootID) {
   return true;
 }
 
+void ShapeChanged(BTree *tree) { qw::vm::ShapeChanged(tree->arena); }
+
 bool WriteRoot(BTree *tree, uint32_t blockID) {
+  ShapeChanged(tree);
   uint8_t element[4];
   StoreLE32(element, blockID);
   VMArena *arena = tree->arena;

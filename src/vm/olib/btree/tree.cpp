@@ -162,6 +162,7 @@ QW_API int BTreeClear(BTree *tree, uint32_t genID) {
     ArrayFree(blocks);
     return QWErrorRethrow("cannot clear a B-tree");
   }
+  ShapeChanged(tree);
   for (size_t i = 0; i < ArrayLength(blocks); ++i) VMArenaDataBlockFree(tree->arena, blocks[i], 0);
   ArrayFree(blocks);
   if (!VMAArrayLengthSet_(tree->arena, tree->root.id[NEWGEN], 0, NEWGEN, 4))

@@ -153,6 +153,48 @@ INSTANTIATE_TEST_SUITE_P(Widths, BTreeModel,
                                            Shape{8, 4}, Shape{8, 5}, Shape{8, 8}),
                          ShapeName);
 
+// Two records of one tree change it by turns, each in runs of nearby keys,
+// so that most descents start at the leaf the record's previous descent
+// reached, while the other record's splits, merges and new roots move the
+// leaves and separators around that leaf.
+TEST_F(BTreeTest, TwoRecordsOfOneTreeChangeItByTurns) {
+  Open(8, 8);  // 511 entries per leaf
+  BTree *other = BTreeNew(arena, kPath, kName, 0, 8, 8);
+  ASSERT_NE(other, nullptr) << QWErrorMessage();
+  BTree *const records[2] = {tree, other};
+  std::mt19937_64 rng(20261126);
+  Model model;
+  for (int run = 0; run < 600; ++run) {
+    BTree *const record = records[run % 2];
+    const bool shrinking = run >= 400;
+    const uint64_t step = 1 + rng() % 3;
+    uint64_t key = rng() % 200000;
+    for (uint64_t i = 0, length = 1 + rng() % 700; i < length; ++i, key += step) {
+      if (shrinking || rng() % 8 == 0) {
+        const auto at = model.find(key);
+        ASSERT_EQ(BTreeFind(record, key, 0, BTREE_NO_KEY, 0, 0, 1, NEWGEN),
+                  at == model.end() ? BTREE_NO_KEY : at->second);
+        model.erase(key);
+      } else if (model.emplace(key, key + run).second) {
+        ASSERT_EQ(BTreeFind(record, key, key + run, BTREE_NO_KEY, 1, 0, 0, NEWGEN), BTREE_NO_KEY);
+      } else {
+        ASSERT_EQ(BTreeFind(record, key, 0, BTREE_NO_KEY, 0, 1, 0, NEWGEN), model[key]);
+        ASSERT_EQ(BTreeFind(record, key, 0, BTREE_NO_KEY, 0, 0, 0, NEWGEN), 0u);
+        model[key] = 0;
+      }
+    }
+    if (run % 50 == 49) {
+      ASSERT_EQ(Contents(), Flatten(model)) << "run " << run;
+      EXPECT_EQ(Check().entryCount, model.size());
+      if (run % 100 == 99) {
+        ASSERT_TRUE(Commit()) << QWErrorMessage();
+      }
+    }
+  }
+  ASSERT_GT(Check().depth, 0u);
+  BTreeFree(other, 8);
+}
+
 // A reader of the committed generation, with a tree record of its own, next
 // to a writer that commits as it goes: every walk of OLDGEN sees one whole
 // committed state (round r adds kPerRound keys of value r).
