@@ -4,6 +4,15 @@
 // node it reaches against them (two comparisons), so a node whose keys
 // contradict the path to it is reported instead of sending later changes
 // astray.
+//
+// A descent of the new generation remembers the leaf it reached (the
+// record's finger). The next one starts there when its key lies strictly
+// between that leaf's separators and the arena's shape epoch has not moved:
+// then the root element and the inner nodes are what they were, so the full
+// descent would reach the same leaf through the same sons. An insert into a
+// leaf with room and a replace in a leaf keep the epoch; every other write
+// of a node (removals included), of the root element, a clear, a commit or
+// a mount moves it.
 #include <bit>
 #include <initializer_list>
 
