@@ -116,9 +116,8 @@ bool StartAtFinger(BTree *tree, Key key, NodeRef *ref, Bounds<Key> *bounds, uint
   if (!around.Holds(key)) return false;
   const uint32_t at = finger.depth - 1;
   const uint32_t leaf = finger.path[at].blockID;
-  QWErrorSave();
   const bool held = PlausibleBlock(tree, leaf) && ref->Hold(tree, leaf, NEWGEN, 1);
-  QWErrorRestore();
+  if (!held) QWErrorClear();  // the descent from the root meets the same failure, if it lasts
   if (held) {
     const Node<Key> node(tree, ref->bytes());
     if (node.isLeaf() && node.keyCount() <= node.maxKeyCount() && (at == 0 || node.keyCount() > 0) &&
@@ -148,8 +147,8 @@ void TakeFinger(BTree *tree, uint32_t depth, const Bounds<Key> &bounds) {
 
 // The path of a change that starts at the finger: the inner nodes above it.
 bool PushFingerPath(BTree *tree, uint32_t depth) {
-  for (uint32_t i = 0; i < depth; ++i)
-    if (!PushPath(tree, tree->finger.path[i].blockID, tree->finger.path[i].keyIndex)) return false;
+  if (!ArrayLengthSet(tree->path, depth)) return false;
+  std::memcpy(tree->path, tree->finger.path, depth * sizeof(BTreePathEntry));
   return true;
 }
 
@@ -203,7 +202,7 @@ uint64_t Tree<Key>::Find(BTree *tree, Key key, uint64_t newValue, uint64_t notFo
       if (!AddRoot(tree, genID) || !ReadRoot(tree, genID, &present, &blockID)) return notFoundValue;
     }
     if (tracking && !ResetPath(tree)) return notFoundValue;
-    tree->finger.valid = tree->finger.valid && !fingered;
+    if (fingered) tree->finger.valid = false;  // this descent rewrites its path
   }
 
   bool found = false;
