@@ -141,10 +141,23 @@ bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
 
 }  // namespace
 
+namespace {
+
+// A step reads the node's header, then its branch bytes, then one reference:
+// asking for the slot's first lines at once lets those wait for memory
+// together instead of one after the other.
+void PrefetchSlot(const uint8_t *slot, uint32_t slotSize) {
+  constexpr uint32_t kLine = 64, kMost = 512;
+  for (uint32_t at = 0; at < slotSize && at < kMost; at += kLine) __builtin_prefetch(slot + at);
+}
+
+}  // namespace
+
 bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
   Release();
   bytes_ = AcquireSlot(tree_, ref, genID_, read_, &array_);
   if (!bytes_) return false;
+  PrefetchSlot(bytes_, kClassSize[ClassOf(ref)]);
   if (!ParseHead(bytes_, kClassSize[ClassOf(ref)], view)) return Corrupted(tree_, "malformed head node", ref);
   // Branches must rise, or lookups could miss keys and writes duplicate them.
   if (!StrictlyRising(view->branches, view->count)) return Corrupted(tree_, "unordered head node", ref);

@@ -23,27 +23,52 @@ namespace qw::pit {
 
 inline constexpr uint32_t kBase2 = 0x80, kBase3 = 0x4080, kBase4 = 0x204080, kBase5 = 0x10204080;
 
-inline void AppendSymbol(std::vector<uint8_t> &out, uint32_t s) {
+// Writes the code of `s` at `out` (room for 5 bytes) and returns the byte
+// after it.
+inline uint8_t *PutSymbol(uint8_t *out, uint32_t s) {
   if (s < kBase2) {
-    out.push_back(uint8_t(s));
-  } else if (s < kBase3) {
-    uint32_t v = s - kBase2;
-    out.insert(out.end(), {uint8_t(0x80 | (v >> 8)), uint8_t(v)});
-  } else if (s < kBase4) {
-    uint32_t v = s - kBase3;
-    out.insert(out.end(), {uint8_t(0xC0 | (v >> 16)), uint8_t(v >> 8), uint8_t(v)});
-  } else if (s < kBase5) {
-    uint32_t v = s - kBase4;
-    out.insert(out.end(), {uint8_t(0xE0 | (v >> 24)), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
-  } else {
-    uint32_t v = s - kBase5;
-    out.insert(out.end(), {uint8_t(0xF0), uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+    *out = uint8_t(s);
+    return out + 1;
   }
+  if (s < kBase3) {
+    const uint32_t v = s - kBase2;
+    out[0] = uint8_t(0x80 | (v >> 8));
+    out[1] = uint8_t(v);
+    return out + 2;
+  }
+  if (s < kBase4) {
+    const uint32_t v = s - kBase3;
+    out[0] = uint8_t(0xC0 | (v >> 16));
+    out[1] = uint8_t(v >> 8);
+    out[2] = uint8_t(v);
+    return out + 3;
+  }
+  if (s < kBase5) {
+    const uint32_t v = s - kBase4;
+    out[0] = uint8_t(0xE0 | (v >> 24));
+    out[1] = uint8_t(v >> 16);
+    out[2] = uint8_t(v >> 8);
+    out[3] = uint8_t(v);
+    return out + 4;
+  }
+  const uint32_t v = s - kBase5;
+  out[0] = 0xF0;
+  out[1] = uint8_t(v >> 24);
+  out[2] = uint8_t(v >> 16);
+  out[3] = uint8_t(v >> 8);
+  out[4] = uint8_t(v);
+  return out + 5;
 }
 
+// Every lookup codes its atom, so the bytes go through a local pointer into
+// room made once, not through a push per byte (which stores the vector's end
+// after every byte).
 inline void EncodeAtom(std::vector<uint8_t> &out, const uint32_t *atom, uint32_t length) {
-  out.clear();
-  for (uint32_t i = 0; i < length; ++i) AppendSymbol(out, atom[i]);
+  out.resize(size_t(length) * 5);
+  uint8_t *const start = out.data();
+  uint8_t *at = start;
+  for (uint32_t i = 0; i < length; ++i) at = PutSymbol(at, atom[i]);
+  out.resize(size_t(at - start));
 }
 
 // Length of the code that starts with `first`; 0 for a byte no code starts
