@@ -30,34 +30,15 @@ inline uint8_t *PutSymbol(uint8_t *out, uint32_t s) {
     *out = uint8_t(s);
     return out + 1;
   }
-  if (s < kBase3) {
-    const uint32_t v = s - kBase2;
-    out[0] = uint8_t(0x80 | (v >> 8));
-    out[1] = uint8_t(v);
-    return out + 2;
-  }
-  if (s < kBase4) {
-    const uint32_t v = s - kBase3;
-    out[0] = uint8_t(0xC0 | (v >> 16));
-    out[1] = uint8_t(v >> 8);
-    out[2] = uint8_t(v);
-    return out + 3;
-  }
-  if (s < kBase5) {
-    const uint32_t v = s - kBase4;
-    out[0] = uint8_t(0xE0 | (v >> 24));
-    out[1] = uint8_t(v >> 16);
-    out[2] = uint8_t(v >> 8);
-    out[3] = uint8_t(v);
-    return out + 4;
-  }
-  const uint32_t v = s - kBase5;
-  out[0] = 0xF0;
-  out[1] = uint8_t(v >> 24);
-  out[2] = uint8_t(v >> 16);
-  out[3] = uint8_t(v >> 8);
-  out[4] = uint8_t(v);
-  return out + 5;
+  uint32_t length = 5;
+  uint32_t mark = 0xF0, base = kBase5;
+  if (s < kBase3) length = 2, mark = 0x80, base = kBase2;
+  else if (s < kBase4) length = 3, mark = 0xC0, base = kBase3;
+  else if (s < kBase5) length = 4, mark = 0xE0, base = kBase4;
+  const uint64_t v = s - base;
+  out[0] = uint8_t(mark | (v >> (8 * (length - 1))));  // 5 bytes: the first holds no bits of v
+  for (uint32_t k = 1; k < length; ++k) out[k] = uint8_t(v >> (8 * (length - 1 - k)));
+  return out + length;
 }
 
 // Every lookup codes its atom, so the bytes go through a local pointer into
