@@ -2,6 +2,7 @@
 // integers.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -30,6 +31,20 @@ inline void StoreBE(uint8_t *out, uint64_t value, unsigned bytes) {
 }
 
 inline uint64_t LoadBE(const uint8_t *in, unsigned bytes) {
+  // The common widths in one load and a byte swap (B-tree values are read
+  // once per entry of a scan).
+  if constexpr (std::endian::native == std::endian::little) {
+    if (bytes == 4) {
+      uint32_t v;
+      std::memcpy(&v, in, 4);
+      return __builtin_bswap32(v);
+    }
+    if (bytes == 8) {
+      uint64_t v;
+      std::memcpy(&v, in, 8);
+      return __builtin_bswap64(v);
+    }
+  }
   uint64_t value = 0;
   for (unsigned i = 0; i < bytes; ++i) value = (value << 8) | in[i];
   return value;
