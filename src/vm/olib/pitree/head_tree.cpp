@@ -139,10 +139,6 @@ bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
   return true;
 }
 
-}  // namespace
-
-namespace {
-
 // A step reads the node's header, then its branch bytes, then one reference:
 // asking for the slot's first lines at once lets those wait for memory
 // together instead of one after the other.

@@ -164,6 +164,7 @@ TEST_F(BTreeTest, TwoRecordsOfOneTreeChangeItByTurns) {
   BTree *const records[2] = {tree, other};
   std::mt19937_64 rng(20261126);
   Model model;
+  uint32_t deepest = 0;
   for (int run = 0; run < 600; ++run) {
     BTree *const record = records[run % 2];
     const bool shrinking = run >= 400;
@@ -185,13 +186,15 @@ TEST_F(BTreeTest, TwoRecordsOfOneTreeChangeItByTurns) {
     }
     if (run % 50 == 49) {
       ASSERT_EQ(Contents(), Flatten(model)) << "run " << run;
-      EXPECT_EQ(Check().entryCount, model.size());
+      const BTreeStat stat = Check();
+      EXPECT_EQ(stat.entryCount, model.size());
+      deepest = std::max(deepest, stat.depth);
       if (run % 100 == 99) {
         ASSERT_TRUE(Commit()) << QWErrorMessage();
       }
     }
   }
-  ASSERT_GT(Check().depth, 0u);
+  EXPECT_GE(deepest, 2u);  // leaves under inner nodes: splits and merges moved them
   BTreeFree(other, 8);
 }
 
