@@ -153,8 +153,9 @@ bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
   Release();
   bytes_ = AcquireSlot(tree_, ref, genID_, read_, &array_);
   if (!bytes_) return false;
-  PrefetchSlot(bytes_, kClassSize[ClassOf(ref)]);
-  if (!ParseHead(bytes_, kClassSize[ClassOf(ref)], view)) return Corrupted(tree_, "malformed head node", ref);
+  const uint32_t slotSize = kClassSize[ClassOf(ref)];
+  PrefetchSlot(bytes_, slotSize);
+  if (!ParseHead(bytes_, slotSize, view)) return Corrupted(tree_, "malformed head node", ref);
   // Branches must rise, or lookups could miss keys and writes duplicate them.
   if (!StrictlyRising(view->branches, view->count)) return Corrupted(tree_, "unordered head node", ref);
   return true;
