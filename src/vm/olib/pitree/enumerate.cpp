@@ -10,6 +10,7 @@
 #include "vm/olib/pitree/head_tree.h"
 #include "vm/olib/pitree/key_codec.h"
 #include "vm/olib/pitree/leaf_codec.h"
+#include "vm/olib/pitree/leaf_store.h"
 
 namespace qw::pit {
 namespace {
@@ -60,21 +61,26 @@ bool Wanted(const PITreeEnumeration &e, const uint8_t *key, size_t length) {
   return length >= e.prefix.size() && Compatible(e, key, length);
 }
 
+// Decodes the leaf `ref` whole; its keys are yielded next.
+bool EnterLeaf(PITreeEnumeration &e, uint32_t ref, const uint8_t *bytes, uint32_t length) {
+  e.leaf.Clear();
+  e.leafNext = 0;
+  return LeafDecode(bytes, length, e.key.data(), e.key.size(), e.leaf, e.threadData->walkKey) ||
+         Corrupted(e.tree, "malformed leaf", LeafOf(ref));
+}
+
 bool Enter(PITreeEnumeration &e, uint32_t ref) {
   if (e.stack.size() >= kMaxStack) return Corrupted(e.tree, "a head reference cycle", ref);
   if (IsLeafRef(ref)) {
+    LeafHold hold(e.tree, e.genID);
+    const uint8_t *bytes = nullptr;
     uint32_t length = 0;
-    const uint8_t *bytes = LeafAcquire(e.tree, LeafOf(ref), e.genID, &length);
-    if (!bytes) return false;
-    e.leaf.Clear();
-    e.leafNext = 0;
-    const bool decoded = LeafDecode(bytes, length, e.key.data(), e.key.size(), e.leaf, e.threadData->walkKey);
-    LeafRelease(e.tree, e.genID, bytes);
-    return decoded || Corrupted(e.tree, "malformed leaf", LeafOf(ref));
+    return hold.Acquire(ref, kNoRef, &bytes, &length) && EnterLeaf(e, ref, bytes, length);
   }
   HeadSlot slot(e.tree, e.genID, true);
   HeadView view;
   if (!slot.Acquire(ref, &view)) return false;
+  if (view.isLeaf) return EnterLeaf(e, ref, view.leaf, view.leafLength);
   e.key.insert(e.key.end(), view.skip, view.skip + view.skipLength);
   if (!Compatible(e, e.key.data(), e.key.size())) return true;
   Frame frame;

@@ -7,6 +7,7 @@
 #include "vm/olib/pitree/head_tree.h"
 #include "vm/olib/pitree/key_codec.h"
 #include "vm/olib/pitree/leaf_codec.h"
+#include "vm/olib/pitree/leaf_store.h"
 
 namespace qw::pit {
 namespace {
@@ -17,7 +18,7 @@ enum class Stop {
   kDiverge,  // inside a head node's skip, at byte `skipAt`
   kAtHead,   // the key ends right after a head node's skip
   kNoBranch, // a head node lacks the key's next byte
-  kLeaf,     // reached leaf `ref`
+  kLeaf,     // reached leaf `ref` (looked into already when it is a slot leaf)
 };
 
 struct Walk {
@@ -37,6 +38,18 @@ struct Request {
   std::vector<uint64_t> *prefixes;  // may be null
 };
 
+// Looks the rest of the key up in the leaf the walk reached.
+bool LookInLeaf(const Request &r, Walk *walk, const uint8_t *bytes, uint32_t length) {
+  const std::vector<uint8_t> &key = r.td->key;
+  uint64_t value = EMPTY_NODE_DATA;
+  LeafLookup result = LeafFind(bytes, length, key.data() + walk->pos, key.size() - walk->pos, &value, r.prefixes);
+  if (result == LeafLookup::kMalformed) return Corrupted(r.tree, "malformed leaf", LeafOf(walk->ref));
+  if (result == LeafLookup::kFound) walk->found = value;
+  return true;
+}
+
+// Walks down from the root; a slot leaf is looked into while its slot is
+// held, a leaf of the array is left to FindInArrayLeaf.
 bool WalkHead(const Request &r, Walk *walk) {
   const std::vector<uint8_t> &key = r.td->key;
   r.td->path.clear();
@@ -46,6 +59,10 @@ bool WalkHead(const Request &r, Walk *walk) {
   while (!IsLeafRef(walk->ref)) {
     HeadView view;
     if (!slot.Acquire(walk->ref, &view)) return false;
+    if (view.isLeaf) {
+      walk->stop = Stop::kLeaf;
+      return LookInLeaf(r, walk, view.leaf, view.leafLength);
+    }
     const size_t rest = key.size() - walk->pos;
     const uint32_t most = uint32_t(std::min<size_t>(view.skipLength, rest));
     uint32_t m = 0;
@@ -76,17 +93,11 @@ bool WalkHead(const Request &r, Walk *walk) {
   return true;
 }
 
-bool FindInLeaf(const Request &r, Walk *walk) {
+bool FindInArrayLeaf(const Request &r, Walk *walk) {
+  LeafHold hold(r.tree, r.genID);
+  const uint8_t *bytes = nullptr;
   uint32_t length = 0;
-  const uint8_t *bytes = LeafAcquireBelow(r.tree, LeafOf(walk->ref), walk->nextLeaf, r.genID, &length);
-  if (!bytes) return false;
-  const std::vector<uint8_t> &key = r.td->key;
-  uint64_t value = EMPTY_NODE_DATA;
-  LeafLookup result = LeafFind(bytes, length, key.data() + walk->pos, key.size() - walk->pos, &value, r.prefixes);
-  LeafRelease(r.tree, r.genID, bytes);
-  if (result == LeafLookup::kMalformed) return Corrupted(r.tree, "malformed leaf", LeafOf(walk->ref));
-  if (result == LeafLookup::kFound) walk->found = value;
-  return true;
+  return hold.Acquire(walk->ref, walk->nextLeaf, &bytes, &length) && LookInLeaf(r, walk, bytes, length);
 }
 
 // Points the reference above the walk's last step (or the root) at `ref`.
@@ -170,16 +181,17 @@ bool ChangeHead(const Request &r, const Walk &walk, uint64_t data, bool remove) 
 }
 
 bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) {
-  const uint32_t leaf = LeafOf(walk.ref);
   const size_t depth = r.td->path.size() / 2;
   EntryList &list = r.td->leaf;
   list.Clear();
-  uint32_t length = 0;
-  const uint8_t *bytes = LeafAcquire(r.tree, leaf, NEWGEN, &length);
-  if (!bytes) return false;
-  const bool decoded = LeafDecode(bytes, length, nullptr, 0, list, r.td->walkKey);
-  LeafRelease(r.tree, NEWGEN, bytes);
-  if (!decoded || list.entries.empty()) return Corrupted(r.tree, "malformed leaf", leaf);
+  {
+    LeafHold hold(r.tree, NEWGEN);
+    const uint8_t *bytes = nullptr;
+    uint32_t length = 0;
+    if (!hold.Acquire(walk.ref, kNoRef, &bytes, &length)) return false;
+    if (!LeafDecode(bytes, length, nullptr, 0, list, r.td->walkKey) || list.entries.empty())
+      return Corrupted(r.tree, "malformed leaf", LeafOf(walk.ref));
+  }
   const uint8_t *suffix = r.td->key.data() + walk.pos;
   const size_t suffixLength = r.td->key.size() - walk.pos;
   auto less = [&](const Entry &e, int) {
@@ -192,7 +204,7 @@ bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) 
   if (remove) {
     if (!present) return true;
     list.entries.erase(at);
-    if (list.entries.empty()) return LeafFree(r.tree, leaf) && Unlink(r, depth);
+    if (list.entries.empty()) return LeafDrop(r.tree, walk.ref) && Unlink(r, depth);
   } else if (present) {
     at->value = data;
   } else {
@@ -203,10 +215,12 @@ bool ChangeLeaf(const Request &r, const Walk &walk, uint64_t data, bool remove) 
   std::vector<uint8_t> &encoded = r.td->encoded;
   encoded.clear();
   LeafEncode(list, 0, list.entries.size(), 0, encoded, r.td->header, r.td->sizes);
-  if (encoded.size() <= kExplodeBytes) return LeafWrite(r.tree, leaf, encoded);
-  uint32_t ref = kNoRef;  // explode: head nodes first, then swap them in
+  uint32_t ref = walk.ref;
+  if (encoded.size() <= kExplodeBytes)  // in place, or moved across the slot / array line
+    return LeafPut(r.tree, encoded, &ref) && (ref == walk.ref || SetParentRef(r, depth, ref));
+  // explode: head nodes first, then swap them in
   return BuildSubtree(r.tree, r.td, list, 0, list.entries.size(), 0, &ref) && SetParentRef(r, depth, ref) &&
-         LeafFree(r.tree, leaf);
+         LeafDrop(r.tree, walk.ref);
 }
 
 }  // namespace
@@ -240,7 +254,9 @@ QW_API uint64_t PITreeFindAll(PITree *tree, PITreeThreadData *threadData, const 
   std::vector<uint64_t> prefixes;
   Request request{tree, threadData, genID, results ? &prefixes : nullptr};
   Walk walk;
-  if (!WalkHead(request, &walk) || (walk.stop == Stop::kLeaf && !FindInLeaf(request, &walk))) return 0;
+  if (!WalkHead(request, &walk) ||
+      (walk.stop == Stop::kLeaf && IsLeafRef(walk.ref) && !FindInArrayLeaf(request, &walk)))
+    return 0;
   if (results) {
     if (!*results && !ArrayInit(*results, sizeof(uint64_t), 8)) return 0;
     if (walk.found != EMPTY_NODE_DATA) prefixes.push_back(walk.found);
@@ -284,7 +300,7 @@ QW_API int PITreePrefetch(PITree *tree, PITreeThreadData *threadData, const uint
   Request request{tree, threadData, genID, nullptr};
   Walk walk;
   if (!WalkHead(request, &walk)) return 0;
-  if (walk.stop == Stop::kLeaf) {
+  if (walk.stop == Stop::kLeaf && IsLeafRef(walk.ref)) {  // a slot leaf was read by the walk
     const uint32_t leaf = LeafOf(walk.ref);
     DBArrayPrefetch(tree->leaf, leaf % PITREE_LEAF_BUCKETS, leaf / PITREE_LEAF_BUCKETS, genID);
   }

@@ -25,7 +25,16 @@ uint32_t GetU32(const uint8_t *p) {
   return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
+bool ParseSlotLeaf(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
+  view->isLeaf = true;
+  view->leafLength = uint32_t(slot[2]) | uint32_t(slot[3]) << 8;
+  view->leaf = slot + kSlotLeafHeader;
+  return slot[1] == 0 && view->leafLength > 0 && view->leafLength <= slotSize - kSlotLeafHeader;
+}
+
 bool ParseHead(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
+  if (slot[0] == kSlotLeaf) return ParseSlotLeaf(slot, slotSize, view);
+  view->isLeaf = false;
   if ((slot[0] & ~kHasData) != 0) return false;
   view->hasData = (slot[0] & kHasData) != 0;
   view->skipLength = slot[1];
@@ -157,7 +166,8 @@ bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
   PrefetchSlot(bytes_, slotSize);
   if (!ParseHead(bytes_, slotSize, view)) return Corrupted(tree_, "malformed head node", ref);
   // Branches must rise, or lookups could miss keys and writes duplicate them.
-  if (!StrictlyRising(view->branches, view->count)) return Corrupted(tree_, "unordered head node", ref);
+  if (!view->isLeaf && !StrictlyRising(view->branches, view->count))
+    return Corrupted(tree_, "unordered head node", ref);
   return true;
 }
 
@@ -211,13 +221,16 @@ bool HeadRead(const PITree *tree, uint32_t ref, uint32_t genID, HeadNode *node) 
   HeadSlot slot(tree, genID, true);
   HeadView view;
   if (!slot.Acquire(ref, &view)) return false;
+  if (view.isLeaf) return Corrupted(tree, "a slot leaf where a head node belongs", ref);
   node->Assign(view);
   return true;
 }
 
-bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref) {
-  const uint32_t cls = ClassFor(node.EncodedSize());
-  qwassert_(cls < kClassCount && node.skip.size() <= kMaxSkip);
+namespace {
+
+// A slot of class `cls` for new contents: a freed one first, else a new one
+// at the end of the class's array.
+bool AllocateSlot(const PITree *tree, uint32_t cls, uint32_t *ref) {
   uint32_t slot = kNoRef;
   if (!PopFreeSlot(tree, cls, &slot)) return false;
   const uint32_t id = tree->node[cls].id[NEWGEN];
@@ -229,27 +242,51 @@ bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref) {
       return QWErrorRethrow("cannot add a head node");
   }
   *ref = HeadRef(cls, slot);
-  uint32_t array = 0;
-  uint8_t *bytes = AcquireSlot(tree, *ref, NEWGEN, false, &array);
-  if (!bytes) return false;
-  Serialize(node, bytes);
-  VMAArrayRelease_(tree->arena, array, bytes, 0);
   return true;
 }
 
-bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref) {
-  if (node.EncodedSize() > kClassSize[ClassOf(*ref)]) {
+// Writes a slot's contents through `fill`, or into a new slot of the
+// smallest class holding `size` bytes when *ref is kNoRef or its class is
+// too small (the old slot is freed then, and *ref changes).
+template <typename Fill>
+bool StoreInSlot(const PITree *tree, uint32_t size, uint32_t *ref, Fill fill) {
+  if (*ref == kNoRef || size > kClassSize[ClassOf(*ref)]) {
+    const uint32_t cls = ClassFor(size);
+    qwassert_(cls < kClassCount);
     uint32_t moved = kNoRef;
-    if (!HeadNew(tree, node, &moved) || !HeadFree(tree, *ref)) return false;
+    if (!AllocateSlot(tree, cls, &moved) || (*ref != kNoRef && !HeadFree(tree, *ref))) return false;
     *ref = moved;
-    return true;
   }
   uint32_t array = 0;
   uint8_t *bytes = AcquireSlot(tree, *ref, NEWGEN, false, &array);
   if (!bytes) return false;
-  Serialize(node, bytes);
+  fill(bytes);
   VMAArrayRelease_(tree->arena, array, bytes, 0);
   return true;
+}
+
+}  // namespace
+
+bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref) {
+  *ref = kNoRef;
+  return HeadStore(tree, node, ref);
+}
+
+bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref) {
+  qwassert_(node.skip.size() <= kMaxSkip);
+  return StoreInSlot(tree, node.EncodedSize(), ref, [&](uint8_t *slot) { Serialize(node, slot); });
+}
+
+bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *ref) {
+  const uint32_t length = uint32_t(bytes.size());
+  qwassert_(length > 0 && length <= kSlotLeafMost);
+  return StoreInSlot(tree, kSlotLeafHeader + length, ref, [&](uint8_t *slot) {
+    slot[0] = kSlotLeaf;
+    slot[1] = 0;
+    slot[2] = uint8_t(length);
+    slot[3] = uint8_t(length >> 8);
+    std::memcpy(slot + kSlotLeafHeader, bytes.data(), length);
+  });
 }
 
 bool HeadFree(const PITree *tree, uint32_t ref) {

@@ -14,9 +14,29 @@
 //   ..      count       branch bytes, strictly ascending
 //   ..      4 * count   references, in branch order
 //
-// A reference is 32 bits: bit 31 set names leaf (ref & 0x7FFFFFFF); else bits
-// 28..30 are the node class and bits 0..27 the slot. A free slot holds 0x80
-// and, at offset 4, the next free slot of its class (0xFFFFFFFF ends it).
+// A reference is 32 bits: bit 31 set names leaf (ref & 0x7FFFFFFF) of the
+// leaf array; else bits 28..30 are the slot class and bits 0..27 the slot. A
+// free slot holds 0x80 and, at offset 4, the next free slot of its class
+// (0xFFFFFFFF ends it).
+//
+// Small leaves live in slots too (a slot leaf): flags 0x40, a zero byte, the
+// leaf's length (2 bytes) and its bytes in the leaf codec (leaf_codec.h):
+//
+//   offset  size        field
+//   0       1           flags: 0x40
+//   1       1           0
+//   2       2           length (1 .. slot size - 4)
+//   4       length      the leaf
+//
+// A leaf of up to kSlotLeafMost (124) bytes is kept in the smallest slot
+// that holds it; larger ones go to the leaf array. Why: a slot is one arena
+// access away from the reference that names it, where a leaf of the array is
+// three (the bucket's directory entry, its first handle, then the data block
+// and the block's own index). A leaf that explodes leaves one small leaf per
+// branch behind, so in a large tree most leaves hold one or two keys and
+// most finds end in a slot leaf. Larger leaves stay in the leaf array, whose
+// blocks hold them at their exact length: in a 512-byte slot a leaf of 125
+// to 508 bytes would leave half of it empty on average.
 //
 // The arena array ".../pitree/head/headIndex" (32-bit elements) holds the
 // root reference (0xFFFFFFFF: no atom), the next fresh leaf number and the
@@ -31,11 +51,16 @@
 
 namespace qw::pit {
 
-inline constexpr uint8_t kHasData = 1, kFreeMark = 0x80;
+inline constexpr uint8_t kHasData = 1, kSlotLeaf = 0x40, kFreeMark = 0x80;
 inline constexpr uint32_t kMaxSkip = 255;
+inline constexpr uint32_t kSlotLeafHeader = 4;
+inline constexpr uint32_t kSlotLeafMost = kClassSize[1] - kSlotLeafHeader;
 
-// A head node read in place (pointers into the slot).
+// A head node read in place (pointers into the slot), or a slot leaf.
 struct HeadView {
+  bool isLeaf;  // a slot leaf: only leaf and leafLength below are set
+  const uint8_t *leaf;
+  uint32_t leafLength;
   bool hasData;
   uint64_t data;
   uint32_t skipLength;
@@ -64,14 +89,15 @@ struct HeadNode {
   void InsertBranch(uint8_t b, uint32_t ref);
 };
 
-// A slot held while its node is read; releases on destruction.
+// A slot held while its node (or slot leaf) is read; releases on
+// destruction.
 class HeadSlot {
  public:
   HeadSlot(const PITree *tree, uint32_t genID, bool read) : tree_(tree), genID_(genID), read_(read) {}
   ~HeadSlot() { Release(); }
   HeadSlot(const HeadSlot &) = delete;
   HeadSlot &operator=(const HeadSlot &) = delete;
-  // Acquires the node of `ref` and parses it into *view. False with an error
+  // Acquires the slot of `ref` and parses it into *view. False with an error
   // (damaged data: arena tagged) when it cannot be read or does not parse.
   [[nodiscard]] bool Acquire(uint32_t ref, HeadView *view);
   uint8_t *bytes() const { return bytes_; }
@@ -94,12 +120,19 @@ class HeadSlot {
 // Makes headIndex whole in NEWGEN (first change of an empty tree).
 [[nodiscard]] bool HeadIndexEnsure(const PITree *tree);
 
+// Reads the head node of `ref`; a slot leaf there is damage.
 [[nodiscard]] bool HeadRead(const PITree *tree, uint32_t ref, uint32_t genID, HeadNode *node);
 // Writes `node` into a new slot of the smallest class that holds it.
 [[nodiscard]] bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref);
 // Writes `node` at *ref, moving it to a larger class when it no longer fits
 // (*ref then changes and the old slot is freed).
 [[nodiscard]] bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref);
+// Gives a slot (head node or slot leaf) back to its class's free list.
 [[nodiscard]] bool HeadFree(const PITree *tree, uint32_t ref);
+// Stores leaf bytes (1 .. kSlotLeafMost of them) as a slot leaf: at *ref, a
+// slot leaf, when they fit its slot; else in a new slot of the smallest class
+// that holds them (*ref then changes and the old slot, if *ref named one, is
+// freed). *ref may be kNoRef for a new leaf.
+[[nodiscard]] bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *ref);
 
 }  // namespace qw::pit

@@ -1,7 +1,7 @@
-// Leaves in the block-directory array: reading, storing, giving numbers
-// back, and the explosion of an oversized leaf into head nodes.
+// Leaves: reading, storing (in a slot or in the block-directory array),
+// giving places back, and the explosion of an oversized leaf into head nodes.
 //
-// Leaf l is element l / 64 of bucket l % 64. Fresh numbers come from
+// Leaf l of the array is element l / 64 of bucket l % 64. Fresh numbers come from
 // headIndex[kNextLeafSlot] (bucket l % 64 then has exactly l / 64 elements,
 // so DBArrayAdd hands out l / 64); numbers given back are kept in "free" and
 // reused last-in first-out, their element emptied meanwhile.
@@ -12,8 +12,8 @@
 // overhead (the head branch and the array's element header) between.
 #include <algorithm>
 
-#include "vm/olib/pitree/head_tree.h"
 #include "vm/olib/pitree/leaf_codec.h"
+#include "vm/olib/pitree/leaf_store.h"
 
 namespace qw::pit {
 namespace {
@@ -33,14 +33,8 @@ bool PopFreeLeaf(const PITree *tree, uint32_t *leaf) {
   return VMAArrayLengthSet_(tree->arena, id, length - 1, NEWGEN, 4) != 0;
 }
 
-}  // namespace
-
-const uint8_t *LeafAcquire(const PITree *tree, uint32_t leaf, uint32_t genID, uint32_t *length) {
-  uint32_t next = 0;
-  if (!HeadIndexGet(tree, kNextLeafSlot, genID, &next)) return nullptr;
-  return LeafAcquireBelow(tree, leaf, next, genID, length);
-}
-
+// The bytes of array leaf `leaf`, made before the next fresh number `next`;
+// null with an error when it is missing or unreadable.
 const uint8_t *LeafAcquireBelow(const PITree *tree, uint32_t leaf, uint32_t next, uint32_t genID, uint32_t *length) {
   if (leaf >= next) {
     Corrupted(tree, "a reference names a leaf never made", leaf);
@@ -61,6 +55,13 @@ void LeafRelease(const PITree *tree, uint32_t genID, const uint8_t *bytes) {
   if (bytes) DBArrayRelease(tree->leaf, genID, 1, bytes);
 }
 
+bool LeafWrite(const PITree *tree, uint32_t leaf, const std::vector<uint8_t> &bytes) {
+  if (DBArraySet(tree->leaf, BucketOf(leaf), HandleOf(leaf), NEWGEN, bytes.data(), uint32_t(bytes.size())))
+    return true;
+  return QWErrorRethrow("cannot write leaf %u", leaf);
+}
+
+// Stores `bytes` as a new leaf of the array (a number from "free" first).
 bool LeafNew(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *leaf) {
   if (!PopFreeLeaf(tree, leaf)) return false;
   if (*leaf != kNoRef) return LeafWrite(tree, *leaf, bytes);
@@ -74,12 +75,7 @@ bool LeafNew(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *le
   return WriteU32(tree, tree->headIndex, kNextLeafSlot, next + 1);
 }
 
-bool LeafWrite(const PITree *tree, uint32_t leaf, const std::vector<uint8_t> &bytes) {
-  if (DBArraySet(tree->leaf, BucketOf(leaf), HandleOf(leaf), NEWGEN, bytes.data(), uint32_t(bytes.size())))
-    return true;
-  return QWErrorRethrow("cannot write leaf %u", leaf);
-}
-
+// Empties the leaf and gives its number back to "free".
 bool LeafFree(const PITree *tree, uint32_t leaf) {
   if (!DBArraySet(tree->leaf, BucketOf(leaf), HandleOf(leaf), NEWGEN, nullptr, 0))
     return QWErrorRethrow("cannot empty leaf %u", leaf);
@@ -87,15 +83,51 @@ bool LeafFree(const PITree *tree, uint32_t leaf) {
                          4) != 0;
 }
 
+}  // namespace
+
+LeafHold::~LeafHold() { LeafRelease(tree_, genID_, arrayBytes_); }
+
+bool LeafHold::Acquire(uint32_t ref, uint32_t nextLeaf, const uint8_t **bytes, uint32_t *length) {
+  if (IsLeafRef(ref)) {
+    if (nextLeaf == kNoRef && !HeadIndexGet(tree_, kNextLeafSlot, genID_, &nextLeaf)) return false;
+    arrayBytes_ = LeafAcquireBelow(tree_, LeafOf(ref), nextLeaf, genID_, length);
+    *bytes = arrayBytes_;
+    return arrayBytes_ != nullptr;
+  }
+  HeadView view;
+  if (!slot_.Acquire(ref, &view)) return false;
+  if (!view.isLeaf) return Corrupted(tree_, "a head node where a leaf belongs", ref);
+  *bytes = view.leaf;
+  *length = view.leafLength;
+  return true;
+}
+
+bool LeafPut(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *ref) {
+  const bool inArray = *ref != kNoRef && IsLeafRef(*ref);
+  if (bytes.size() <= kSlotLeafMost) {
+    if (!inArray) return SlotLeafStore(tree, bytes, ref);
+    const uint32_t old = *ref;
+    *ref = kNoRef;
+    return SlotLeafStore(tree, bytes, ref) && LeafDrop(tree, old);
+  }
+  if (inArray) return LeafWrite(tree, LeafOf(*ref), bytes);
+  uint32_t leaf = kNoRef;
+  if (!LeafNew(tree, bytes, &leaf) || (*ref != kNoRef && !HeadFree(tree, *ref))) return false;
+  *ref = LeafRef(leaf);
+  return true;
+}
+
+bool LeafDrop(const PITree *tree, uint32_t ref) {
+  return IsLeafRef(ref) ? LeafFree(tree, LeafOf(ref)) : HeadFree(tree, ref);
+}
+
 bool BuildSubtree(const PITree *tree, PITreeThreadData *td, const EntryList &list, size_t lo, size_t hi,
                   size_t depth, uint32_t *ref) {
   std::vector<uint8_t> encoded;
   LeafEncode(list, lo, hi, depth, encoded, td->header, td->sizes);
   if (encoded.size() <= kExplodeBytes) {
-    uint32_t leaf = kNoRef;
-    if (!LeafNew(tree, encoded, &leaf)) return false;
-    *ref = LeafRef(leaf);
-    return true;
+    *ref = kNoRef;
+    return LeafPut(tree, encoded, ref);
   }
   // Too large for one leaf: its top node becomes a head node.
   const Entry &first = list.entries[lo], &last = list.entries[hi - 1];

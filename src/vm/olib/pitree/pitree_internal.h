@@ -5,15 +5,19 @@
 // has at most 256 branches and byte order is symbol order. The upper levels
 // live in the head tree (head_tree.h: fixed-size slots in arena arrays, one
 // block touch per head node); everything below a head branch lives in one
-// leaf, a compacted sub-trie in the block-directory array (leaf_codec.h).
+// leaf, a compacted sub-trie (leaf_codec.h): in the block-directory array, or,
+// when it is small, in a head slot of its own (leaf_store.h).
 //
 // Invariants (in each generation):
 //  - headIndex is empty (no atom yet) or holds kHeadIndexLength elements:
 //    the root reference, the next fresh leaf number and one free-slot list
 //    head per node class.
-//  - Every reference reachable from the root names a live head node or a
-//    leaf below the next fresh leaf number whose bytes decode and hold at
-//    least one entry; no leaf number is both reachable and in "free".
+//  - Every reference reachable from the root names a live head node, a slot
+//    leaf, or a leaf of the leaf array below the next fresh leaf number; a
+//    leaf's bytes decode and hold at least one entry; no leaf number is both
+//    reachable and in "free".
+//  - A leaf of at most kSlotLeafMost bytes is a slot leaf, a larger one is in
+//    the leaf array (leaf_store.h).
 //  - A head node has data or at least one branch (empty nodes are unlinked).
 //  - A leaf's encoding is at most kExplodeBytes long (larger ones explode).
 //  - With params, params[0] is the number of atoms stored.
@@ -112,22 +116,5 @@ inline int Locked(const PITree *tree, uint32_t genID) { return int(tree->locked[
 inline void CheckGeneration(uint32_t genID) {
   if (genID != NEWGEN && genID != OLDGEN) qwassert_(FALSE);
 }
-
-// Leaves (leaf_store.cpp). A leaf's bytes are held from LeafAcquire until
-// LeafRelease; null with an error when the leaf is missing or unreadable.
-const uint8_t *LeafAcquire(const PITree *tree, uint32_t leaf, uint32_t genID, uint32_t *length);
-// The same when the next fresh leaf number of genID is known already.
-const uint8_t *LeafAcquireBelow(const PITree *tree, uint32_t leaf, uint32_t nextLeaf, uint32_t genID,
-                                uint32_t *length);
-void LeafRelease(const PITree *tree, uint32_t genID, const uint8_t *bytes);
-// Stores `bytes` as a new leaf (a number from "free" first). NEWGEN.
-[[nodiscard]] bool LeafNew(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *leaf);
-[[nodiscard]] bool LeafWrite(const PITree *tree, uint32_t leaf, const std::vector<uint8_t> &bytes);
-// Empties the leaf and gives its number back to "free".
-[[nodiscard]] bool LeafFree(const PITree *tree, uint32_t leaf);
-// Builds the head subtree (or single leaf) holding entries [lo, hi) of
-// `list`, keys taken from byte `depth` on; *ref receives its reference.
-[[nodiscard]] bool BuildSubtree(const PITree *tree, PITreeThreadData *td, const EntryList &list, size_t lo,
-                                size_t hi, size_t depth, uint32_t *ref);
 
 }  // namespace qw::pit

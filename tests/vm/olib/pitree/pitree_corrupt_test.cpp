@@ -21,8 +21,30 @@ void WalkAll(PITree *tree) {
   PITreeEnumerationFree(e);
 }
 
+// The root's slot, writable (the root must be a slot: a head node or a slot
+// leaf); *slotSize receives its size. Release with ReleaseSlot.
+uint8_t *RootSlot(VMArena *arena, uint32_t *array, uint32_t *slotSize) {
+  uint8_t *scratch = nullptr;
+  uint32_t index = 0, root = 0, end = 0;
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
+  auto *rootRef = static_cast<uint8_t *>(VMAArrayRange_(arena, index, 0, 8192, 0, &end, NEWGEN, 1, 4, 0));
+  if (!rootRef) return nullptr;
+  std::memcpy(&root, rootRef, 4);
+  VMAArrayRelease_(arena, index, rootRef, 1);
+  EXPECT_EQ(root >> 31, 0u) << "the root is a slot";
+  const uint32_t cls = root >> 28;
+  *slotSize = 32u << (2 * cls);
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
+                                     ("node" + std::to_string(cls)).c_str(), 0, array));
+  ArrayFree(scratch);
+  return static_cast<uint8_t *>(
+      VMAArrayRange_(arena, *array, 0, 8192, root & 0x0FFFFFFF, &end, NEWGEN, 0, *slotSize, 0));
+}
+
 TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
-  // Bytes that cannot be leaf 0 of a tree holding "ab" and "ac".
+  // Bytes that cannot be the one leaf of a tree holding "a" + b + tail and
+  // "a" + c + tail, kept in a slot (short tails) or in the leaf array as
+  // leaf 0 (tails long enough to pass a slot's room).
   const std::vector<std::vector<uint8_t>> badLeaves = {
       {},                                    // referenced leaves hold keys
       {0x00},                                // a node with neither value nor children
@@ -32,21 +54,36 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
       {0x05, 'a', 0xFF, 'b'},                // more branches than bytes
       {0x06, 'a', 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81, 0x81},  // a varint past 64 bits
   };
-  for (size_t c = 0; c < badLeaves.size(); ++c) {
-    SCOPED_TRACE(c);
-    std::filesystem::remove_all(arenaDir());
-    Open();
-    ASSERT_EQ(Insert(FromText("ab"), 1), 1u);
-    ASSERT_EQ(Insert(FromText("ac"), 2), 2u);
-    const std::vector<uint8_t> &bad = badLeaves[c];
-    ASSERT_TRUE(PITreeFillLeaf(tree, 0, bad.data(), uint32_t(bad.size()), NEWGEN)) << QWErrorMessage();
-    EXPECT_EQ(Find(FromText("ac")), 0u);
-    ExpectDataError(nullptr, true);
-    EXPECT_EQ(Insert(FromText("ad"), 3), 0u);
-    EXPECT_EQ(QWErrorCode(), 74);
-    WalkAll(tree);
-    EXPECT_EQ(QWErrorCode(), 74);
-    CloseAll();
+  for (const bool inArray : {false, true}) {
+    const std::string tail(inArray ? 300 : 0, 'x');
+    for (size_t c = 0; c < badLeaves.size(); ++c) {
+      SCOPED_TRACE(testing::Message() << (inArray ? "array leaf " : "slot leaf ") << c);
+      std::filesystem::remove_all(arenaDir());
+      Open();
+      ASSERT_EQ(Insert(FromText("ab" + tail), 1), 1u);
+      ASSERT_EQ(Insert(FromText("ac" + tail), 2), 2u);
+      const std::vector<uint8_t> &bad = badLeaves[c];
+      if (inArray) {
+        ASSERT_TRUE(PITreeFillLeaf(tree, 0, bad.data(), uint32_t(bad.size()), NEWGEN)) << QWErrorMessage();
+      } else {
+        uint32_t array = 0, slotSize = 0;
+        uint8_t *slot = RootSlot(arena, &array, &slotSize);
+        ASSERT_NE(slot, nullptr);
+        ASSERT_EQ(slot[0], 0x40) << "the root is a slot leaf";
+        ASSERT_LE(bad.size() + 4, slotSize);
+        slot[2] = uint8_t(bad.size());
+        slot[3] = 0;
+        std::memcpy(slot + 4, bad.data(), bad.size());
+        VMAArrayRelease_(arena, array, slot, 0);
+      }
+      EXPECT_EQ(Find(FromText("ac" + tail)), 0u);
+      ExpectDataError(nullptr, true);
+      EXPECT_EQ(Insert(FromText("ad"), 3), 0u);
+      EXPECT_EQ(QWErrorCode(), 74);
+      WalkAll(tree);
+      EXPECT_EQ(QWErrorCode(), 74);
+      CloseAll();
+    }
   }
 }
 
@@ -66,21 +103,8 @@ TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
       for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert({symbol(b), i, 500 + i}, 1 + b * 100 + i), 0u);
     EXPECT_EQ(Find({symbol(kBranches - 1), 99, 599}), kBranches * 100);
     EXPECT_EQ(Find({symbol(20), 0, 500}), 2001u);
-    uint8_t *scratch = nullptr;
-    uint32_t index = 0, root = 0, end = 0;
-    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
-    auto *rootRef = static_cast<uint8_t *>(VMAArrayRange_(arena, index, 0, 8192, 0, &end, NEWGEN, 1, 4, 0));
-    ASSERT_NE(rootRef, nullptr);
-    std::memcpy(&root, rootRef, 4);
-    VMAArrayRelease_(arena, index, rootRef, 1);
-    ASSERT_EQ(root >> 31, 0u) << "the root is a head node";
-    const uint32_t cls = root >> 28, classSize = 32u << (2 * cls);
-    uint32_t nodes = 0;
-    ASSERT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
-                                       ("node" + std::to_string(cls)).c_str(), 0, &nodes));
-    ArrayFree(scratch);
-    auto *node = static_cast<uint8_t *>(
-        VMAArrayRange_(arena, nodes, 0, 8192, root & 0x0FFFFFFF, &end, NEWGEN, 0, classSize, 0));
+    uint32_t nodes = 0, classSize = 0;
+    uint8_t *node = RootSlot(arena, &nodes, &classSize);
     ASSERT_NE(node, nullptr);
     ASSERT_EQ(node[1], 0u);         // no skip
     ASSERT_EQ(node[2], kBranches);  // count
