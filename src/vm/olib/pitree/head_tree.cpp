@@ -27,9 +27,9 @@ uint32_t GetU32(const uint8_t *p) {
 
 bool ParseSlotLeaf(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
   view->isLeaf = true;
-  view->leafLength = uint32_t(slot[2]) | uint32_t(slot[3]) << 8;
+  view->leafLength = slot[1];
   view->leaf = slot + kSlotLeafHeader;
-  return slot[1] == 0 && view->leafLength > 0 && view->leafLength <= slotSize - kSlotLeafHeader;
+  return view->leafLength > 0 && view->leafLength <= slotSize - kSlotLeafHeader;
 }
 
 bool ParseHead(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
@@ -282,9 +282,7 @@ bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32
   qwassert_(length > 0 && length <= kSlotLeafMost);
   return StoreInSlot(tree, kSlotLeafHeader + length, ref, [&](uint8_t *slot) {
     slot[0] = kSlotLeaf;
-    slot[1] = 0;
-    slot[2] = uint8_t(length);
-    slot[3] = uint8_t(length >> 8);
+    slot[1] = uint8_t(length);
     std::memcpy(slot + kSlotLeafHeader, bytes.data(), length);
   });
 }

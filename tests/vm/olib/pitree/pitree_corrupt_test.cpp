@@ -70,10 +70,9 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
         uint8_t *slot = RootSlot(arena, &array, &slotSize);
         ASSERT_NE(slot, nullptr);
         ASSERT_EQ(slot[0], 0x40) << "the root is a slot leaf";
-        ASSERT_LE(bad.size() + 4, slotSize);
-        slot[2] = uint8_t(bad.size());
-        slot[3] = 0;
-        std::memcpy(slot + 4, bad.data(), bad.size());
+        ASSERT_LE(bad.size() + 2, slotSize);
+        slot[1] = uint8_t(bad.size());
+        std::memcpy(slot + 2, bad.data(), bad.size());
         VMAArrayRelease_(arena, array, slot, 0);
       }
       EXPECT_EQ(Find(FromText("ac" + tail)), 0u);
