@@ -59,6 +59,50 @@ TEST_F(PITreeTest, AtomsEndingAtHeadNodesAndSlotReuse) {
   }
 }
 
+// Length of leaf `leaf` of the tree "words" in its leaf array (0 when empty),
+// read through an array record of its own.
+uint32_t ArrayLeafLength(VMArena *arena, uint32_t leaf) {
+  uint8_t *scratch = nullptr;
+  int mayCreate = 0;
+  DBArray *leaves = DBArrayNew(arena, &scratch, "dict/words/pitree/leaf", &mayCreate, 0, PITREE_LEAF_BUCKETS);
+  ArrayFree(scratch);
+  EXPECT_NE(leaves, nullptr) << QWErrorMessage();
+  if (!leaves) return UINT32_MAX;
+  uint32_t length = 0;
+  const void *bytes = DBArrayGet(leaves, leaf % PITREE_LEAF_BUCKETS, leaf / PITREE_LEAF_BUCKETS, NEWGEN, 1, &length);
+  DBArrayRelease(leaves, NEWGEN, 1, bytes);
+  DBArrayFree(leaves);
+  return length;
+}
+
+// Trees written before small leaves moved into head slots keep them in the
+// leaf array: such a leaf reads as before, and its next change moves it into
+// a slot and gives its number back.
+TEST_F(PITreeTest, SmallLeafInTheLeafArrayReadsAndMovesToASlotOnChange) {
+  Open();
+  const std::string tail(300, 'x');  // long enough for the leaf array
+  ASSERT_EQ(Insert(FromText("ab" + tail), 1), 1u);
+  ASSERT_EQ(Insert(FromText("ac" + tail), 2), 2u);
+  // Leaf 0, the root, rewritten to hold "ab" -> 1 and "ac" -> 2: a node with
+  // skip "a" and branches b, c (first child 2 bytes), each child a value.
+  // Varints hold value << 1.
+  const std::vector<uint8_t> small = {((1 << 2) | 1) << 1, 'a', 0x01, 'b', 'c', 2 << 1, 2 << 1, 1 << 1, 2 << 1, 2 << 1};
+  ASSERT_TRUE(PITreeFillLeaf(tree, 0, small.data(), uint32_t(small.size()), NEWGEN)) << QWErrorMessage();
+  EXPECT_EQ(Find(FromText("ab")), 1u);
+  EXPECT_EQ(Find(FromText("ab" + tail)), 0u);
+  EXPECT_EQ(ArrayLeafLength(arena, 0), small.size());
+  ASSERT_EQ(Insert(FromText("ad"), 3), 3u) << QWErrorMessage();
+  EXPECT_EQ(ArrayLeafLength(arena, 0), 0u) << "leaf 0 was emptied";
+  ASSERT_TRUE(Commit());
+  Reopen();
+  EXPECT_EQ(Enumerate({}, PITREE_DEPTH_UNLIMITED),
+            (pittest::Listing{{FromText("ab"), 1}, {FromText("ac"), 2}, {FromText("ad"), 3}}));
+  // The number given back is used again by the next leaf too large for a slot.
+  ASSERT_EQ(Insert(FromText("b" + tail), 4), 4u);
+  EXPECT_GT(ArrayLeafLength(arena, 0), 300u);
+  EXPECT_EQ(Find(FromText("b" + tail)), 4u);
+}
+
 TEST_F(PITreeTest, ClearReopenAndReadOnlyArena) {
   Open();
   for (uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Insert({i, i * 7, 0xFFFFFFFFu}, i), i);
