@@ -14,10 +14,14 @@
  * l % 64; each leaf is a compacted sub-trie of at most a little over one
  * kilobyte), the arena array "free" (leaf numbers given back, reused first)
  * and, unless the tree was made with `scan` set, the arena array "params"
- * whose element 0 is the number of atoms. When a leaf grows past its limit
- * it explodes: its upper levels move into the head tree and the rest becomes
- * smaller leaves. A lookup touches one block per head level it crosses (runs
- * of symbols without branching are kept in one head node) and one leaf.
+ * whose element 0 is the number of atoms. A small leaf (at most 126 bytes)
+ * is kept in a slot of the head tree's arrays instead of the leaf array, and
+ * moves between the two as it grows or shrinks. When a leaf grows past its
+ * limit it explodes: its upper levels move into the head tree and the rest
+ * becomes smaller leaves. A lookup touches one block per head level it
+ * crosses (runs of symbols without branching are kept in one head node) and
+ * its leaf: one more block for a small leaf, three through the leaf array's
+ * directory for a larger one.
  *
  * Order: enumeration yields atoms in ascending order, symbol by symbol, as
  * unsigned 32-bit values; an atom comes before the atoms it is a prefix of.
@@ -169,7 +173,7 @@ QW_API uint64_t PITreeFindAll(PITree *tree, PITreeThreadData *threadData, const 
  * Replaces the byte string of leaf `leaf` by `length` bytes of `bytes`
  * without decoding them: DBArraySet(leaf array, leaf % 64, leaf / 64, ...).
  * For repair tools and tests; a leaf written this way is checked when it is
- * next read. genID must be NEWGEN ("genID == NEWGEN"). Returns 1, or 0 with
+ * next read. Leaves kept in head slots are not reached this way. genID must be NEWGEN ("genID == NEWGEN"). Returns 1, or 0 with
  * an error (code 2 when the leaf does not exist).
  */
 QW_API int PITreeFillLeaf(PITree *tree, uint32_t leaf, const void *bytes, uint32_t length, uint32_t genID);
