@@ -72,7 +72,7 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
         ASSERT_EQ(slot[0], 0x40) << "the root is a slot leaf";
         ASSERT_LE(bad.size() + 2, slotSize);
         slot[1] = uint8_t(bad.size());
-        std::memcpy(slot + 2, bad.data(), bad.size());
+        std::copy(bad.begin(), bad.end(), slot + 2);  // (no memcpy: `bad` may be empty)
         VMAArrayRelease_(arena, array, slot, 0);
       }
       EXPECT_EQ(Find(FromText("ac" + tail)), 0u);
