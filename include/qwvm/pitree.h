@@ -14,7 +14,7 @@
  * l % 64; each leaf is a compacted sub-trie of at most a little over one
  * kilobyte), the arena array "free" (leaf numbers given back, reused first)
  * and, unless the tree was made with `scan` set, the arena array "params"
- * whose element 0 is the number of atoms. A small leaf (at most 126 bytes)
+ * whose element 0 is the number of atoms. A small leaf (at most 510 bytes)
  * is kept in a slot of the head tree's arrays instead of the leaf array, and
  * moves between the two as it grows or shrinks. When a leaf grows past its
  * limit it explodes: its upper levels move into the head tree and the rest

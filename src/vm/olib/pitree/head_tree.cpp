@@ -27,13 +27,13 @@ uint32_t GetU32(const uint8_t *p) {
 
 bool ParseSlotLeaf(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
   view->isLeaf = true;
-  view->leafLength = slot[1];
+  view->leafLength = uint32_t(slot[0] & 1) << 8 | slot[1];
   view->leaf = slot + kSlotLeafHeader;
   return view->leafLength > 0 && view->leafLength <= slotSize - kSlotLeafHeader;
 }
 
 bool ParseHead(const uint8_t *slot, uint32_t slotSize, HeadView *view) {
-  if (slot[0] == kSlotLeaf) return ParseSlotLeaf(slot, slotSize, view);
+  if ((slot[0] & ~1u) == kSlotLeaf) return ParseSlotLeaf(slot, slotSize, view);
   view->isLeaf = false;
   if ((slot[0] & ~kHasData) != 0) return false;
   view->hasData = (slot[0] & kHasData) != 0;
@@ -281,7 +281,7 @@ bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32
   const uint32_t length = uint32_t(bytes.size());
   qwassert_(length > 0 && length <= kSlotLeafMost);
   return StoreInSlot(tree, kSlotLeafHeader + length, ref, [&](uint8_t *slot) {
-    slot[0] = kSlotLeaf;
+    slot[0] = uint8_t(kSlotLeaf | length >> 8);
     slot[1] = uint8_t(length);
     std::memcpy(slot + kSlotLeafHeader, bytes.data(), length);
   });

@@ -80,7 +80,7 @@ uint32_t ArrayLeafLength(VMArena *arena, uint32_t leaf) {
 // a slot and gives its number back.
 TEST_F(PITreeTest, SmallLeafInTheLeafArrayReadsAndMovesToASlotOnChange) {
   Open();
-  const std::string tail(300, 'x');  // long enough for the leaf array
+  const std::string tail(300, 'x');  // two of them pass a slot's room
   ASSERT_EQ(Insert(FromText("ab" + tail), 1), 1u);
   ASSERT_EQ(Insert(FromText("ac" + tail), 2), 2u);
   // Leaf 0, the root, rewritten to hold "ab" -> 1 and "ac" -> 2: a node with
@@ -98,9 +98,10 @@ TEST_F(PITreeTest, SmallLeafInTheLeafArrayReadsAndMovesToASlotOnChange) {
   EXPECT_EQ(Enumerate({}, PITREE_DEPTH_UNLIMITED),
             (pittest::Listing{{FromText("ab"), 1}, {FromText("ac"), 2}, {FromText("ad"), 3}}));
   // The number given back is used again by the next leaf too large for a slot.
-  ASSERT_EQ(Insert(FromText("b" + tail), 4), 4u);
-  EXPECT_GT(ArrayLeafLength(arena, 0), 300u);
-  EXPECT_EQ(Find(FromText("b" + tail)), 4u);
+  const std::string longTail(600, 'x');
+  ASSERT_EQ(Insert(FromText("b" + longTail), 4), 4u);
+  EXPECT_GT(ArrayLeafLength(arena, 0), 600u);
+  EXPECT_EQ(Find(FromText("b" + longTail)), 4u);
 }
 
 TEST_F(PITreeTest, ClearReopenAndReadOnlyArena) {
