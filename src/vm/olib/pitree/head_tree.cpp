@@ -247,12 +247,15 @@ bool AllocateSlot(const PITree *tree, uint32_t cls, uint32_t *ref) {
 
 // Writes a slot's contents through `fill`, or into a new slot of the
 // smallest class holding `size` bytes when *ref is kNoRef or its class is
-// too small (the old slot is freed then, and *ref changes).
+// too small (the old slot is freed then, and *ref changes). With `tight`
+// the contents also move down when a smaller class holds them: a slot leaf
+// that shrank gives its room back. Head nodes stay where they are (a split
+// shrinks one in place under the reference that names it).
 template <typename Fill>
-bool StoreInSlot(const PITree *tree, uint32_t size, uint32_t *ref, Fill fill) {
-  if (*ref == kNoRef || size > kClassSize[ClassOf(*ref)]) {
-    const uint32_t cls = ClassFor(size);
-    qwassert_(cls < kClassCount);
+bool StoreInSlot(const PITree *tree, uint32_t size, bool tight, uint32_t *ref, Fill fill) {
+  const uint32_t cls = ClassFor(size);
+  qwassert_(cls < kClassCount);
+  if (*ref == kNoRef || size > kClassSize[ClassOf(*ref)] || (tight && cls < ClassOf(*ref))) {
     uint32_t moved = kNoRef;
     if (!AllocateSlot(tree, cls, &moved) || (*ref != kNoRef && !HeadFree(tree, *ref))) return false;
     *ref = moved;
@@ -274,13 +277,13 @@ bool HeadNew(const PITree *tree, const HeadNode &node, uint32_t *ref) {
 
 bool HeadStore(const PITree *tree, const HeadNode &node, uint32_t *ref) {
   qwassert_(node.skip.size() <= kMaxSkip);
-  return StoreInSlot(tree, node.EncodedSize(), ref, [&](uint8_t *slot) { Serialize(node, slot); });
+  return StoreInSlot(tree, node.EncodedSize(), false, ref, [&](uint8_t *slot) { Serialize(node, slot); });
 }
 
 bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *ref) {
   const uint32_t length = uint32_t(bytes.size());
   qwassert_(length > 0 && length <= kSlotLeafMost);
-  return StoreInSlot(tree, kSlotLeafHeader + length, ref, [&](uint8_t *slot) {
+  return StoreInSlot(tree, kSlotLeafHeader + length, true, ref, [&](uint8_t *slot) {
     slot[0] = uint8_t(kSlotLeaf | length >> 8);
     slot[1] = uint8_t(length);
     std::memcpy(slot + kSlotLeafHeader, bytes.data(), length);

@@ -137,9 +137,9 @@ class HeadSlot {
 // Gives a slot (head node or slot leaf) back to its class's free list.
 [[nodiscard]] bool HeadFree(const PITree *tree, uint32_t ref);
 // Stores leaf bytes (1 .. kSlotLeafMost of them) as a slot leaf: at *ref, a
-// slot leaf, when they fit its slot; else in a new slot of the smallest class
-// that holds them (*ref then changes and the old slot, if *ref named one, is
-// freed). *ref may be kNoRef for a new leaf.
+// slot leaf, when its class is the smallest that holds them; else in a new
+// slot of that class (*ref then changes and the old slot, if *ref named one,
+// is freed). *ref may be kNoRef for a new leaf.
 [[nodiscard]] bool SlotLeafStore(const PITree *tree, const std::vector<uint8_t> &bytes, uint32_t *ref);
 
 }  // namespace qw::pit

@@ -104,6 +104,38 @@ TEST_F(PITreeTest, SmallLeafInTheLeafArrayReadsAndMovesToASlotOnChange) {
   EXPECT_EQ(Find(FromText("b" + longTail)), 4u);
 }
 
+// Element `i` of the tree "words"' head index in the new generation.
+uint32_t HeadIndexAt(VMArena *arena, uint32_t i) {
+  uint8_t *scratch = nullptr;
+  uint32_t index = VMA_NO_ARRAY, end = 0, value = UINT32_MAX;
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
+  ArrayFree(scratch);
+  const void *p = VMAArrayRange_(arena, index, 0, 8192, i, &end, NEWGEN, 1, 4, 0);
+  EXPECT_NE(p, nullptr) << QWErrorMessage();
+  if (p) std::memcpy(&value, p, 4);
+  VMAArrayRelease_(arena, index, const_cast<void *>(p), 1);
+  return value;
+}
+
+// A slot leaf lives in the smallest slot class that holds it: it moves up
+// as it grows and back down as it shrinks, giving the larger slot back.
+TEST_F(PITreeTest, SlotLeavesMoveBetweenClassesAsTheyGrowAndShrink) {
+  Open();
+  auto key = [](uint32_t i) { return FromText("k" + std::string(20, char('a' + i))); };
+  auto rootClass = [&] { return HeadIndexAt(arena, 0) >> 28; };
+  ASSERT_EQ(Insert(key(0), 1), 1u);
+  EXPECT_EQ(rootClass(), 0u) << "one short key fits 32 bytes";
+  for (uint32_t i = 1; i < 12; ++i) ASSERT_EQ(Insert(key(i), i + 1), i + 1u);
+  EXPECT_EQ(rootClass(), 2u) << "twelve keys pass 128 bytes";
+  const uint32_t bigSlot = HeadIndexAt(arena, 0) & 0x0FFFFFFF;
+  for (uint32_t i = 1; i < 12; ++i) ASSERT_EQ(Remove(key(i)), i + 1u);
+  EXPECT_EQ(rootClass(), 0u);
+  EXPECT_EQ(HeadIndexAt(arena, 2 + 2), bigSlot) << "the 512-byte slot is on its class's free list";
+  ASSERT_TRUE(Commit());
+  Reopen();
+  EXPECT_EQ(Enumerate({}, PITREE_DEPTH_UNLIMITED), (pittest::Listing{{key(0), 1}}));
+}
+
 TEST_F(PITreeTest, ClearReopenAndReadOnlyArena) {
   Open();
   for (uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Insert({i, i * 7, 0xFFFFFFFFu}, i), i);
