@@ -12,7 +12,7 @@ run() {
   local name=$1 write=$2 list=$3 store=$work/$1
   i=0; eval "$write" >/dev/null || fail "$name: first write"
   eval "${list//\$dir/$store}" | md5sum >"$work/$name.states"
-  (for i in $(seq 1 30); do
+  (for i in $(seq 1 12); do
      eval "$write" >/dev/null || exit 1
      eval "${list//\$dir/$store}" | md5sum >>"$work/$name.states"
    done) &
@@ -32,8 +32,8 @@ run() {
     fail "$name: the compact copy of the quiet store differs"
 }
 run arena '"$qwvm" sfs "$work/arena" put f$i "$work/value"' '"$qwvm" sfs "$dir" ls; for f in $("$qwvm" sfs "$dir" ls | awk "{print \$2}"); do "$qwvm" sfs "$dir" get $f | md5sum; done'
-run strtable '"$qwvm" strtable "$work/strtable" set k$i "$(head -c $((i * 500)) "$work/value" | base64 -w0)"' '"$qwvm" strtable "$dir" list'
-run box 'head -c $((i * 400 + 1)) "$work/value" >"$work/v"; "$qwvm" box "$work/box" put $((i % 7)) "$work/v"' \
+run strtable '"$qwvm" strtable "$work/strtable" set k$i "$(head -c $((i * 1250)) "$work/value" | base64 -w0)"' '"$qwvm" strtable "$dir" list'
+run box 'head -c $((i * 1000 + 1)) "$work/value" >"$work/v"; "$qwvm" box "$work/box" put $((i % 7)) "$work/v"' \
   'for id in 0 1 2 3 4 5 6; do "$qwvm" box "$dir" get $id 2>/dev/null | md5sum; done'
 
 # A copy held (QWVMCOPYHOLD) after it read the generation files while two
