@@ -1,5 +1,5 @@
-// Fixture of the block-directory array tests: an array on the shared arena
-// fixture, and readers of its elements, blocks, directory and check report.
+// Fixture of the block-directory array tests: an array on the shared arena fixture, and readers of its elements,
+// blocks, directory and check report.
 #pragma once
 
 #include <optional>
@@ -91,9 +91,8 @@ class DBArrayTest : public olibtest::ArenaTest {
     return "physBucket = " + std::to_string(server) + ", physID = " + std::to_string(serverBlock);
   }
 
-  // Runs DBArrayCheck; returns the messages other than the per-bucket block
-  // counts and the closing "Done !", which it checks, as it checks that the
-  // result counts the other messages.
+  // Runs DBArrayCheck; returns the messages other than the per-bucket block counts and the closing "Done !", which it
+  // checks, as it checks that the result counts the other messages.
   std::vector<std::string> CheckProblems(uint32_t gen = NEWGEN) {
     qwtest::MessageCapture capture;
     uint32_t problems = DBArrayCheck(array, gen), bucketLines = 0;

@@ -1,7 +1,5 @@
-// Block-directory arrays against a model (one std::vector<std::string> per
-// bucket, both generations, DBArrayCheck clean after every step), across a
-// crash at each commit stop, and with committed readers and checkers beside
-// a writer.
+// Block-directory arrays against a model (one std::vector<std::string> per bucket, both generations, DBArrayCheck clean
+// after every step), across a crash at each commit stop, and with committed readers and checkers beside a writer.
 #include "dbarray_fixture.h"
 
 namespace {
@@ -17,8 +15,7 @@ struct ModelCase {
 
 class DBArrayModel : public dbatest::DBArrayTest, public ::testing::WithParamInterface<ModelCase> {
  protected:
-  // Lengths at the interesting places: tiny, the 1/2-byte prefix boundary,
-  // mid sizes, and the neighbourhood of 4090.
+  // Lengths at the interesting places: tiny, the 1/2-byte prefix boundary, mid sizes, and the neighbourhood of 4090.
   uint32_t RandomLength() {
     const uint32_t r = GetParam().tiny && rng() % 10 != 0 ? 0 : rng() % 100;
     if (r < 40) return rng() % 21;
@@ -119,9 +116,8 @@ INSTANTIATE_TEST_SUITE_P(Seeds, DBArrayModel,
                                            ModelCase{"many_handles", 41, 1, 0, 1, 3000, true}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// A crash at each commit stop: the reopened array holds exactly the old or
-// the new content (sets, resizes that split and merge blocks, adds), never a
-// mix, and keeps working.
+// A crash at each commit stop: the reopened array holds exactly the old or the new content (sets, resizes that split
+// and merge blocks, adds), never a mix, and keeps working.
 struct Stop {
   const char *name;
   bool committed;  // the reopened arena holds the new content
@@ -199,8 +195,7 @@ INSTANTIATE_TEST_SUITE_P(Stops, DBArrayCrash,
                                            Stop{"arenaflushcommitmemory0", true}),  // everything on disk
                          [](const auto &info) { return std::string(info.param.name); });
 
-// DBArrayCheck's workers and readers of the committed generation run while
-// one writer changes the new generation.
+// DBArrayCheck's workers and readers of the committed generation run while one writer changes the new generation.
 using DBArrayConcurrency = dbatest::DBArrayTest;
 
 TEST_F(DBArrayConcurrency, CheckersAndCommittedReadersRunBesideAWriter) {

@@ -1,6 +1,5 @@
-// Shared fixture of the structure tests: an arena whose structures are freed
-// first, raw access to its named arrays, the data-error check, a byte
-// pattern, and readers of the committed generation beside a writer.
+// Shared fixture of the structure tests: an arena whose structures are freed first, raw access to its named arrays, the
+// data-error check, a byte pattern, and readers of the committed generation beside a writer.
 #pragma once
 
 #include <atomic>
@@ -34,6 +33,14 @@ inline uint64_t LE(const void *p, size_t at, unsigned bytes) {
   return v;
 }
 inline uint64_t LE(const std::string &s, size_t at, unsigned bytes) { return LE(s.data(), at, bytes); }
+
+// A call that returned `got` (expected: `want`) and left error `code`.
+template <typename T, typename U>
+::testing::AssertionResult Fails(T got, U want, int code) {
+  if (got == static_cast<T>(want) && QWErrorIsSet() && QWErrorCode() == code) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "returned " << got << ", error " << (QWErrorIsSet() ? QWErrorCode() : 0)
+                                       << " " << QWErrorMessage() << "; wanted " << want << ", error " << code;
+}
 
 class ArenaTest : public qwtest::ArenaDirTest {
  public:
@@ -77,8 +84,8 @@ class ArenaTest : public qwtest::ArenaDirTest {
     VMAArrayRelease_(arena, id, at, 0);
   }
 
-  // The last call failed on stored damage: a data error (naming `named`),
-  // the arena tagged. The error is cleared unless `keep`.
+  // The last call failed on stored damage: a data error (naming `named`), the arena tagged. The error is cleared unless
+  // `keep`.
   void ExpectDataError(const char *named = nullptr, bool keep = false) {
     EXPECT_EQ(QWErrorClass(), QW_ERROR_CLASS_DATA) << QWErrorMessage();
     EXPECT_EQ(QWErrorCode(), 74) << QWErrorMessage();
@@ -88,9 +95,8 @@ class ArenaTest : public qwtest::ArenaDirTest {
   }
 };
 
-// `readers` threads call read(rng) (under the committed generation's lock
-// when `arena` is given) while `write` runs, until it is done and `minReads`
-// reads happened. Returns how many reads returned false.
+// `readers` threads call read(rng) (under the committed generation's lock when `arena` is given) while `write` runs,
+// until it is done and `minReads` reads happened. Returns how many reads returned false.
 inline uint32_t ReadersBesideWriter(VMArena *arena, uint32_t readers, uint32_t minReads,
                                     const std::function<bool(std::mt19937 &)> &read,
                                     const std::function<void()> &write) {

@@ -1,6 +1,5 @@
-// Runtimes of the committed generation (sharing the node entry cache and the
-// in-memory mirror) beside one writer that adds queries and commits: every
-// evaluation gives the matches of the round committed when it began.
+// Runtimes of the committed generation (sharing the node entry cache and the in-memory mirror) beside one writer that
+// adds queries and commits: every evaluation gives the matches of the round committed when it began.
 #include <atomic>
 
 #include "vm/olib/booleval/booleval_model.h"
@@ -44,8 +43,8 @@ TEST_F(BoolEvalConcurrency, CommittedRuntimesRunBesideAnAddingAndCommittingWrite
           VMArenaNewGenAcquire(arena, 0);
           for (const auto &[q, value] : rounds[r]) EXPECT_EQ(StoreQuery(eval, query, q, value), 1) << QWErrorMessage();
           VMArenaNewGenRelease(arena, 0);
-          // The commit step by step: readers are held off from the moment the
-          // arena's committed generation changes until the evaluator follows.
+          // The commit step by step: readers are held off from the moment the arena's committed generation changes
+          // until the evaluator follows.
           ASSERT_TRUE(VMArenaFlushStart(arena, nullptr, nullptr) && VMArenaFlushExec(arena) &&
                       VMArenaFlushCommitDisk(arena))
               << QWErrorMessage();

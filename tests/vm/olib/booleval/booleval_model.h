@@ -1,5 +1,5 @@
-// The evaluator's semantics written out by brute force, and random queries
-// and documents, shared by the model test and the fault campaign's workload.
+// The evaluator's semantics written out by brute force, and random queries and documents, shared by the model test and
+// the fault campaign's workload.
 #pragma once
 
 #include <algorithm>
@@ -24,8 +24,8 @@ using Query = std::vector<Conj>;
 using Doc = std::vector<std::pair<Lit, int>>;
 using Levels = std::vector<std::vector<uint32_t>>;
 
-// The semantics written out: a key with a sub also stands for (id, 0); a
-// conjunction holds when every positive atom is present and no negated one.
+// The semantics written out: a key with a sub also stands for (id, 0); a conjunction holds when every positive atom is
+// present and no negated one.
 inline Levels BruteForce(const std::vector<std::pair<Query, uint32_t>> &stored, const Doc &doc) {
   std::map<std::pair<uint32_t, uint32_t>, int> present;
   for (const auto &[lit, strength] : doc) {
@@ -93,8 +93,7 @@ inline int StoreQuery(BoolEval *eval, BoolQuery *scratch, const Query &query, ui
   return BoolEvalAdd(eval, scratch, value, NEWGEN);
 }
 
-// Evaluates `doc` in genID; strong atoms of sub 0 go through the batch call.
-// False (error chain set) when a call fails.
+// Evaluates `doc` in genID; strong atoms of sub 0 go through the batch call. False (error chain set) when a call fails.
 inline bool RunDoc(BoolEvalRuntime *runtime, const Doc &doc, uint32_t genID, Levels *levels) {
   if (!BoolEvalRuntimeStart(runtime, genID)) return false;
   for (const auto &[lit, strength] : doc) {

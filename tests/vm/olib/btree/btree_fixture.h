@@ -1,5 +1,5 @@
-// Fixture of the B-tree tests: a tree on the shared arena fixture, a
-// std::map model, readers of the tree and of raw nodes.
+// Fixture of the B-tree tests: a tree on the shared arena fixture, a std::map model, readers of the tree and of raw
+// nodes.
 #pragma once
 
 #include <map>

@@ -1,6 +1,5 @@
-// Both instantiations and value widths 1, 4, 5, 8 against std::map through
-// changes, neighbour queries, enumerations, commits, reopening and committed
-// reads, checked after every batch; a committed reader beside a writer.
+// Both instantiations and value widths 1, 4, 5, 8 against std::map through changes, neighbour queries, enumerations,
+// commits, reopening and committed reads, checked after every batch; a committed reader beside a writer.
 #include <algorithm>
 #include <random>
 
@@ -99,10 +98,9 @@ TEST_P(BTreeModel, RandomChangesCommitsAndReopen) {
   ASSERT_NO_FATAL_FAILURE(Verify(committed, rng, range, OLDGEN));
 }
 
-// A tree three levels deep, filled and emptied in random order: splits,
-// redistribution and merges of internal nodes, and the root giving up
-// levels. Run for the smallest fan-out and for the 5-byte values of the
-// value B-tree (son moves of internal nodes at a width other than 4).
+// A tree three levels deep, filled and emptied in random order: splits, redistribution and merges of internal nodes,
+// and the root giving up levels. Run for the smallest fan-out and for the 5-byte values of the value B-tree (son moves
+// of internal nodes at a width other than 4).
 using BTreeDeep = BTreeModel;
 
 TEST_P(BTreeDeep, FilledAndEmptiedAtThreeLevels) {
@@ -111,8 +109,7 @@ TEST_P(BTreeDeep, FilledAndEmptiedAtThreeLevels) {
   std::mt19937_64 rng(7 + shape.valueSize);
   const uint64_t leafMax = 8185 / (shape.keySize + shape.valueSize);
   const uint64_t innerMax = 8185 / (shape.keySize + shape.valueSize + 4);
-  // Redistribution on insert keeps nodes about 90% full: this is past what
-  // two levels hold.
+  // Redistribution on insert keeps nodes about 90% full: this is past what two levels hold.
   const uint64_t count = leafMax * innerMax;
   std::vector<uint64_t> keys(count);
   for (uint64_t i = 0; i < count; ++i) keys[i] = i * 3 + 1;
@@ -153,10 +150,9 @@ INSTANTIATE_TEST_SUITE_P(Widths, BTreeModel,
                                            Shape{8, 4}, Shape{8, 5}, Shape{8, 8}),
                          ShapeName);
 
-// Two records of one tree change it by turns, each in runs of nearby keys,
-// so that most descents start at the leaf the record's previous descent
-// reached, while the other record's splits, merges and new roots move the
-// leaves and separators around that leaf.
+// Two records of one tree change it by turns, each in runs of nearby keys, so that most descents start at the leaf the
+// record's previous descent reached, while the other record's splits, merges and new roots move the leaves and
+// separators around that leaf.
 TEST_F(BTreeTest, TwoRecordsOfOneTreeChangeItByTurns) {
   Open(8, 8);  // 511 entries per leaf
   BTree *other = BTreeNew(arena, kPath, kName, 0, 8, 8);
@@ -198,9 +194,8 @@ TEST_F(BTreeTest, TwoRecordsOfOneTreeChangeItByTurns) {
   BTreeFree(other, 8);
 }
 
-// A reader of the committed generation, with a tree record of its own, next
-// to a writer that commits as it goes: every walk of OLDGEN sees one whole
-// committed state (round r adds kPerRound keys of value r).
+// A reader of the committed generation, with a tree record of its own, next to a writer that commits as it goes: every
+// walk of OLDGEN sees one whole committed state (round r adds kPerRound keys of value r).
 using BTreeConcurrency = BTreeTest;
 
 TEST_F(BTreeConcurrency, CommittedStateReadWhileWriterChangesAndCommits) {

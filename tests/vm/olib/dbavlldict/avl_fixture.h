@@ -1,5 +1,5 @@
-// Fixture of the AVL dictionary tests: a dictionary on the shared arena
-// fixture, a std::map model, and raw access to the node records.
+// Fixture of the AVL dictionary tests: a dictionary on the shared arena fixture, a std::map model, and raw access to
+// the node records.
 #pragma once
 
 #include <map>

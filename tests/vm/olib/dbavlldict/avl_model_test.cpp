@@ -1,9 +1,7 @@
-// The AVL dictionary against a std::map: inserts, replaces, removes, finds
-// and nearest keys in all three directions, through commits, reopens and
-// committed reads, a sound AVL tree after every batch. A removal puts its
-// node on the free list, which an insert of a new key must find empty: so
-// removals run while it is empty, except in draining phases, which remove
-// until the tree is small and then clear it.
+// The AVL dictionary against a std::map: inserts, replaces, removes, finds and nearest keys in all three directions,
+// through commits, reopens and committed reads, a sound AVL tree after every batch. A removal puts its node on the free
+// list, which an insert of a new key must find empty: so removals run while it is empty, except in draining phases,
+// which remove until the tree is small and then clear it.
 #include <random>
 
 #include "avl_fixture.h"
@@ -133,9 +131,8 @@ INSTANTIATE_TEST_SUITE_P(Seeds, AVLModel,
                                            ModelCase{"mapped", 31, 20000, 100000, true}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// One dictionary record shared by a writer of the new generation and readers
-// of the committed one, who see exactly the committed entries. The record was
-// opened before its arrays were committed: the readers also race to find them.
+// One dictionary record shared by a writer of the new generation and readers of the committed one, who see exactly the
+// committed entries. The record was opened before its arrays were committed: the readers also race to find them.
 using AVLConcurrency = avltest::AVLTest;
 
 TEST_F(AVLConcurrency, ReadersOfTheCommittedGenerationRunBesideTheWriter) {

@@ -1,5 +1,5 @@
-// Fixture of the dictionary tests: the shared arena fixture, opened at set-up;
-// a test frees its dictionaries, commits, reopens the arena and them.
+// Fixture of the dictionary tests: the shared arena fixture, opened at set-up; a test frees its dictionaries, commits,
+// reopens the arena and them.
 #pragma once
 
 #include "vm/olib/olib_fixture.h"

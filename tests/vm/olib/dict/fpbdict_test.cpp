@@ -1,5 +1,5 @@
-// Fingerprint dictionaries over the B-tree: the WID allocation rule, Set,
-// holes, and a model across commits with enumeration order.
+// Fingerprint dictionaries over the B-tree: the WID allocation rule, Set, holes, and a model across commits with
+// enumeration order.
 #include <map>
 #include <random>
 

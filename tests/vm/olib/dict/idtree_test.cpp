@@ -1,11 +1,12 @@
-// ID trees against a model of the allocation rule (a counter and a last-in
-// first-out free list), Set, clear, and the string and fingerprint
-// dictionaries on them.
+// ID trees against a model of the allocation rule (a counter and a last-in first-out free list), Set, clear, the string
+// and fingerprint dictionaries on them, and the string dictionary's recoding table.
+#include <gtest/gtest.h>
 #include <map>
 #include <random>
 #include <vector>
 
 #include "dict_fixture.h"
+#include "vm/olib/strdict/recode_table.h"
 
 namespace {
 
@@ -65,8 +66,7 @@ TEST_F(IDTreeTest, SetMovesTheCounterAndHolesAreTheCallersAffair) {
   EXPECT_EQ(Size(), std::make_pair(uint64_t(43), uint64_t(42)));
   ASSERT_TRUE(IDTreeResetFreeList(tree));
   EXPECT_EQ(Create({8}, 1), 43u);
-  EXPECT_FALSE(IDTreeSet(tree, threadData, Atom{9}.data(), 1, IDTREE_NO_ID));
-  EXPECT_EQ(QWErrorCode(), 22);
+  EXPECT_TRUE(olibtest::Fails(IDTreeSet(tree, threadData, Atom{9}.data(), 1, IDTREE_NO_ID), 0, 22));
   // A clear empties everything, the free list too.
   ASSERT_TRUE(IDTreeSetHole(tree, 3));
   ASSERT_TRUE(IDTreeClear(tree, NEWGEN));
@@ -176,6 +176,28 @@ TEST_F(IDTreeTest, EveryFingerprintComesBackWhole) {
   EXPECT_EQ(found, model);
   FPDictEnumerationFree(walk);
   FPDictFree(dict);
+}
+
+TEST(RecodeTable, IsAPermutationWithItsInverse) {
+  const uint16_t *table = qw::strdict::RecodeTable();
+  std::vector<bool> seen(65536, false);
+  for (uint32_t c = 0; c < 65536; ++c) {
+    ASSERT_FALSE(seen[table[c]]) << "rank " << table[c] << " given twice, again to " << c;
+    seen[table[c]] = true;
+    ASSERT_EQ(qw::strdict::DecodeSymbol(table[c]), c);
+  }
+}
+
+TEST(RecodeTable, FixedRanks) {
+  const char letters[] = "eairsnotlcmduhpgbkfyvwzxjq";
+  for (uint32_t rank = 0; rank < 26; ++rank) EXPECT_EQ(qw::strdict::RecodeSymbol(letters[rank]), rank);
+  for (uint32_t d = 0; d < 10; ++d) EXPECT_EQ(qw::strdict::RecodeSymbol('0' + d), 26 + d);
+  EXPECT_EQ(qw::strdict::RecodeSymbol('A'), 0xFD39);
+  EXPECT_EQ(qw::strdict::RecodeSymbol(' '), 0xB09B);
+  EXPECT_EQ(qw::strdict::RecodeSymbol('/'), 0xB0B4);
+  // Letters with diacritics come right after the digits: frequent text stays in small symbols.
+  EXPECT_LT(qw::strdict::RecodeSymbol(0x00E9), 200u);  // é
+  EXPECT_GT(qw::strdict::RecodeSymbol(0x0007), qw::strdict::RecodeSymbol(0x4E00));  // controls last
 }
 
 }  // namespace

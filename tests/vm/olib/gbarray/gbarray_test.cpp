@@ -1,6 +1,5 @@
-// Growable bit arrays: the stored packing bit for bit, widening by
-// re-packing, a model through commits, reopenings and committed reads (values
-// of every width across element boundaries), and the assertions.
+// Growable bit arrays: the stored packing bit for bit, widening by re-packing, a model through commits, reopenings and
+// committed reads (values of every width across element boundaries), and the assertions.
 #include "vm/olib/olib_fixture.h"
 
 namespace {

@@ -1,7 +1,6 @@
-// Fixture of the large-element array tests: an array and its thread data on
-// the shared arena fixture, readers by element and by ranges, the stored
-// descriptors (through the block-directory array underneath) and a snapshot
-// of the arena's block allocation.
+// Fixture of the large-element array tests: an array and its thread data on the shared arena fixture, readers by
+// element and by ranges, the stored descriptors (through the block-directory array underneath) and a snapshot of the
+// arena's block allocation.
 #pragma once
 
 #include <ostream>
@@ -18,8 +17,8 @@ inline constexpr const char *kElementsPath = "bodies/ldbarray";
 
 inline std::string Pattern(uint32_t seed, uint32_t length) { return olibtest::Pattern(seed, length, 13); }
 
-// Per server the blocks in use, per size class the free list and the partly
-// used server block: equal snapshots mean the same blocks are allocated.
+// Per server the blocks in use, per size class the free list and the partly used server block: equal snapshots mean the
+// same blocks are allocated.
 struct Allocation {
   std::vector<uint64_t> values;
   bool operator==(const Allocation &) const = default;
@@ -107,8 +106,7 @@ class LDBArrayTest : public olibtest::ArenaTest {
     return value;
   }
 
-  // The raw element (a descriptor for an external one) through the
-  // block-directory array underneath.
+  // The raw element (a descriptor for an external one) through the block-directory array underneath.
   DBArray *ElementArray() {
     int created = 0;
     DBArray *elements = DBArrayNew(arena, &pathBuffer, kElementsPath, &created, 0, 1);

@@ -1,6 +1,5 @@
-// Offset maps: the stored groups and differences byte for byte, the zero
-// difference as the format defines it, a model through commits, reopenings
-// and committed reads, and the assertions.
+// Offset maps: the stored groups and differences byte for byte, the zero difference as the format defines it, a model
+// through commits, reopenings and committed reads, and the assertions.
 #include "vm/olib/olib_fixture.h"
 
 namespace {
@@ -33,16 +32,14 @@ class OffsetMapTest : public olibtest::ArenaTest {
 TEST_F(OffsetMapTest, GroupsAndDifferencesAreStoredAsSpecified) {
   Open(VM_FLAG_CREATE, 1);
   EXPECT_EQ(Stored("lengthCodeIndex", 4), (std::vector<uint64_t>{0}));
-  // Entries 0..17: differences 1, 127, 128, 129, then 1000 each; 16 starts
-  // a new group.
+  // Entries 0..17: differences 1, 127, 128, 129, then 1000 each; 16 starts a new group.
   std::vector<uint64_t> offsets = {5};
   const uint64_t steps[] = {1, 127, 128, 129};
   for (uint32_t i = 1; i < 18; ++i) offsets.push_back(offsets.back() + (i <= 4 ? steps[i - 1] : 1000));
   for (uint32_t i = 0; i < offsets.size(); ++i) ASSERT_EQ(OffsetMapAdd(map, offsets[i]), i) << QWErrorMessage();
 
   EXPECT_EQ(Stored("offset", 8), (std::vector<uint64_t>{offsets[0], offsets[16]}));
-  // 1 -> 02; 127 -> FE; 128 -> 01 02; 129 -> 03 02; 1000 -> D1 0E (x 11 in
-  // group 0, then one in group 1).
+  // 1 -> 02; 127 -> FE; 128 -> 01 02; 129 -> 03 02; 1000 -> D1 0E (x 11 in group 0, then one in group 1).
   std::vector<uint64_t> code = {0x02, 0xFE, 0x01, 0x02, 0x03, 0x02};
   for (int i = 0; i < 11; ++i) code.insert(code.end(), {0xD1, 0x0E});
   const uint64_t group1 = code.size();
@@ -58,9 +55,8 @@ TEST_F(OffsetMapTest, GroupsAndDifferencesAreStoredAsSpecified) {
   EXPECT_EQ(OffsetMapGet(map, 18, NEWGEN), far);
 }
 
-// Two equal offsets in a group: the zero difference is written as nothing,
-// while reading consumes a byte per difference. This is the stored format's
-// behaviour and is kept: the read runs on into the next difference.
+// Two equal offsets in a group: the zero difference is written as nothing, while reading consumes a byte per
+// difference. This is the stored format's behaviour and is kept: the read runs on into the next difference.
 TEST_F(OffsetMapTest, ZeroDifferenceWritesNoByte) {
   Open();
   for (uint64_t x = 0; x < 15; ++x) ASSERT_EQ(OffsetMapAdd(map, 10 * x), x);
@@ -73,8 +69,7 @@ TEST_F(OffsetMapTest, ZeroDifferenceWritesNoByte) {
   EXPECT_EQ(OffsetMapGet(map, 15, NEWGEN), 145u);  // read entry 17's difference
   EXPECT_EQ(OffsetMapGet(map, 16, NEWGEN), 140u);
   EXPECT_EQ(OffsetMapGet(map, 17, NEWGEN), 145u);
-  // With no difference behind it, the next read (here the next add's) runs
-  // past the stored bytes.
+  // With no difference behind it, the next read (here the next add's) runs past the stored bytes.
   ASSERT_EQ(OffsetMapAdd(map, 145), 18u);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(OffsetMapAdd(map, 150), "\\(\\(lengthCodeIndex\\)\\) < __arraylen__");

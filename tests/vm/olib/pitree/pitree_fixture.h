@@ -1,5 +1,5 @@
-// Fixture of the symbol-sequence tree tests: a tree on the shared arena
-// fixture, its thread data, and lookups, enumeration and a std::map model.
+// Fixture of the symbol-sequence tree tests: a tree on the shared arena fixture, its thread data, and lookups,
+// enumeration and a std::map model.
 #pragma once
 
 #include <cstdlib>
@@ -15,8 +15,7 @@ using Listing = std::vector<std::pair<Atom, uint64_t>>;
 
 inline Atom FromText(const std::string &text) { return Atom(text.begin(), text.end()); }
 
-// Operation counts of the randomized tests, divided by QWVM_TEST_SCALE (8
-// under the sanitizers unless set).
+// Operation counts of the randomized tests, divided by QWVM_TEST_SCALE (8 under the sanitizers unless set).
 inline uint32_t Scaled(uint32_t count) {
   const char *scale = std::getenv("QWVM_TEST_SCALE");
   uint32_t divisor = scale ? uint32_t(std::strtoul(scale, nullptr, 10)) : 1;

@@ -1,6 +1,5 @@
-// A tree against std::map: inserts, forced overwrites, removes and finds
-// through commits, reopenings, committed reads and enumerations by prefix
-// and depth; committed readers beside a writer.
+// A tree against std::map: inserts, forced overwrites, removes and finds through commits, reopenings, committed reads
+// and enumerations by prefix and depth; committed readers beside a writer.
 #include <random>
 
 #include "pitree_fixture.h"
@@ -11,8 +10,8 @@ using pittest::Atom;
 using pittest::Model;
 using pittest::PITreeTest;
 
-// Short atoms over a small alphabet, long ones sharing long prefixes (leaves
-// explode), URL-like paths, and symbols of every code length.
+// Short atoms over a small alphabet, long ones sharing long prefixes (leaves explode), URL-like paths, and symbols of
+// every code length.
 Atom RandomAtom(std::mt19937 &rng) {
   static const uint32_t kEdges[] = {0, 0x7F, 0x80, 0x407F, 0x4080, 0x20407F, 0x204080, 0x1020407F,
                                     0x10204080, 0xFFFFFFFE, 0xFFFFFFFF};
@@ -94,8 +93,8 @@ TEST_F(PITreeTest, RandomOperationsMatchAMapAcrossCommitsAndReopens) {
   ExpectEqual(*this, model, NEWGEN);
 }
 
-// Readers of the committed tree, each with its own thread data, beside one
-// writer changing the new generation (inserts that explode leaves, removes).
+// Readers of the committed tree, each with its own thread data, beside one writer changing the new generation (inserts
+// that explode leaves, removes).
 using PITreeConcurrency = PITreeTest;
 
 Atom AtomOf(uint32_t i) { return {i % 31, 0x4000 + i % 7, i, i % 3}; }

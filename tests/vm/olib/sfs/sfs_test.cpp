@@ -1,6 +1,5 @@
-// Small file store: files of every size across commits and reopenings, the
-// handle's generation bit, record gaps and reuse, and readers of the
-// committed generation beside a writer.
+// Small file store: files of every size across commits and reopenings, the handle's generation bit, record gaps and
+// reuse, and readers of the committed generation beside a writer.
 #include <map>
 
 #include "vm/olib/olib_fixture.h"
@@ -121,8 +120,8 @@ TEST_F(SFSTest, GapsAreFilledAndFreeIDsKeepTheirRecord) {
   EXPECT_EQ(Get("again", NEWGEN), "one");
 }
 
-// Readers of the committed generation never see a file half written or a
-// version that was not committed, while one writer sets and commits.
+// Readers of the committed generation never see a file half written or a version that was not committed, while one
+// writer sets and commits.
 TEST_F(SFSTest, ConcurrencyReadersOfTheCommittedGenerationBesideAWriter) {
   Open();
   constexpr int kFiles = 8;
