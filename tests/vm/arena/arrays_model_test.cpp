@@ -100,10 +100,15 @@ void ArraysModel::Step(ModelArray &m, std::mt19937 &rng) {
     }
   } else if (op < 88) {  // copy into the spare array, from either generation
     uint32_t generation = committedOnce && rng() % 2 ? OLDGEN : NEWGEN;
+    if (generation == OLDGEN && rng() % 4 == 0) {  // onto itself: back to its committed state
+      ASSERT_TRUE(VMAArrayCopy_(arena, m.id, 0, m.id, 0, OLDGEN, kBlock, e)) << QWErrorMessage();
+      m.data = m.committed;
+    }
     ASSERT_TRUE(VMAArrayCopy_(arena, copyTarget.id, 0, m.id, 0, generation, kBlock, e)) << QWErrorMessage();
     copyTarget.elementSize = e;
     copyTarget.data = generation == NEWGEN ? m.data : m.committed;
     ASSERT_EQ(ReadAll(arena, copyTarget.id, NEWGEN, e), copyTarget.data) << "copy of " << m.name;
+    ExpectLayout(arena, copyTarget.id, e);
   }
   VMArenaNewGenRelease(arena, 0);
   m.reachedFullLayout |= TypeOf(arena, m.id) == FULL_ARRAY_TYPE;

@@ -235,28 +235,6 @@ TEST_F(ArrayAssertions, ReadOnlyArenaRefusesWrites) {
   EXPECT_DEATH(VMArenaBlockNew(arena, 0, 64, nullptr, 0), "!arena->readOnly");
 }
 
-TEST_F(ArenaTest, CopyTakesEitherGeneration) {
-  ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
-  std::mt19937 rng(3);
-  uint32_t src = VMAArrayNew(arena, 0, kBlock, NEWGEN), dest = VMAArrayNew(arena, 0, kBlock, NEWGEN);
-  const Bytes first = RandomBytes(rng, 24 * 1000);
-  ASSERT_TRUE(VMAArrayAppend_(arena, src, 0, kBlock, first.data(), 1000, NEWGEN, 24));
-  ASSERT_TRUE(Commit()) << QWErrorMessage();
-  const Bytes second = RandomBytes(rng, 24 * 10), junk = RandomBytes(rng, 24 * 50);
-  ASSERT_TRUE(VMAArraySetRange_(arena, src, 0, kBlock, 335, second.data(), 10, NEWGEN, 24));
-  Bytes changed = first;
-  std::copy(second.begin(), second.end(), changed.begin() + 335 * 24);
-  ASSERT_TRUE(VMAArrayAppend_(arena, dest, 0, kBlock, junk.data(), 50, NEWGEN, 24));
-  ASSERT_TRUE(VMAArrayCopy_(arena, dest, 0, src, 0, NEWGEN, kBlock, 24));
-  EXPECT_EQ(ReadAll(arena, dest, NEWGEN, 24), changed);
-  ASSERT_TRUE(VMAArrayCopy_(arena, dest, 0, src, 0, OLDGEN, kBlock, 24));
-  EXPECT_EQ(ReadAll(arena, dest, NEWGEN, 24), first);
-  ASSERT_TRUE(VMAArrayCopy_(arena, src, 0, src, 0, OLDGEN, kBlock, 24));  // back to its committed state
-  EXPECT_EQ(ReadAll(arena, src, NEWGEN, 24), first);
-  EXPECT_EQ(ReadAll(arena, src, OLDGEN, 24), first);
-  ExpectLayout(arena, dest, 24);
-}
-
 TEST_F(ArenaTest, LockRegistrationAndTheRangeCache) {
   ASSERT_TRUE(Reopen(kCache, VM_FLAG_CREATE)) << QWErrorMessage();
   uint32_t id = VMAArrayNew(arena, 0, kBlock, NEWGEN);

@@ -91,25 +91,6 @@ TEST_F(ArenaTest, CreateWritesByteExactGenerationFilesAndReopens) {
   EXPECT_FALSE(Reopen(kCache));
 }
 
-TEST_F(ArenaTest, SerialisedArenaCreatedWithSerialZeroWritesSerialNames) {
-  ASSERT_TRUE(Reopen(kCacheSerial, VM_FLAG_CREATE)) << QWErrorMessage();
-  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.0")));
-  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.old.0")));
-  uint64_t o = 0, n = 0;
-  ASSERT_TRUE(VMArenaCommit(arena, &o, &n, 0)) << QWErrorMessage();
-  EXPECT_EQ(o, 1u);
-  EXPECT_EQ(n, 1u);
-  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
-  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.0")));  // kept until unlinked
-  EXPECT_FALSE(VMArenaUnlinkGeneration(arena, 1, 1));  // the current one: refused, nothing removed
-  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
-  ASSERT_TRUE(VMArenaUnlinkGeneration(arena, 0, 0));
-  EXPECT_FALSE(std::filesystem::exists(path("arena/arena.new.0")));
-  EXPECT_FALSE(std::filesystem::exists(path("arena/arena.old.0")));
-  serialOld = serialNew = 1;
-  EXPECT_TRUE(Reopen(kCacheSerial)) << QWErrorMessage();
-}
-
 // Every truncation of a generation file is refused; a byte flipped at any
 // offset fails the open cleanly or not at all, never a crash.
 TEST_F(ArenaTest, DamagedGenerationFilesNeverCrashTheOpen) {
@@ -205,14 +186,23 @@ TEST_F(AtomicFile, CommitMarksLiveInTheStatusFile) {
   QWErrorClear();
 }
 
-// A reader keeps an arena open read-only and mounts each generation the
-// writer commits, with its blocks and its array names.
+// A serialised arena created with serials 0 keeps each generation's files
+// until they are unlinked. A reader keeps it open read-only and mounts each
+// generation the writer commits, with its blocks and its array names.
 TEST_F(ArenaTest, ReadOnlyArenaMountsANewerSerialisedGeneration) {
   VMArena *writer = Open(kCacheSerial);
   ASSERT_NE(writer, nullptr) << QWErrorMessage();
+  for (const char *name : {"arena/arena.new.0", "arena/arena.old.0"}) EXPECT_TRUE(std::filesystem::exists(path(name)));
   const uint64_t id = VMArenaBlockNew(writer, 0, 8192, nullptr, 0);
   Fill(writer, id, 1);
   ASSERT_TRUE(Commit(writer));
+  EXPECT_EQ(std::pair(serialOld, serialNew), std::pair(uint64_t(1), uint64_t(1)));
+  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
+  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.0")));  // kept until unlinked
+  EXPECT_FALSE(VMArenaUnlinkGeneration(writer, 1, 1));              // the current one: refused, nothing removed
+  EXPECT_TRUE(std::filesystem::exists(path("arena/arena.new.1")));
+  ASSERT_TRUE(VMArenaUnlinkGeneration(writer, 0, 0));
+  for (const char *name : {"arena/arena.new.0", "arena/arena.old.0"}) EXPECT_FALSE(std::filesystem::exists(path(name)));
   VMArenaClose(writer);
 
   ASSERT_TRUE(Reopen(kCacheSerial, VM_FLAG_READ_ONLY)) << QWErrorMessage();

@@ -252,35 +252,26 @@ TEST_P(BoxDataTest, ForcedAndInjectedErrorsNameTheFailingStep) {
 using namespace qw::box;
 using Bytes = std::vector<uint8_t>;
 
+// (The printed texts of both records: BoxTest.RecordPrintersAndTheLogDump.)
 TEST(BoxRecordTest, UpdatesAndExtensionsHaveTheirExactBytes) {
-  const struct {
-    BoxUpdate update;
-    Bytes bytes;
-  } cases[] = {
+  const std::vector<std::pair<BoxUpdate, Bytes>> cases = {
       {{0x01020304, false, {255, 0}, 300}, {4, 3, 2, 1, 0x08, 255, 0, 0x59, 0x04}},
       {{7, true, {3}, 0}, {7, 0, 0, 0, 0x06, 3, 0x00}},
       {{9, false, Bytes(100, 1), 0xFFFFFFFF}, {9, 0, 0, 0, 0x91, 0x02}},  // then 100 classes, then the size
   };
-  for (const auto &c : cases) {
-    Bytes out;
-    EncodeBoxUpdate(c.update, &out);
-    EXPECT_EQ(Bytes(out.begin(), out.begin() + std::min(out.size(), c.bytes.size())), c.bytes);
+  Bytes out;
+  for (const auto &[update, bytes] : cases) {
+    EncodeBoxUpdate(update, &out);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + std::min(out.size(), bytes.size())), bytes);
     BoxUpdate back;
     ASSERT_TRUE(DecodeBoxUpdate(out.data(), out.size(), &back)) << QWErrorMessage();
     EXPECT_EQ(std::tuple(back.id, back.remove, back.oldClasses, back.sizeNew),
-              std::tuple(c.update.id, c.update.remove, c.update.oldClasses, c.update.sizeNew));
+              std::tuple(update.id, update.remove, update.oldClasses, update.sizeNew));
   }
-  Bytes out;
-  EncodeBoxUpdate(cases[2].update, &out);
   EXPECT_EQ(Bytes(out.begin() + 106, out.end()), Bytes({0xFF, 0xFF, 0xFF, 0xFF, 0x1E}));
   std::string text;
-  EncodeBoxUpdate(cases[0].update, &out);
-  EXPECT_EQ(FormatBoxRecord(16, out.data(), out.size(), &text), 1);
-  EXPECT_EQ(text, "BoxUpdate id 16909060, sizeNew = 300, gSizeOldLength = 2, gSizeOld = [ 255 0 ]\n");
   EncodeBoxDataExtend(512, &out);
   EXPECT_EQ(out, Bytes({0, 2, 0, 0}));
-  EXPECT_EQ(FormatBoxRecord(17, out.data(), out.size(), &text), 1);
-  EXPECT_EQ(text, "BoxDataExtend 512\n");
   EXPECT_EQ(FormatBoxRecord(5, out.data(), out.size(), &text), -1);
   EXPECT_EQ(FormatBoxRecord(16, out.data(), 3, &text), 0);
   const std::pair<Bytes, std::string> malformed[] = {
