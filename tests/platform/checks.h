@@ -1,6 +1,5 @@
-// One-line checks of a failing call: its result (0 or a null pointer) says
-// it failed and the calling thread's error chain has code `code` (-1: any)
-// and a message holding `text` (Fails) or exactly `text` (FailsExactly).
+// One-line checks of a failing call: its result (0 or a null pointer) says it failed and the calling thread's error
+// chain has code `code` (-1: any) and a message holding `text` (Fails) or exactly `text` (FailsExactly).
 #pragma once
 
 #include "support/platform_support.h"

@@ -59,9 +59,8 @@ TEST_F(Packed, MalformedInputFailsCleanly) {
   Write(std::vector<uint64_t>{0x100000000});  // a value too wide for the destination
   EXPECT_FALSE(Read(&out));
   EXPECT_TRUE(qwtest::HasDataError());
-  // Widths 0 and 9 (with data enough for one element), a huge count with
-  // little data (fails at the end of the file), every truncation of a valid
-  // file.
+  // Widths 0 and 9 (with data enough for one element), a huge count with little data (fails at the end of the file),
+  // every truncation of a valid file.
   std::vector<std::string> bad = {std::string("\x00\x01\x00\x00\x00", 5) + std::string(16, '\0'),
                                   std::string("\x09\x01\x00\x00\x00", 5) + std::string(16, '\0'),
                                   std::string("\x04\xFF\xFF\xFF\xFF\x01\x02", 7)};

@@ -8,8 +8,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Exact bytes of known values; every bit length round trips and every
-// truncation is detected; input that never ends or overflows is refused.
+// Exact bytes of known values; every bit length round trips, every cut is caught; endless or overflowing input fails.
 TEST(Varint, ExactBytesRoundTripsAndBadInput) {
   const std::pair<uint64_t, Bytes> cases[] = {
       {0, {0x00}},        {1, {0x02}},         {127, {0xFE}},

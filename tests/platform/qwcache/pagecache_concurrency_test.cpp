@@ -1,7 +1,5 @@
-// The page cache under real threads: pages loaded once however many threads
-// want them, lock-free hits racing with eviction, write-back under eviction
-// pressure, flush and invalidation racing with readers, failing loads with
-// waiters.
+// The page cache under real threads: pages loaded once however many threads want them, lock-free hits racing with
+// eviction, write-back under eviction pressure, flush and invalidation racing with readers, failing loads with waiters.
 // CI runs these suites again under ThreadSanitizer.
 #include <barrier>
 #include <mutex>
@@ -47,10 +45,9 @@ TEST_F(PageCacheConcurrency, SamePageIsLoadedOnce) {
             std::vector<uint64_t>({rounds, rounds, rounds * (threads - 1), 0}));
 }
 
-// Four threads read and write their own pages of three files through a cache
-// a third of the files' size, while a fifth flushes; the flusher excludes
-// writers the way the arena's flush lock does. Every read is checked against
-// the model, and the files against it at the end.
+// Four threads read and write their own pages of three files through a cache a third of the files' size, while a fifth
+// flushes; the flusher excludes writers the way the arena's flush lock does. Every read is checked against the model,
+// and the files against it at the end.
 TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
   MakeCache(64);
   const int threads = 4, files = 3;
@@ -96,9 +93,8 @@ TEST_F(PageCacheConcurrency, DisjointPagesMatchModel) {
   }
 }
 
-// Threads share one page, serialising their changes with their own lock, and
-// churn through other pages of an 8-page cache, so that now and then the
-// shared page is evicted, written back and read again (tens of times a run).
+// Threads share one page, serialising their changes with their own lock, and churn through other pages of an 8-page
+// cache, so that now and then the shared page is evicted, written back and read again (tens of times a run).
 TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
   MakeCache(8);
   const int threads = 4, increments = 1500;
@@ -131,11 +127,9 @@ TEST_F(PageCacheConcurrency, SharedPageSurvivesEvictionChurn) {
   EXPECT_GT(Stats().writes, 1u);  // only the shared page is ever dirty: written before the final flush too
 }
 
-// Hits take no lock, so they race with the eviction of the very frames they
-// pin: three threads read ten pages through an 8-page cache, so that most
-// reads hit and every miss evicts a frame that others are hitting. A hit on a
-// frame evicted under it would show another page's bytes. Every read counts
-// as one hit or one miss, and every miss loads its page once.
+// Hits take no lock, so they race with the eviction of the very frames they pin: three threads read ten pages through
+// an 8-page cache, so that most reads hit and every miss evicts a frame that others are hitting. A hit on a frame
+// evicted under it would show another page's bytes. Every read is one hit or one miss; every miss loads its page once.
 TEST_F(PageCacheConcurrency, HitsRaceWithEvictionOfTheirFrames) {
   MakeCache(8);
   const int threads = 3, reads = 20000;
@@ -159,9 +153,8 @@ TEST_F(PageCacheConcurrency, HitsRaceWithEvictionOfTheirFrames) {
   EXPECT_EQ(s.pinned, 0u);
 }
 
-// Readers check a file that never changes while another thread keeps
-// invalidating, prefetching and flushing it: pages detached or dropped under
-// them must never show wrong bytes or leak pins.
+// Readers check a file that never changes while another thread keeps invalidating, prefetching and flushing it: pages
+// detached or dropped under them must never show wrong bytes or leak pins.
 TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
   MakeCache(64);
   const uint64_t pages = 48;
@@ -188,14 +181,13 @@ TEST_F(PageCacheConcurrency, InvalidateAndPrefetchRaceWithReaders) {
   EXPECT_EQ(failures.load(), 0) << QWErrorMessage();
   EXPECT_EQ(Stats().pinned, 0u);
   EXPECT_LE(Stats().resident, pages);
-  // Every page detached under a reader was freed by whichever came last, the
-  // reader's release or the invalidation: none is left behind.
+  // Every page detached under a reader was freed by the last of its release and the invalidation: none is left.
   ASSERT_EQ(PageCacheInvalidateFile(cache_, Id(f)), 1);
   EXPECT_EQ(Stats().resident, 0u);
 }
 
-// A load that fails wakes the threads waiting for the page; each of them
-// then tries (and here fails) on its own, and no page is left behind.
+// A load that fails wakes the threads waiting for the page; each of them then tries (and here fails) on its own, and no
+// page is left behind.
 TEST_F(PageCacheConcurrency, FailingLoadWakesWaiters) {
   MakeCache(8);
   const int threads = 4;

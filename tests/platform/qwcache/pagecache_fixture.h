@@ -1,6 +1,5 @@
-// Shared fixture of the page cache tests: a cache, files filled with a
-// reproducible pattern and registered in it, and the files' bytes as the
-// disk has them (read past the cache).
+// Shared fixture of the page cache tests: a cache, files filled with a reproducible pattern and registered in it, and
+// the files' bytes as the disk has them (read past the cache).
 #pragma once
 
 #include <cstdint>
@@ -48,9 +47,7 @@ class PageCacheTest : public FaultTempDirTest {
   }
 
   void MakeCache(uint64_t pages) { ASSERT_NE(cache_ = PageCacheNew(pages * kPage, kPage), nullptr) << QWErrorMessage(); }
-
-  // Creates `name` holding `size` bytes of pattern `seed`, opens it read-write
-  // and registers it. Returns the index in files_.
+  // Creates `name` holding `size` bytes of pattern `seed`, opens it read-write and registers it; returns its index.
   size_t AddFile(const std::string &name, uint64_t size, uint32_t seed) {
     File file{path(name)};
     WriteFileBytes(file.path, Pattern(seed, 0, size));
@@ -70,10 +67,7 @@ class PageCacheTest : public FaultTempDirTest {
   }
 
   std::string Disk(size_t index, uint64_t offset, size_t size = kPage) const {
-    std::string bytes(size, '\0');
-    std::ifstream in(files_[index].path, std::ios::binary);
-    bytes.resize(in.seekg(std::streamoff(offset)).read(bytes.data(), std::streamsize(size)).gcount());
-    return bytes;
+    return ReadFileBytes(files_[index].path).substr(offset, size);
   }
 
   // Changes the file underneath the cache.
@@ -104,8 +98,7 @@ class PageCacheTest : public FaultTempDirTest {
     return page != nullptr;
   }
 
-  // Thread-safe (no assertion inside): reads page `p`, compares it with
-  // `expected` and releases it with the `keep` hint.
+  // Thread-safe (no assertion inside): reads page `p`, compares it with `expected`, releases it with hint `keep`.
   bool ReadMatches(size_t index, uint64_t p, const std::string &expected, int keep = 0) {
     void *page = nullptr;
     if (!PageCacheRead(cache_, files_[index].id, p * kPage, &page)) return false;

@@ -1,7 +1,5 @@
-// Single-threaded behaviour of the page cache: sizing, arguments, the
-// claim/SetValid protocol, flush, invalidation, pinning, hints, prefetch,
-// registration, I/O failures, and a randomized model test (hits, misses and
-// eviction with write-back through a cache smaller than its files).
+// Single-threaded page cache: sizing, arguments, claim/SetValid, flush, invalidation, pinning, hints, prefetch,
+// registration, I/O failures, and a model test through a cache smaller than its files.
 #include <set>
 
 #include "pagecache_fixture.h"
@@ -15,24 +13,18 @@ using qw::fault::FailNth;
 using qw::fault::Op;
 
 TEST(PageCacheCreate, SizesPagesAndShardsAndRejectsBadPageSizes) {
-  for (uint32_t pageSize : {0u, 1000u, 2048u, 4095u, 6000u, 12288u, 1u << 21}) {
-    EXPECT_EQ(PageCacheNew(1 << 20, pageSize), nullptr);
-    EXPECT_TRUE(HasExactError(22, "PageCacheNew: invalid page size " + std::to_string(pageSize)));
-  }
+  for (uint32_t pageSize : {0u, 1000u, 2048u, 4095u, 6000u, 12288u, 1u << 21})
+    EXPECT_TRUE(FailsExactly(PageCacheNew(1 << 20, pageSize), 22, "PageCacheNew: invalid page size " +
+                                                                      std::to_string(pageSize)));
   const struct {
     uint64_t capacity;
     uint32_t pageSize;
     uint64_t pages;
     uint32_t shards;
-  } cases[] = {
-      {0, 8192, PAGECACHE_MIN_PAGES, 1},     // raised to the minimum
-      {8192 * 8 + 8191, 8192, 8, 1},         // rounded down to whole pages
-      {8192 * 63, 8192, 63, 1},              // 2 shards would have 31 pages each
-      {8192 * 64, 8192, 64, 2},              //
-      {8192 * 100, 8192, 100, 2},            // 4 shards would have 25 each
-      {4096 * 1000, 4096, 1000, 16},         //
-      {uint64_t{64} << 20, 8192, 8192, 64},  // capped at 64 shards
-      {uint64_t{1} << 20, 65536, 16, 1},     //
+  } cases[] = {  // raised to the minimum, rounded down to whole pages; shards of 32 pages at least, 64 at most
+      {0, 8192, PAGECACHE_MIN_PAGES, 1}, {8192 * 8 + 8191, 8192, 8, 1},   {8192 * 63, 8192, 63, 1},
+      {8192 * 64, 8192, 64, 2},          {8192 * 100, 8192, 100, 2},      {4096 * 1000, 4096, 1000, 16},
+      {uint64_t{64} << 20, 8192, 8192, 64}, {uint64_t{1} << 20, 65536, 16, 1},
   };
   for (const auto &c : cases) {
     PageCache *cache = PageCacheNew(c.capacity, c.pageSize);
@@ -51,55 +43,50 @@ TEST(PageCacheCreate, SizesPagesAndShardsAndRejectsBadPageSizes) {
 TEST_F(PageCacheTest, RejectsBadArguments) {
   MakeCache(8);
   size_t f = AddFile("data", kPage, 1);
-  const std::pair<uint16_t, uint64_t> cases[] = {{Id(f), 100}, {Id(f), uint64_t{1} << 62}, {7, 0}, {65535, 0}};
-  const char *messages[] = {"offset 100 is not a multiple of the page size 8192",
-                            "offset 4611686018427387904 is too large", "file id 7 is not registered",
-                            "file id 65535 is not registered"};
-  for (size_t i = 0; i < 4; ++i) {
+  const struct {
+    uint16_t file;
+    uint64_t offset;
+    const char *message;
+  } cases[] = {{Id(f), 100, "offset 100 is not a multiple of the page size 8192"},
+               {Id(f), uint64_t{1} << 62, "offset 4611686018427387904 is too large"},
+               {7, 0, "file id 7 is not registered"}, {65535, 0, "file id 65535 is not registered"}};
+  for (const auto &c : cases) {
     int valid = 0;
-    EXPECT_EQ(PageCacheLookup(cache_, cases[i].first, cases[i].second, 1, &valid), nullptr);
+    EXPECT_TRUE(FailsExactly(PageCacheLookup(cache_, c.file, c.offset, 1, &valid), 22,
+                             std::string("PageCacheLookup: ") + c.message));
     EXPECT_EQ(valid, -1);
-    EXPECT_TRUE(HasExactError(22, std::string("PageCacheLookup: ") + messages[i]));
     void *page = nullptr;
-    EXPECT_EQ(PageCacheRead(cache_, cases[i].first, cases[i].second, &page), 0);
-    EXPECT_EQ(page, nullptr);
+    EXPECT_TRUE(Fails(PageCacheRead(cache_, c.file, c.offset, &page), 22) && page == nullptr);
   }
   EXPECT_TRUE(Fails(PageCacheLookup(cache_, Id(f), 0, 1, nullptr), 22));
-  for (auto call : {PageCacheFlushFile, PageCacheInvalidateFile, PageCacheUnregisterFile}) {
+  for (auto call : {PageCacheFlushFile, PageCacheInvalidateFile, PageCacheUnregisterFile})
     EXPECT_TRUE(Fails(call(cache_, 9), 22));
-  }
-  EXPECT_EQ(PageCachePrefetch(cache_, 9, 0, kPage), 0);
-  EXPECT_TRUE(HasExactError(22, "PageCachePrefetch: file id 9 is not registered"));
+  EXPECT_TRUE(
+      FailsExactly(PageCachePrefetch(cache_, 9, 0, kPage), 22, "PageCachePrefetch: file id 9 is not registered"));
   EXPECT_EQ(Stats().resident, 0u);
 }
 
 TEST_F(PageCacheTest, ClaimFillAndSetValid) {
   MakeCache(8);
   size_t f = AddFile("data", 4 * kPage, 3);
-  // Claim, fill, SetValid: later lookups see the caller's bytes.
-  int valid = -2;
+  int valid = -2;  // claim, fill, SetValid: later lookups see the caller's bytes
   void *page = PageCacheLookup(cache_, Id(f), 0, 1, &valid);
-  ASSERT_NE(page, nullptr);
-  EXPECT_EQ(valid, 0);
+  ASSERT_TRUE(page && valid == 0);
   const std::string mine = Pattern(99, 0, kPage);
   std::memcpy(page, mine.data(), kPage);
   PageCacheSetValid(cache_, page);
   PageCacheSetValid(cache_, page);  // harmless once valid
-  EXPECT_EQ(PageCacheLookup(cache_, Id(f), 0, 0, &valid), page);
-  EXPECT_EQ(valid, 1);
+  EXPECT_TRUE(PageCacheLookup(cache_, Id(f), 0, 0, &valid) == page && valid == 1);
   Release(page);
   Release(page, 1);
   EXPECT_EQ(Stats().reads, 0u);
   ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1) << QWErrorMessage();
   EXPECT_EQ(Disk(f, 0), mine);
 
-  // Claim and release without SetValid: the page is dropped.
-  page = PageCacheLookup(cache_, Id(f), kPage, 1, &valid);
-  ASSERT_NE(page, nullptr);
+  ASSERT_NE(page = PageCacheLookup(cache_, Id(f), kPage, 1, &valid), nullptr);  // released without SetValid: dropped
   std::memset(page, 0x5A, kPage);
   Release(page, 1);
-  EXPECT_EQ(PageCacheLookup(cache_, Id(f), kPage, 0, &valid), nullptr);
-  EXPECT_EQ(valid, 0);
+  EXPECT_TRUE(PageCacheLookup(cache_, Id(f), kPage, 0, &valid) == nullptr && valid == 0);
   ASSERT_EQ(PageCacheFlushFile(cache_, Id(f)), 1);
   EXPECT_EQ(Disk(f, kPage), Pattern(3, kPage, kPage));
 
@@ -115,32 +102,28 @@ TEST_F(PageCacheTest, ClaimFillAndSetValid) {
   EXPECT_EQ(Stats().pinned, 0u);
   EXPECT_EQ(Stats().reads, 1u);
 
-  // Reading into a page claimed for another offset is refused; so is a stale
-  // pointer left in *page (handing it back would return a page without a pin).
-  page = PageCacheLookup(cache_, Id(f), 3 * kPage, 1, &valid);
-  ASSERT_NE(page, nullptr);
+  // Reading into a page claimed for another offset is refused; so is a stale pointer left in *page (handing it back
+  // would return a page without a pin).
+  ASSERT_NE(page = PageCacheLookup(cache_, Id(f), 3 * kPage, 1, &valid), nullptr);
   void *wrong = page;
   EXPECT_TRUE(Fails(PageCacheRead(cache_, Id(f), kPage, &wrong), 22));
   void *stale = ReadPage(f, 0);
   Release(stale);
-  EXPECT_EQ(PageCacheRead(cache_, Id(f), 0, &stale), 0);
   const std::string file = std::to_string(Id(f));
-  EXPECT_TRUE(HasExactError(
-      22, "PageCacheRead: *page is neither NULL nor claimed by the calling thread for offset 0 of file " + file));
+  EXPECT_TRUE(FailsExactly(
+      PageCacheRead(cache_, Id(f), 0, &stale), 22,
+      "PageCacheRead: *page is neither NULL nor claimed by the calling thread for offset 0 of file " + file));
   EXPECT_EQ(Stats().pinned, 1u);
-  // The claiming thread looking its own page up again gets an error, not a
-  // deadlock.
-  EXPECT_EQ(PageCacheLookup(cache_, Id(f), 3 * kPage, 1, &valid), nullptr);
+  // The claiming thread looking its own page up again gets an error, not a deadlock.
+  EXPECT_TRUE(FailsExactly(PageCacheLookup(cache_, Id(f), 3 * kPage, 1, &valid), 35,
+                           "PageCacheLookup: page 3 of file " + file + " is being loaded by the calling thread"));
   EXPECT_EQ(valid, -1);
-  EXPECT_TRUE(HasExactError(35, "PageCacheLookup: page 3 of file " + file + " is being loaded by the calling thread"));
   Release(page);
   EXPECT_EQ(Stats().resident, 2u);
 }
 
-// A flush writes every dirty page of its file (also one pinned again), and
-// nothing of another file or of a page already clean. An invalidation drops
-// the file's pages unwritten: a dirty one is lost, a pinned one is detached
-// (its holder keeps the old bytes; released dirty, it changes nothing).
+// A flush writes every dirty page of its file (also one pinned again), nothing else. An invalidation drops the file's
+// pages unwritten: a dirty one is lost, a pinned one detached (released dirty, it changes nothing).
 TEST_F(PageCacheTest, FlushWritesAndInvalidateDropsPagesOfOneFile) {
   MakeCache(32);
   size_t a = AddFile("a", 6 * kPage, 1), b = AddFile("b", 6 * kPage, 2);
@@ -168,8 +151,7 @@ TEST_F(PageCacheTest, FlushWritesAndInvalidateDropsPagesOfOneFile) {
   EXPECT_EQ(Stats().resident, 2u);  // the other file's page and the detached one
   for (uint64_t p = 0; p < 6; ++p) {
     void *fresh = ReadPage(a, p * kPage);
-    EXPECT_NE(fresh, held);
-    EXPECT_EQ(Bytes(fresh), Pattern(8, p * kPage, kPage)) << p;
+    EXPECT_TRUE(fresh != held && Bytes(fresh) == Pattern(8, p * kPage, kPage)) << p;
     Release(fresh);
   }
   std::memset(held, 'y', kPage);
@@ -188,18 +170,16 @@ TEST_F(PageCacheTest, PinnedPagesAreNeverEvicted) {
   EXPECT_EQ(std::set<void *>(pins.begin(), pins.end()).size(), 8u);
   for (uint64_t p = 8; p < 12; ++p) {
     void *page = nullptr;
+    int valid = 0;
     EXPECT_EQ(PageCacheRead(cache_, Id(f), p * kPage, &page), 0);
     EXPECT_TRUE(FailsExactly(page, 12, "PageCacheLookup: no page can be had, all 8 pages of the shard are pinned"));
-    int valid = 0;
-    EXPECT_EQ(PageCacheLookup(cache_, Id(f), p * kPage, 1, &valid), nullptr);
-    EXPECT_EQ(valid, -1);
+    EXPECT_TRUE(Fails(PageCacheLookup(cache_, Id(f), p * kPage, 1, &valid), 12) && valid == -1);
   }
   for (uint64_t p = 0; p < 8; ++p) EXPECT_EQ(Bytes(pins[p]), Pattern(4, p * kPage, kPage));
   // One release makes room for exactly one more page.
   Release(pins[5]);
-  void *page = ReadPage(f, 8 * kPage);
-  EXPECT_EQ(page, pins[5]);
-  EXPECT_EQ(Bytes(page), Pattern(4, 8 * kPage, kPage));
+  EXPECT_EQ(ReadPage(f, 8 * kPage), pins[5]);
+  EXPECT_EQ(Bytes(pins[5]), Pattern(4, 8 * kPage, kPage));
   for (void *pin : pins) Release(pin);
   EXPECT_EQ(Stats().pinned, 0u);
 }
@@ -210,8 +190,7 @@ TEST_F(PageCacheTest, KeepHintsDelayEviction) {
   auto stream = [&](uint64_t first, uint64_t end) {
     for (uint64_t p = first; p < end; ++p) Release(ReadPage(f, p * kPage));
   };
-  // Page 0 released with keepLong outlives a stream of 100 other pages;
-  // page 1 without hints does not.
+  // Page 0 released with keepLong outlives a stream of 100 other pages; page 1 without hints does not.
   PageCacheRelease(cache_, ReadPage(f, 0), 0, 0, 1);
   stream(1, 102);
   EXPECT_TRUE(Resident(f, 0));
@@ -223,8 +202,8 @@ TEST_F(PageCacheTest, KeepHintsDelayEviction) {
   ASSERT_NE(pins.back(), nullptr);
   EXPECT_FALSE(Resident(f, 0));
   for (void *pin : pins) Release(pin);
-  // `keep` gives a second round: of two pages read back to back, the one kept
-  // survives a sweep that evicts the other; without the hint it goes first.
+  // `keep` gives a second round: of two pages read back to back, the one kept survives a sweep that evicts the other;
+  // without the hint it goes first.
   for (const int keep : {1, 0}) {
     const uint64_t base = keep ? 120 : 140, sweep = keep ? 130 : 160;
     stream(base, base + 8);
@@ -241,14 +220,12 @@ TEST_F(PageCacheTest, PrefetchBringsPagesInUnpinned) {
   size_t f = AddFile("data", 10 * kPage + 100, 6);
   // From the middle of page 2 to well past the end of the file: pages 2..10.
   ASSERT_EQ(PageCachePrefetch(cache_, Id(f), 2 * kPage + 5, 40 * kPage), 1) << QWErrorMessage();
-  EXPECT_EQ(Stats().reads, 9u);
-  EXPECT_EQ(Stats().resident, 9u);
-  EXPECT_EQ(Stats().pinned, 0u);
+  const PageCacheStats s = Stats();
+  EXPECT_EQ(std::vector<uint64_t>({s.reads, s.resident, s.pinned}), std::vector<uint64_t>({9, 9, 0}));
   for (uint64_t p = 2; p <= 10; ++p) {
     std::string expected = Pattern(6, p * kPage, p == 10 ? 100 : kPage);
     expected.resize(kPage, '\0');
-    EXPECT_TRUE(Resident(f, p));
-    EXPECT_TRUE(ReadMatches(f, p, expected)) << p;
+    EXPECT_TRUE(Resident(f, p) && ReadMatches(f, p, expected)) << p;
   }
   // Resident pages are not read again; an empty range does nothing.
   ASSERT_EQ(PageCachePrefetch(cache_, Id(f), 0, 4 * kPage), 1);
@@ -332,22 +309,19 @@ TEST_F(PageCacheTest, FailedReadLeavesNoHalfValidPage) {
   EXPECT_FALSE(Resident(f, 1));
   EXPECT_EQ(Stats().resident + Stats().reads, 0u);
   EXPECT_TRUE(ReadMatches(f, 1, Pattern(1, kPage, kPage)));
-  // Reading into a claimed page: on failure it stays the caller's, invalid,
-  // and the release drops it.
+  // Reading into a claimed page: on failure it stays the caller's, invalid, and the release drops it.
   FailNth(1, false, Bit(Op::Read), "data");
   int valid = -2;
-  page = PageCacheLookup(cache_, Id(f), 2 * kPage, 1, &valid);
-  ASSERT_NE(page, nullptr);
+  ASSERT_NE(page = PageCacheLookup(cache_, Id(f), 2 * kPage, 1, &valid), nullptr);
   void *filled = page;
   EXPECT_TRUE(Fails(PageCacheRead(cache_, Id(f), 2 * kPage, &filled), 5));
   Release(page);
   EXPECT_FALSE(Resident(f, 2));
   // Prefetch reports the failure too.
   FailNth(2, false, Bit(Op::Read), "data");
-  EXPECT_EQ(PageCachePrefetch(cache_, Id(f), 0, 4 * kPage), 0);
-  EXPECT_TRUE(HasError(5, "PageCachePrefetch: could not prefetch offset 16384 of file 0"));
-  EXPECT_EQ(Stats().pinned, 0u);
-  EXPECT_FALSE(Resident(f, 2));
+  EXPECT_TRUE(Fails(PageCachePrefetch(cache_, Id(f), 0, 4 * kPage), 5,
+                    "PageCachePrefetch: could not prefetch offset 16384 of file 0"));
+  EXPECT_TRUE(Stats().pinned == 0 && !Resident(f, 2));
 }
 
 TEST_F(PageCacheTest, FailedWriteBackKeepsThePageDirty) {
@@ -357,12 +331,11 @@ TEST_F(PageCacheTest, FailedWriteBackKeepsThePageDirty) {
   // Eviction: the victim's write-back fails, so the new page cannot be had.
   FailNth(1, false, Bit(Op::Write), "data");
   void *page = nullptr;
-  EXPECT_EQ(PageCacheRead(cache_, Id(f), 8 * kPage, &page), 0);
-  EXPECT_TRUE(HasError(5, "PageCacheLookup: could not write back page at offset"));
+  EXPECT_TRUE(
+      Fails(PageCacheRead(cache_, Id(f), 8 * kPage, &page), 5, "PageCacheLookup: could not write back page at offset"));
   EXPECT_EQ(Stats().dirty, 8u);
   EXPECT_EQ(Stats().resident, 8u);
-  // Flush: the failing page and the rest of its batch stay dirty; the next
-  // flush writes everything.
+  // Flush: the failing page and the rest of its batch stay dirty; the next flush writes everything.
   FailNth(3, false, Bit(Op::Write), "data");
   EXPECT_TRUE(Fails(PageCacheFlushFile(cache_, Id(f)), 5, "PageCacheFlushFile: could not write page at offset"));
   EXPECT_EQ(Stats().dirty, 6u);
@@ -381,16 +354,15 @@ TEST_F(PageCacheTest, FailedWriteBackKeepsThePageDirty) {
   EXPECT_EQ(Disk(f, 0), std::string(kPage, 'u'));
 }
 
-// Regression: the owner unregisters a file just before closing it; when
-// every page was written and only the closing sync failed, the file stayed
-// registered with a handle about to be closed.
+// Regression: when every page was written and only the sync of an unregistration (just before the owner closes the
+// file) failed, the file stayed registered with a handle about to be closed.
 TEST_F(PageCacheTest, FailedClosingSyncStillUnregistersTheFile) {
   MakeCache(8);
   size_t f = AddFile("data", 4 * kPage, 1);
   WritePage(f, kPage, std::string(kPage, 's'));
   FailNth(1, false, Bit(Op::Sync), "data");
-  EXPECT_EQ(PageCacheUnregisterFile(cache_, Id(f)), 0);
-  EXPECT_TRUE(HasError(5, "injected I/O error in sync \"" + files_[f].path + "\"", Match::Prefix));
+  EXPECT_TRUE(Fails(PageCacheUnregisterFile(cache_, Id(f)), 5, "injected I/O error in sync \"" + files_[f].path + "\"",
+                    Match::Prefix));
   EXPECT_TRUE(HasError(5, "PageCacheUnregisterFile: could not write back file"));
   EXPECT_EQ(Disk(f, kPage), std::string(kPage, 's'));
   EXPECT_EQ(Stats().resident, 0u);
@@ -400,8 +372,8 @@ TEST_F(PageCacheTest, FailedClosingSyncStillUnregistersTheFile) {
   EXPECT_TRUE(ReadMatches(f, 1, std::string(kPage, 's')));
 }
 
-// Random reads, writes, flushes and invalidations of flushed files over three
-// files and a cache much smaller than them, against an in-memory copy.
+// Random reads, writes, flushes and invalidations of flushed files over three files and a cache much smaller than them,
+// against an in-memory copy.
 TEST_F(PageCacheTest, RandomOperationsMatchModel) {
   MakeCache(12);
   const uint64_t pages = 30;
@@ -424,8 +396,7 @@ TEST_F(PageCacheTest, RandomOperationsMatchModel) {
     const uint32_t action = random() % 100;
     if (action < 95) {
       void *page = ReadPage(f, p * kPage);
-      ASSERT_NE(page, nullptr);
-      ASSERT_EQ(Bytes(page), model[f].substr(p * kPage, kPage)) << "step " << step;
+      ASSERT_TRUE(page && Bytes(page) == model[f].substr(p * kPage, kPage)) << "step " << step;
       if (action < 55) {
         PageCacheRelease(cache_, page, 0, random() % 8 == 0, random() % 64 == 0);
         continue;

@@ -1,5 +1,4 @@
-// HashDelTable against std::unordered_map: random inserts, finds and
-// deletes through several growths, clears and enumerations; bad arguments.
+// HashDelTable against std::unordered_map: inserts, finds and deletes through growths, clears, walks; bad arguments.
 #include <cstring>
 #include <random>
 #include <unordered_map>

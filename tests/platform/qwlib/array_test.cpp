@@ -5,8 +5,7 @@
 
 namespace {
 
-// Appends, shrinking and regrowing (old elements come back zeroed) and
-// growth, checked against a vector.
+// Appends, shrinking and regrowing (old elements come back zeroed) and growth, checked against a vector.
 TEST(GrowableArray, RandomOperationsMatchVector) {
   uint32_t *values = nullptr;
   EXPECT_EQ(ArrayLength(values) + ArrayCapacity(values), 0u);  // a null array is empty

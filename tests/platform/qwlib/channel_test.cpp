@@ -1,5 +1,4 @@
-// Buffered channels: round trips across buffer sizes, reads at the end of
-// the file, append and truncate modes, misuse, and failed flushes.
+// Buffered channels: round trips across buffer sizes, end of file, append and truncate, misuse, failed flushes.
 #include <cerrno>
 #include <cstring>
 
@@ -19,8 +18,8 @@ class ChannelTest : public qwtest::FaultTempDirTest {
   }
 };
 
-// Writes in random pieces (some larger than the buffer), then reads back in
-// random pieces mixing ReadBuf, ReadSome and ReadByte_, for several buffers.
+// Writes in random pieces (some larger than the buffer), then reads back in random pieces mixing ReadBuf, ReadSome and
+// ReadByte_, for several buffers.
 TEST_F(ChannelTest, RoundTripAcrossBufferSizes) {
   std::mt19937 random(77);
   for (size_t bufferSize : {1, 7, 64, 4096, 0}) {
@@ -119,8 +118,8 @@ TEST_F(ChannelTest, MisuseGivesErrors) {
   EXPECT_EQ(ReadFileBytes(path("f")), "");
 }
 
-// A flush that fails at close still frees the channel and reports the flush
-// error first; a failed explicit flush keeps the bytes for a retry.
+// A flush that fails at close still frees the channel and reports the flush error first; a failed explicit flush keeps
+// the bytes for a retry.
 TEST_F(ChannelTest, FailedFlushKeepsBytesAndCloseReportsIt) {
   namespace fault = qw::fault;
   QWChannel *channel = Open("f", "w", 64);

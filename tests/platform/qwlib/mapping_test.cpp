@@ -1,6 +1,5 @@
-// Memory mapping: writes through a mapping reach the file, segments at
-// offsets, refusal of bad segments (a short file must not turn into SIGBUS),
-// advice and loading.
+// Memory mapping: writes through a mapping reach the file, segments at offsets, refusal of bad segments (a short file
+// must not turn into SIGBUS), advice and loading.
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,8 +27,7 @@ TEST_F(MappingTest, WriteSyncAdviseAndRereadThroughTheFile) {
   ASSERT_EQ(page, uint64_t(sysconf(_SC_PAGESIZE)));
   QWFILE file = MakeFile("f", 4);
   auto *segment = static_cast<char *>(FileMapSegment(file, page, 2 * page, QW_MAP_READ | QW_MAP_WRITE));
-  ASSERT_NE(segment, nullptr) << QWErrorMessage();  // the middle two pages
-  EXPECT_EQ(std::string() + segment[0] + segment[2 * page - 1], "bc");
+  ASSERT_TRUE(segment && std::string() + segment[0] + segment[2 * page - 1] == "bc") << QWErrorMessage();  // pages 1, 2
   std::memcpy(segment + 10, "mapped", 6);
   std::memcpy(segment + page + 100, "second", 6);
   ASSERT_EQ(FileMapSync(segment + 10, 6), 1) << QWErrorMessage();  // unaligned range
@@ -51,8 +49,7 @@ TEST_F(MappingTest, WriteSyncAdviseAndRereadThroughTheFile) {
   ASSERT_EQ(QWFileWriteData(file, 3 * page + 1, "pw", 2), 1);
   auto *whole = static_cast<char *>(FileMapSegment(file, 0, 4 * page, QW_MAP_READ));
   ASSERT_NE(whole, nullptr);
-  EXPECT_EQ(std::string(whole + 3 * page, 3), "dpw");
-  EXPECT_EQ(std::string(whole + page + 9, 7) + whole[0], "bmappeda");
+  EXPECT_EQ(std::string(whole + 3 * page, 3) + std::string(whole + page + 9, 7) + whole[0], "dpwbmappeda");
   ASSERT_EQ(FileUnmap(whole, 4 * page), 1);
   ASSERT_EQ(QWFileClose(file), 1);
   const std::string disk = qwtest::ReadFileBytes(path("f"));
@@ -72,10 +69,10 @@ TEST_F(MappingTest, BadSegmentsAreRefused) {
       {4 * page, page, QW_MAP_READ},  // offset past the end
       {0, page, 4u},                  // unknown access bit
   };
-  for (const auto &c : cases) {
-    EXPECT_EQ(FileMapSegment(file, c.offset, c.length, c.access), nullptr) << c.offset << " " << c.length;
-    EXPECT_TRUE(qwtest::HasError(EINVAL, "could not map file \"" + path("f") + "\"", qwtest::Match::Prefix));
-  }
+  for (const auto &c : cases)
+    EXPECT_TRUE(qwtest::Fails(FileMapSegment(file, c.offset, c.length, c.access), EINVAL,
+                              "could not map file \"" + path("f") + "\"", qwtest::Match::Prefix))
+        << c.offset << " " << c.length;
   EXPECT_TRUE(qwtest::Fails(FileMapSegment(QWFILE_INVALID, 0, page, QW_MAP_READ), EINVAL));
   ASSERT_EQ(QWFileClose(file), 1);
   // Writable mapping of a read-only descriptor: the system refuses it.
@@ -85,15 +82,13 @@ TEST_F(MappingTest, BadSegmentsAreRefused) {
 }
 
 TEST_F(MappingTest, RemapGrowsAndShrinksKeepingTheBytes) {
-  const uint64_t page = PageSize();
   QWFILE file = MakeFile("f", 4);
   auto *segment = static_cast<char *>(FileMapSegment(file, 0, page, QW_MAP_READ | QW_MAP_WRITE));
   ASSERT_NE(segment, nullptr);
   segment[7] = 'W';  // not yet synced: the remapped segment must still see it
   auto *grown = static_cast<char *>(FileRemapSegment(file, segment, 0, page, 3 * page, QW_MAP_READ | QW_MAP_WRITE));
   ASSERT_NE(grown, nullptr) << QWErrorMessage();
-  EXPECT_EQ(grown[7], 'W');
-  EXPECT_EQ(grown[2 * page], 'c');
+  EXPECT_EQ(std::string() + grown[7] + grown[2 * page], "Wc");
   grown[2 * page + 1] = 'X';
   // Past the end of the file: refused, and the segment stays usable.
   QWErrorClear();
@@ -105,8 +100,7 @@ TEST_F(MappingTest, RemapGrowsAndShrinksKeepingTheBytes) {
   ASSERT_EQ(FileUnmap(shrunk, page), 1);
   ASSERT_EQ(QWFileClose(file), 1);
   const std::string bytes = qwtest::ReadFileBytes(path("f"));
-  EXPECT_EQ(bytes[7], 'W');
-  EXPECT_EQ(bytes[2 * page + 1], 'X');
+  EXPECT_EQ(std::string() + bytes[7] + bytes[2 * page + 1], "WX");
 }
 
 }  // namespace

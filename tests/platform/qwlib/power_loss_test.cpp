@@ -1,6 +1,5 @@
-// Simulated power loss through the fault seam. Each workload runs in a forked
-// child with durability tracking on; the child loses power and exits; the
-// parent then inspects what survived on disk.
+// Simulated power loss through the fault seam. Each workload runs in a forked child with durability tracking on; the
+// child loses power and exits; the parent then inspects what survived on disk.
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,19 +25,17 @@ class PowerLossTest : public qwtest::FaultTempDirTest {
   void Start(const DiskState &before) {
     for (const auto &entry : std::filesystem::directory_iterator(dir())) std::filesystem::remove_all(entry.path());
     for (const auto &[name, content] : before) {
-      if (content == "<dir>") std::filesystem::create_directories(P(name));
-      else qwtest::WriteFileBytes(P(name), content);
+      if (content == "<dir>") std::filesystem::create_directories(path(name));
+      else qwtest::WriteFileBytes(path(name), content);
     }
   }
-  // Start(before), then `workload` in a child with tracking on that loses
-  // power afterwards.
+  // Start(before), then `workload` in a child with tracking on that loses power afterwards.
   void RunThenLosePower(const DiskState &before, const Workload &workload, PowerLoss mode, uint64_t seed = 0) {
     Start(before);
     const qwtest::PowerLossRun run = qwtest::PowerLossChild(0, {mode, seed}, nullptr, workload);
     ASSERT_EQ(run.status, 2) << run.out;
   }
-  // Everything under the test directory, hidden names included (so that a
-  // leftover backup shows up as a difference).
+  // Everything under the test directory, hidden names included (so that a leftover backup shows up as a difference).
   DiskState State() const {
     DiskState state;
     for (const auto &entry : std::filesystem::recursive_directory_iterator(dir()))
@@ -50,7 +47,6 @@ class PowerLossTest : public qwtest::FaultTempDirTest {
     RunThenLosePower(before, workload, mode);
     EXPECT_EQ(State(), expected) << int(mode);
   }
-  std::string P(const std::string &name) const { return path(name); }
   // A path that lives as long as the test (for the C calls in a workload).
   const char *C(const std::string &name) { return names_.try_emplace(name, path(name)).first->second.c_str(); }
   std::map<std::string, std::string> names_;
@@ -74,8 +70,8 @@ char *Map(const std::string &path, size_t length, QWFILE *file) {
   return static_cast<char *>(FileMapSegment(*file, 0, length, QW_MAP_READ | QW_MAP_WRITE));
 }
 
-// Random writes, size changes and syncs of one file against two models: what
-// was last synced (Drop must leave exactly that) and everything (Keep).
+// Random writes, size changes and syncs of one file against two models: what was last synced (Drop must leave exactly
+// that) and everything (Keep).
 TEST_F(PowerLossTest, RandomWorkloadMatchesDurableAndCurrentModels) {
   struct Action {
     int kind;  // 0 write, 1 set size, 2 sync
@@ -85,7 +81,8 @@ TEST_F(PowerLossTest, RandomWorkloadMatchesDurableAndCurrentModels) {
   for (uint64_t seed = 1; seed <= 4; ++seed) {
     std::mt19937 random{uint32_t(seed)};
     std::vector<Action> actions;
-    std::string current(3000, 'i'), durable = current;
+    const std::string initial(3000, 'i');
+    std::string current = initial, durable = initial;
     for (int i = 0; i < 200; ++i) {
       Action a{int(random() % 10 < 6 ? 0 : random() % 2 + 1), random() % 4000, ""};
       if (a.kind == 0) {
@@ -100,28 +97,27 @@ TEST_F(PowerLossTest, RandomWorkloadMatchesDurableAndCurrentModels) {
     }
     const Workload workload = [&] {
       QWFILE f;
-      if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE)) return false;
+      if (!QWFileOpen(&f, C("f"), QWFILE_READ | QWFILE_WRITE)) return false;
       for (const Action &a : actions)
         if (!(a.kind == 0 ? Write(f, a.offset, a.bytes) : a.kind == 1 ? QWFileSetSize(f, a.offset) : QWFileSync(f)))
           return false;
       return QWFileClose(f) == 1;
     };
     SCOPED_TRACE(testing::Message() << "seed " << seed);
-    ExpectAfterLoss({{"f", std::string(3000, 'i')}}, workload, PowerLoss::Drop, {{"f", durable}});
-    ExpectAfterLoss({{"f", std::string(3000, 'i')}}, workload, PowerLoss::Keep, {{"f", current}});
+    ExpectAfterLoss({{"f", initial}}, workload, PowerLoss::Drop, {{"f", durable}});
+    ExpectAfterLoss({{"f", initial}}, workload, PowerLoss::Keep, {{"f", current}});
   }
 }
 
-// Names: a created file, a rename and a removal, new directories and a
-// rename between directories survive only once their directories are synced.
+// Names: a created file, a rename and a removal, new directories and a rename between directories survive only once
+// their directories are synced.
 TEST_F(PowerLossTest, NameOperationsNeedTheirDirectoriesSynced) {
   for (const bool first : {false, true}) {
     for (const bool second : {false, true}) {
       SCOPED_TRACE(testing::Message() << "first sync " << first << ", second sync " << second);
       // A new file: first = file sync, second = directory sync.
-      ExpectAfterLoss(
-          {}, [&] { return CreateFile(P("new"), "content", first) && (!second || DirectorySync(dir().c_str())); },
-          PowerLoss::Drop, second ? DiskState{{"new", first ? "content" : ""}} : DiskState{});
+      ExpectAfterLoss({}, [&] { return CreateFile(C("new"), "content", first) && (!second || DirectorySync(C(""))); },
+                      PowerLoss::Drop, second ? DiskState{{"new", first ? "content" : ""}} : DiskState{});
       // Across directories: first = source synced, second = target synced.
       ExpectAfterLoss(
           {{"a", "<dir>"}, {"b", "<dir>"}, {"a/x", "X"}},
@@ -134,28 +130,22 @@ TEST_F(PowerLossTest, NameOperationsNeedTheirDirectoriesSynced) {
       DiskState made;
       if (first) made["a"] = "<dir>";
       if (first && second) made.insert({{"a/b", "<dir>"}, {"a/b/f", "F"}});
-      ExpectAfterLoss(
-          {},
-          [&] {
-            return DirectoryCreate(C("a/b")) && CreateFile(P("a/b/f"), "F", true) && DirectorySync(C("a/b")) &&
-                   (!first || DirectorySync(dir().c_str())) && (!second || DirectorySync(C("a")));
-          },
-          PowerLoss::Drop, made);
+      ExpectAfterLoss({}, [&] {
+        return DirectoryCreate(C("a/b")) && CreateFile(C("a/b/f"), "F", true) && DirectorySync(C("a/b")) &&
+               (!first || DirectorySync(C(""))) && (!second || DirectorySync(C("a")));
+      }, PowerLoss::Drop, made);
     }
     // A rename and a removal in one directory.
     const DiskState before{{"old", "OLD"}, {"target", "TGT"}, {"gone", "GONE"}};
-    ExpectAfterLoss(
-        before,
-        [&] {
-          return FileRename(C("old"), C("target")) && FileRemove(C("gone")) && (!first || DirectorySync(dir().c_str()));
-        },
-        PowerLoss::Drop, first ? DiskState{{"target", "OLD"}} : before);
+    ExpectAfterLoss(before, [&] {
+      return FileRename(C("old"), C("target")) && FileRemove(C("gone")) && (!first || DirectorySync(C("")));
+    }, PowerLoss::Drop, first ? DiskState{{"target", "OLD"}} : before);
   }
   // The usual replace-by-rename commit without its final directory sync.
   for (const PowerLoss mode : {PowerLoss::Drop, PowerLoss::Keep})
-    ExpectAfterLoss(
-        {{"target", "TGT"}}, [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
-        mode, {{"target", mode == PowerLoss::Drop ? "TGT" : "NEW"}});
+    ExpectAfterLoss({{"target", "TGT"}}, [&] {
+      return CreateFile(C("tmp"), "NEW", true) && FileRename(C("tmp"), C("target"));
+    }, mode, {{"target", mode == PowerLoss::Drop ? "TGT" : "NEW"}});
 }
 
 TEST_F(PowerLossTest, MappedWritesNeedASync) {
@@ -168,26 +158,21 @@ TEST_F(PowerLossTest, MappedWritesNeedASync) {
       SCOPED_TRACE(testing::Message() << c.syncFirstPage << c.unmap << c.fileSync);
       const bool firstKept = mode == PowerLoss::Keep || c.syncFirstPage || c.fileSync;
       const bool secondKept = mode == PowerLoss::Keep || c.fileSync;
-      ExpectAfterLoss(
-          {{"m", std::string(2 * page, 'x')}},
-          [&] {
-            QWFILE file;
-            char *bytes = Map(P("m"), 2 * page, &file);
-            if (!bytes) return false;
-            std::memset(bytes, 'y', page);
-            if (c.syncFirstPage && !FileMapSync(bytes, page)) return false;
-            std::memset(bytes + page, 'z', page);
-            if (c.unmap && !FileUnmap(bytes, 2 * page)) return false;
-            return !c.fileSync || QWFileSync(file);
-          },
-          mode, {{"m", std::string(page, firstKept ? 'y' : 'x') + std::string(page, secondKept ? 'z' : 'x')}});
+      ExpectAfterLoss({{"m", std::string(2 * page, 'x')}}, [&] {
+        QWFILE file;
+        char *bytes = Map(C("m"), 2 * page, &file);
+        if (!bytes) return false;
+        std::memset(bytes, 'y', page);
+        if (c.syncFirstPage && !FileMapSync(bytes, page)) return false;
+        std::memset(bytes + page, 'z', page);
+        return (!c.unmap || FileUnmap(bytes, 2 * page)) && (!c.fileSync || QWFileSync(file));
+      }, mode, {{"m", std::string(page, firstKept ? 'y' : 'x') + std::string(page, secondKept ? 'z' : 'x')}});
     }
   }
 }
 
-// Garble touches pending ranges only, reproducibly for a seed, and over a
-// few seeds keeps, drops and garbles some of them: pending writes of a file,
-// and the changed span of each page of a mapping.
+// Garble touches pending ranges only, reproducibly for a seed, and over a few seeds keeps, drops and garbles some of
+// them: pending writes of a file, and the changed span of each page of a mapping.
 TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
   enum Outcome { Kept, Dropped, Garbled };
   constexpr int kRanges = 24, kPages = 4;
@@ -207,8 +192,7 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
       {"f", original, kRanges, [](int i) { return i * kStride; }, kLength,
        [&] {
          QWFILE f;
-         if (!QWFileOpen(&f, P("f").c_str(), QWFILE_READ | QWFILE_WRITE) || !Write(f, kSyncedAt, synced) ||
-             !QWFileSync(f))
+         if (!QWFileOpen(&f, C("f"), QWFILE_READ | QWFILE_WRITE) || !Write(f, kSyncedAt, synced) || !QWFileSync(f))
            return false;
          for (int i = 0; i < kRanges; ++i)
            if (!Write(f, i * kStride, std::string(kLength, char('A' + i)))) return false;
@@ -217,7 +201,7 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
       {"m", std::string(kPages * page, 'x'), kPages, [&](int p) { return p * page + kMapAt; }, kMapLength,
        [&] {
          QWFILE file;
-         char *bytes = Map(P("m"), kPages * page, &file);
+         char *bytes = Map(C("m"), kPages * page, &file);
          for (int p = 0; bytes && p < kPages; ++p) std::memset(bytes + p * page + kMapAt, 'A' + p, kMapLength);
          return bytes != nullptr;
        }},
@@ -227,7 +211,7 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
     for (uint64_t seed = 1; seed <= 6; ++seed) {
       SCOPED_TRACE(testing::Message() << kind.name << ", seed " << seed);
       RunThenLosePower({{kind.name, kind.original}}, kind.workload, PowerLoss::Garble, seed);
-      const std::string after = ReadFileBytes(P(kind.name));
+      const std::string after = ReadFileBytes(path(kind.name));
       ASSERT_EQ(after.size(), kind.original.size());
       std::string expected = kind.original;  // with the pending ranges copied from `after`
       if (kind.ranges == kRanges) expected.replace(kSyncedAt, kLength, synced);  // the file's synced write
@@ -240,15 +224,14 @@ TEST_F(PowerLossTest, GarbleChangesOnlyPendingRangesReproducibly) {
       }
       EXPECT_EQ(after, expected);
       RunThenLosePower({{kind.name, kind.original}}, kind.workload, PowerLoss::Garble, seed);
-      EXPECT_EQ(ReadFileBytes(P(kind.name)), after) << "same seed, different result";
+      EXPECT_EQ(ReadFileBytes(path(kind.name)), after) << "same seed, different result";
     }
     EXPECT_TRUE(outcomes[Kept] && outcomes[Dropped] && outcomes[Garbled]) << kind.name;
   }
 }
 
-// Garbled name operations stay consistent: an operation on a name that a
-// lost operation produced is lost too, so every outcome is the state after
-// some prefix of the operations.
+// Garbled name operations stay consistent: an operation on a name that a lost operation produced is lost too, so every
+// outcome is the state after some prefix of the operations.
 TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
   const struct {
     DiskState before;
@@ -256,7 +239,7 @@ TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
     std::set<DiskState> allowed;  // the states some prefix of the operations leaves
   } scenarios[] = {
       {{{"target", "OLD"}},  // create then rename over a file
-       [&] { return CreateFile(P("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
+       [&] { return CreateFile(C("tmp"), "NEW", true) && FileRename(C("tmp"), C("target")); },
        {{{"target", "OLD"}}, {{"target", "OLD"}, {"tmp", "NEW"}}, {{"target", "NEW"}}}},
       {{{"a", "A"}, {"b", "B"}},  // chained renames
        [&] { return FileRename(C("a"), C("b")) && FileRename(C("b"), C("c")); },
@@ -273,9 +256,8 @@ TEST_F(PowerLossTest, GarbleKeepsNameOperationsConsistent) {
   }
 }
 
-// Versions of "data" committed by write-new, sync, rename, sync-directory,
-// and a mapped counter page synced after each commit. Stops normally after
-// `stopAfterSyncs` syncs (0: runs to the end).
+// Versions of "data" committed by write-new, sync, rename, sync-directory, and a mapped counter page synced after each
+// commit. Stops normally after `stopAfterSyncs` syncs (0: runs to the end).
 bool CommitVersions(const std::string &dir, int stopAfterSyncs) {
   int syncs = 0;
   const auto stop = [&] { return ++syncs == stopAfterSyncs; };
@@ -301,8 +283,7 @@ bool CommitVersions(const std::string &dir, int stopAfterSyncs) {
   return QWFileClose(counterFile) == 1;
 }
 
-// Crashing at every sync of the workload leaves exactly the state that a
-// clean stop after some earlier sync leaves, and never goes backwards.
+// A crash at any sync of the workload leaves exactly the state of a clean stop at some earlier sync, never going back.
 TEST_F(PowerLossTest, CrashAtEverySyncLeavesASyncedPrefix) {
   const DiskState initial{{"data", "version 0"}, {"counter", std::string(PageSize(), '0')}};
   const Workload commit = [&] { return CommitVersions(dir(), 0); };

@@ -1,7 +1,6 @@
-// SyncRound: every item synced once (directories deduplicated), really made
-// durable (checked across a simulated power loss), a failure carried from
-// the worker thread with its whole error chain, and rounds of many threads
-// and of a child of fork running their items at once.
+// SyncRound: every item synced once (directories deduplicated), really made durable (checked across a simulated power
+// loss), a failure carried from the worker thread with its whole error chain, and rounds of many threads and of a child
+// of fork running their items at once.
 #include "platform/qwlib/sync_round.h"
 
 #include <unistd.h>
@@ -110,8 +109,7 @@ TEST(SyncRoundConcurrency, RoundsOfManyThreadsRunEachItemOnceAndAChildOfForkMake
   for (int t = 0; t < kThreads; ++t) threads.emplace_back(runRounds, t);
   for (std::thread &thread : threads) thread.join();
   for (size_t slot = 0; slot < runs.size(); ++slot) ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
-  // The items of a round run at once: each waits until all have started,
-  // here and in a child of fork.
+  // The items of a round run at once: each waits until all have started, here and in a child of fork.
   auto allAtOnce = [] {
     std::atomic<int> started{0};
     qw::SyncRound round;

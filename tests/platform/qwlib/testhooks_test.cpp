@@ -36,8 +36,7 @@ TEST_F(TestHooks, CrashStopFiresOnlyForItsNameAndDirectory) {
   }
 }
 
-// Without QWRETURNFALSEFUZZ (or with 0, counted as 1) the named function
-// always fails; with N, about one call in N.
+// Without QWRETURNFALSEFUZZ (or with 0, counted as 1) the named function always fails; with N, about one call in N.
 TEST_F(TestHooks, ForcedErrorFailsTheNamedFunction) {
   QWSetEnvironmentVariable("QWRETURNFALSE", "VMArenaCommit");
   EXPECT_EQ(QWForcedError("VMArenaFlushExec", 2, 0), 0);

@@ -3,20 +3,8 @@
 
 namespace {
 
-// Runs `body(argument)` on `count` threads; each join must succeed and
-// return `argument`.
-void RunThreads(int count, void *(*body)(void *), void *argument) {
-  std::vector<QWThread *> threads;
-  for (int i = 0; i < count; ++i) threads.push_back(ThreadCreate(body, argument));
-  for (QWThread *thread : threads) {
-    void *result = nullptr;
-    ASSERT_TRUE(ThreadJoin(thread, &result));
-    EXPECT_EQ(result, argument);
-  }
-}
-
-// Writers (every tenth turn) exclude readers and each other; a plain counter
-// under the write lock stays exact; a lazily made mutex is made once.
+// Writers (every tenth turn) exclude readers and each other; a plain counter under the write lock stays exact; a lazily
+// made mutex is made once.
 struct Shared {
   QWRWLock *lock = RWLockInit();
   QWMutex *lazy = nullptr;
@@ -28,28 +16,32 @@ struct Shared {
 
 TEST(ThreadsConcurrency, LocksExcludeAndLazyMutexIsMadeOnce) {
   Shared shared;
-  RunThreads(
-      4,
-      [](void *argument) -> void * {
-        auto *s = static_cast<Shared *>(argument);
-        s->seen[s->next++] = MutexInit_(&s->lazy);
-        for (int i = 0; i < 4000; ++i) {
-          const bool write = i % 10 == 0;
-          if (write) RWLockAcquireWrite_(s->lock);
-          else RWLockAcquireRead_(s->lock);
-          std::atomic<int> &mine = write ? s->writers : s->readers;
-          if (mine.fetch_add(1) != 0 && write) s->overlap = true;
-          if ((write ? s->readers : s->writers).load() != 0) s->overlap = true;
-          if (write) ++s->counter;
-          mine.fetch_sub(1);
-          RWLockRelease_(s->lock);
-          MutexAcquire(s->lazy);
-          ++s->locked;
-          MutexRelease(s->lazy);
-        }
-        return argument;
-      },
-      &shared);
+  auto body = [](void *argument) -> void * {
+    auto *s = static_cast<Shared *>(argument);
+    s->seen[s->next++] = MutexInit_(&s->lazy);
+    for (int i = 0; i < 4000; ++i) {
+      const bool write = i % 10 == 0;
+      if (write) RWLockAcquireWrite_(s->lock);
+      else RWLockAcquireRead_(s->lock);
+      std::atomic<int> &mine = write ? s->writers : s->readers;
+      if (mine.fetch_add(1) != 0 && write) s->overlap = true;
+      if ((write ? s->readers : s->writers).load() != 0) s->overlap = true;
+      if (write) ++s->counter;
+      mine.fetch_sub(1);
+      RWLockRelease_(s->lock);
+      MutexAcquire(s->lazy);
+      ++s->locked;
+      MutexRelease(s->lazy);
+    }
+    return argument;
+  };
+  std::vector<QWThread *> threads;
+  for (int i = 0; i < 4; ++i) threads.push_back(ThreadCreate(body, &shared));
+  for (QWThread *thread : threads) {  // each join succeeds and returns the argument
+    void *result = nullptr;
+    ASSERT_TRUE(ThreadJoin(thread, &result));
+    EXPECT_EQ(result, &shared);
+  }
   EXPECT_FALSE(shared.overlap.load());
   EXPECT_EQ(shared.counter, 4 * 400);
   EXPECT_EQ(shared.locked, 4 * 4000);

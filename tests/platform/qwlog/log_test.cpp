@@ -1,8 +1,6 @@
-// Serial-numbered log: round trips forwards and backwards over rollover,
-// torn tails at every cut and garble of the last record, damage anywhere
-// else as an error naming file and serial, truncation crashed at each of
-// its syncs, and group commit. (Power loss at every sync of a writing log
-// is the fault campaign's, through its logged workloads.)
+// Serial-numbered log: round trips forwards and backwards over rollover, torn tails at every cut and garble of the last
+// record, damage anywhere else as an error naming file and serial, truncation crashed at each of its syncs, and group
+// commit. (Power loss at every sync of a writing log is the fault campaign's, through its logged workloads.)
 #include <barrier>
 #include <filesystem>
 #include <thread>
@@ -57,8 +55,7 @@ TEST_F(LogTest, RecordsRoundTripAcrossRolloverAndReopen) {
   const std::vector<Record> more = Write(log, 60, 80, 3);
   written.insert(written.end(), more.begin(), more.end());
   uint32_t first = 0, last = 0;
-  ASSERT_TRUE(LogFiles(log, &first, &last, nullptr));
-  ASSERT_TRUE(LogClose(log));
+  ASSERT_TRUE(LogFiles(log, &first, &last, nullptr) && LogClose(log));
   EXPECT_EQ(first, 1u);
   EXPECT_GT(last, 5u);  // 80 records of up to 700 bytes in 4 KiB files
   EXPECT_EQ(ReadAll(), written);
@@ -72,8 +69,8 @@ TEST_F(LogTest, RecordsRoundTripAcrossRolloverAndReopen) {
   EXPECT_TRUE(LogFirstSerial(context, serial - 1, &found) && found == serial) << QWErrorMessage();
   EXPECT_TRUE(LogFirstSerial(context, serial + 1, &found) && found == written[41].serial);
   uint32_t type = 0, size = 0;
-  EXPECT_FALSE(LogRead(context, serial + 1, &type, nullptr, &size, nullptr, nullptr));
-  EXPECT_TRUE(qwtest::HasDataError("no valid record at serial " + std::to_string(serial + 1)));
+  EXPECT_TRUE(!LogRead(context, serial + 1, &type, nullptr, &size, nullptr, nullptr) &&
+              qwtest::HasDataError("no valid record at serial " + std::to_string(serial + 1)));
   EXPECT_TRUE(qwtest::Fails(LogRead(context, LogLastSerial(log) + 1000, &type, nullptr, &size, nullptr, nullptr), 2));
   EXPECT_TRUE(qwtest::Fails(LogFirstSerial(context, LOG_NO_SERIAL - 1, &found), 2));
   LogReadContextDelete(context);
@@ -90,10 +87,9 @@ TEST_F(LogTest, RecordsHaveTheDocumentedLayout) {
   EXPECT_EQ(qw::LoadLE32(p + 32), 1u);                                        // version
   EXPECT_EQ(qw::LoadLE32(p + 36), 1u);                                        // file number
   const unsigned char *r = p + 40;  // size, type, previous (the header at serial 1 << 32), synced, payload
-  EXPECT_EQ(qw::LoadLE32(r + 4), 3u);
-  EXPECT_EQ(qw::LoadLE32(r + 8), 7u);
-  EXPECT_EQ(qw::LoadLE64(r + 12), uint64_t(1) << 32);
-  EXPECT_EQ(qw::LoadLE32(r + 20), 40u);
+  EXPECT_EQ(std::vector<uint64_t>({qw::LoadLE32(r + 4), qw::LoadLE32(r + 8), qw::LoadLE64(r + 12),
+                                   qw::LoadLE32(r + 20)}),
+            std::vector<uint64_t>({3, 7, uint64_t(1) << 32, 40}));
   EXPECT_EQ(std::string(bytes.data() + 64, 3), "abc");
   unsigned char serial[8];
   qw::StoreLE64(serial, (uint64_t(1) << 32) | 40);
@@ -137,8 +133,7 @@ TEST_F(LogTest, DamageBeforeTheTornTailIsAnErrorNamingFileAndSerial) {
   QWLog *log = Open();
   const std::vector<Record> written = Write(log, 0, 40);  // several files, every record flushed
   uint32_t last = 0;
-  ASSERT_TRUE(LogFiles(log, nullptr, &last, nullptr) && last >= 3);
-  ASSERT_TRUE(LogClose(log));
+  ASSERT_TRUE(LogFiles(log, nullptr, &last, nullptr) && last >= 3 && LogClose(log));
   const Record *middleOfNewest = nullptr;
   for (const Record &r : written)
     if (LOG_SERIAL_FILE(r.serial) == last && !middleOfNewest) middleOfNewest = &r;
@@ -191,8 +186,7 @@ TEST_F(LogTest, TruncateRemovesWholeFilesAndSurvivesACrashAtEachSync) {
   const uint64_t syncs = qw::fault::SyncCount();
   qw::fault::Disable();
   uint32_t first = 0;
-  ASSERT_TRUE(LogFiles(log, &first, nullptr, nullptr));
-  EXPECT_EQ(first, LOG_SERIAL_FILE(keep.serial));
+  ASSERT_TRUE(LogFiles(log, &first, nullptr, nullptr) && first == LOG_SERIAL_FILE(keep.serial));
   EXPECT_TRUE(qwtest::Fails(LogTruncate(log, LogLastSerial(log) + 1), 22));
   ASSERT_TRUE(LogClose(log));
   EXPECT_EQ(syncs, uint64_t(first - 1)) << "one directory sync per removed file";
@@ -224,8 +218,7 @@ TEST_F(LogConcurrencyTest, ConcurrentFlushersShareOneSync) {
   qw::fault::Reset();
   auto flusher = [&](uint32_t type) {
     for (int i = 0; i < kRounds; ++i) {
-      // Both records are buffered before either flush starts, so whichever
-      // flush leads covers both and the other must not sync again.
+      // Both records are buffered before either flush starts: the leading flush covers both, the other must not sync.
       EXPECT_TRUE(LogWrite(log, type, "0123456789", 10, 0));
       sync.arrive_and_wait();
       EXPECT_TRUE(LogFlush(log));

@@ -1,7 +1,5 @@
-// Replication log: the file-backed log's exact layout and round trips over
-// every record type and list size, torn and garbled tails, reopening after
-// a torn tail, limits, a host's own implementation through the vtable, and
-// writes from several threads.
+// Replication log: the file log's exact layout, round trips over every record type and list size, torn and garbled
+// tails, reopening after a torn tail, limits, a host's own implementation, and writes from several threads.
 #include <thread>
 
 #include "platform/checks.h"
@@ -44,8 +42,7 @@ class ReplicationLogTest : public qwtest::FaultTempDirTest {
     EXPECT_NE(log, nullptr) << QWErrorMessage();
     return log;
   }
-  // Appends `events` in one opening of the log; returns the offset at which
-  // each record starts.
+  // Appends `events` in one opening of the log; returns the offset at which each record starts.
   std::vector<uint64_t> Append(const Events &events) {
     std::vector<uint64_t> starts;
     ReplicationLog *log = Open();
@@ -88,8 +85,7 @@ TEST_F(ReplicationLogTest, RecordsRoundTripAcrossReopen) {
   second = {{REPLICATION_FILE_CREATED, 0xFFFFFFFFu, 7, "", {}},
             {77, 1, 2, std::string(REPLICATION_LOG_MAX_PATH, 'p'), {42}}};
   ReplicationLog *log = Open();
-  ASSERT_NE(log, nullptr);
-  EXPECT_EQ(ReplicationLogGetBlockSize(log), 8192u);
+  ASSERT_TRUE(log && ReplicationLogGetBlockSize(log) == 8192u);
   for (const Event &e : first) ASSERT_EQ(WriteEvent(log, e), 1) << QWErrorMessage();
   EXPECT_EQ(ReadAll(), first);  // each record is visible as soon as it is written
   ASSERT_EQ(ReplicationLogWrite(log, 10, 0, 0, nullptr, nullptr, 0), 1);  // a NULL path is recorded as ""
@@ -100,8 +96,7 @@ TEST_F(ReplicationLogTest, RecordsRoundTripAcrossReopen) {
   EXPECT_EQ(ReadAll(), first);
   uint32_t blockSize = 0;
   Events events;
-  EXPECT_EQ(ReplicationLogFileRead_(logPath().c_str(), &blockSize, Collect, &events), 1);
-  EXPECT_EQ(blockSize, 8192u);
+  EXPECT_TRUE(ReplicationLogFileRead_(logPath().c_str(), &blockSize, Collect, &events) && blockSize == 8192u);
 }
 
 TEST_F(ReplicationLogTest, LimitsAndBadArguments) {
@@ -114,21 +109,18 @@ TEST_F(ReplicationLogTest, LimitsAndBadArguments) {
   EXPECT_TRUE(qwtest::Fails(ReplicationLogWrite(log, 8, 0, 0, longPath.c_str(), nullptr, 0), 22));
   ASSERT_EQ(ReplicationLogClose(log), 1);
   EXPECT_TRUE(ReadAll().empty());  // refused writes left nothing behind
-  EXPECT_EQ(ReplicationLogFileOpen(logPath().c_str(), 8192), nullptr);  // other block size
-  EXPECT_TRUE(HasDataError());
+  EXPECT_TRUE(!ReplicationLogFileOpen(logPath().c_str(), 8192) && HasDataError());  // other block size
   EXPECT_TRUE(qwtest::Fails(ReplicationLogFileOpen(logPath().c_str(), 0), 22));
   WriteFileBytes(path("not-a-log"), "this is not a replication log file");
-  EXPECT_EQ(ReplicationLogFileOpen(path("not-a-log").c_str(), 4096), nullptr);
-  EXPECT_TRUE(HasDataError());
+  EXPECT_TRUE(!ReplicationLogFileOpen(path("not-a-log").c_str(), 4096) && HasDataError());
   EXPECT_EQ(ReadFileBytes(path("not-a-log")), "this is not a replication log file");  // left alone
   Events events;
   EXPECT_TRUE(qwtest::Fails(ReplicationLogFileRead(path("missing").c_str(), Collect, &events), 2));
   EXPECT_EQ(ReplicationLogClose(nullptr), 1);
 }
 
-// Cutting the file anywhere inside the last record, or flipping any byte of
-// a record, stops the reader at that record with a data error; the records
-// before it are still delivered. Reopening drops a torn tail with a warning.
+// Cutting the file anywhere inside the last record, or flipping any byte of a record, stops the reader at that record
+// with a data error; the records before it are still delivered. Reopening drops a torn tail with a warning.
 TEST_F(ReplicationLogTest, TornAndGarbledRecordsAreDetectedAndCut) {
   const Events events = {{8, 0, 0, "a", {}}, {9, 0, 0, "bb", {1, 2, 3}}, {10, 0, 0, "ccc", {}}};
   const std::vector<uint64_t> starts = Append(events);
@@ -151,8 +143,7 @@ TEST_F(ReplicationLogTest, TornAndGarbledRecordsAreDetectedAndCut) {
   }
   for (size_t cut = 0; cut < 16; ++cut) {  // every cut inside the header
     WriteFileBytes(logPath(), whole.substr(0, cut));
-    ReadAll(0);
-    EXPECT_TRUE(HasDataError()) << "cut " << cut;
+    EXPECT_TRUE(ReadAll(0).empty() && HasDataError()) << "cut " << cut;
   }
   WriteFileBytes(logPath(), whole.substr(0, whole.size() - 2));
   {
@@ -169,28 +160,24 @@ TEST_F(ReplicationLogTest, TornAndGarbledRecordsAreDetectedAndCut) {
   EXPECT_TRUE(ReadAll().empty());
 }
 
-// A failed append leaves the log refusing further writes (they would land
-// behind a partial record); reopening repairs it.
+// A failed append leaves the log refusing writes (they would land behind a partial record); reopening repairs it.
 TEST_F(ReplicationLogTest, FailedWriteBreaksLogUntilReopened) {
   ReplicationLog *log = Open();
-  ASSERT_NE(log, nullptr);
-  ASSERT_EQ(WriteEvent(log, {8, 0, 0, "one", {}}), 1);
+  ASSERT_TRUE(log && WriteEvent(log, {8, 0, 0, "one", {}}));
   qw::fault::FailNth(1, false, qw::fault::Bit(qw::fault::Op::Write), "replication.log");
   EXPECT_TRUE(qwtest::Fails(WriteEvent(log, {8, 0, 0, "two", {}}), 5));
   qw::fault::Disable();
   EXPECT_TRUE(qwtest::Fails(WriteEvent(log, {8, 0, 0, "three", {}}), -1, "is in error after a failed write"));
   ReplicationLogClose(log);
   Append({{8, 0, 0, "four", {}}});
-  // Whatever of "two" the channel still pushed out at close is either whole
-  // or cut off at the reopen; "three" was never accepted.
+  // What of "two" the channel still pushed out at close is whole or cut off at the reopen; "three" was never taken.
   const Events events = ReadAll();
   ASSERT_TRUE(events.size() == 2 || (events.size() == 3 && events[1].path == "two")) << events.size();
   EXPECT_EQ(events.front().path + events.back().path, "onefour");
 }
 
-// A host's own implementation: every call reaches it with the arguments as
-// given, its failures come back through the error chain, close releases it;
-// behind the log's mutex it need not be thread-safe itself.
+// A host's own implementation: every call reaches it with the arguments as given, its failures come back through the
+// error chain, close releases it; behind the log's mutex it need not be thread-safe itself.
 struct HostLog {
   Events events;
   int blockSizeCalls = 0, closes = 0;
@@ -209,30 +196,26 @@ const ReplicationLogOps kHostOps{
 TEST(ReplicationLogOps, CustomImplementationIsCalled) {
   HostLog host;
   ReplicationLog *log = ReplicationLogNew(&kHostOps, &host);
-  ASSERT_NE(log, nullptr);
-  EXPECT_EQ(ReplicationLogGetBlockSize(log), 65536u);
+  ASSERT_TRUE(log && ReplicationLogGetBlockSize(log) == 65536u);
   EXPECT_EQ(host.blockSizeCalls, 1);
   const uint64_t ids[] = {3, 1, 4};
   EXPECT_EQ(ReplicationLogWrite(log, 9, 5, 6, "/d/data0", ids, 3), 1);
   EXPECT_EQ(ReplicationLogWrite(log, 8, 0, 0, nullptr, ids, 0), 1);
   EXPECT_EQ(host.events, (Events{{9, 5, 6, "/d/data0", {3, 1, 4}}, {8, 0, 0, "", {}}}));
   host.fail = true;
-  EXPECT_EQ(ReplicationLogWrite(log, 10, 0, 0, "/d/x", nullptr, 0), 0);
-  EXPECT_TRUE(qwtest::HasExactError(28, "host log full\nReplicationLogWrite: could not log event 10 for \"/d/x\""));
-  EXPECT_EQ(ReplicationLogClose(log), 1);
-  EXPECT_EQ(host.closes, 1);
+  EXPECT_TRUE(qwtest::FailsExactly(ReplicationLogWrite(log, 10, 0, 0, "/d/x", nullptr, 0), 28,
+                                   "host log full\nReplicationLogWrite: could not log event 10 for \"/d/x\""));
+  EXPECT_TRUE(ReplicationLogClose(log) && host.closes == 1);
   const ReplicationLogOps noClose{kHostOps.write, kHostOps.getBlockSize, nullptr};
   ASSERT_NE(log = ReplicationLogNew(&noClose, &host), nullptr);
-  EXPECT_EQ(ReplicationLogClose(log), 1);
-  EXPECT_EQ(host.closes, 1);
+  EXPECT_TRUE(ReplicationLogClose(log) && host.closes == 1);
   const ReplicationLogOps incomplete{nullptr, kHostOps.getBlockSize, nullptr};
   EXPECT_TRUE(qwtest::Fails(ReplicationLogNew(&incomplete, &host), 22));
 }
 
 using ReplicationLogConcurrency = ReplicationLogTest;
 
-// Threads writing to one file log and to a host's log: every record arrives
-// whole, and each thread's records keep their order.
+// Threads writing to one file log and to a host's log: every record arrives whole, each thread's records in order.
 TEST_F(ReplicationLogConcurrency, ConcurrentWritersToFileAndHostLogs) {
   HostLog host;
   ReplicationLog *logs[] = {Open(), ReplicationLogNew(&kHostOps, &host)};

@@ -1,7 +1,6 @@
-// Status files: round trips against a std::map model, the exact text
-// layout, missing and garbled files, the status.new recovery rule and
-// injected I/O failures. (Power lost at each sync of a write is the fault
-// campaign's, through the box workloads that create their status files.)
+// Status files: round trips against a std::map model, the exact text layout, missing and garbled files, the status.new
+// recovery rule and injected I/O failures. (Power lost at each sync of a write is the fault campaign's, through the box
+// workloads that create their status files.)
 #include <cstdio>
 #include <map>
 
@@ -23,8 +22,7 @@ uint32_t ReferenceCrc32c(const std::string &bytes) {
   return ~crc;
 }
 
-// `text` followed by its end line ("end <count> <crc>"), the checksum in
-// `crcFormat`.
+// `text` followed by its end line ("end <count> <crc>"), the checksum in `crcFormat`.
 std::string WithEnd(const std::string &text, size_t count, const char *crcFormat = "%08x") {
   char crc[16];
   std::snprintf(crc, sizeof crc, crcFormat, ReferenceCrc32c(text));
@@ -79,8 +77,7 @@ TEST_F(StatusTest, RoundTripMatchesModelAndExactText) {
   std::mt19937_64 random(5);
   Parameters model;
   StatusPtr status(StatusNew());
-  ASSERT_NE(status, nullptr);
-  EXPECT_EQ(StatusGetParameter(status.get(), 99), 0u);
+  ASSERT_TRUE(status && StatusGetParameter(status.get(), 99) == 0u);
   for (int round = 0; round < 40; ++round) {
     ASSERT_EQ(StatusWrite(status.get(), dir().c_str()), 1) << QWErrorMessage();
     EXPECT_EQ(ReadFileBytes(path("status")), ExpectedFile(model));
@@ -111,15 +108,13 @@ TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
   ExpectEmptyWhenMissingOk();
   EXPECT_FALSE(QWErrorIsSet());
   EXPECT_TRUE(qwtest::Fails(StatusRead((dir() + "/no/such/dir").c_str()), 2));
-  EXPECT_EQ(StatusWrite(StatusPtr(StatusNew()).get(), (dir() + "/no/such/dir").c_str()), 0);
-  EXPECT_TRUE(QWErrorIsSet());
+  EXPECT_TRUE(qwtest::Fails(StatusWrite(StatusPtr(StatusNew()).get(), (dir() + "/no/such/dir").c_str()), -1));
 
   // A complete status.new without status: the rename was lost, use it.
   Start({{5, 50}});
   ASSERT_EQ(FileRename(path("status").c_str(), path("status.new").c_str()), 1);
   StatusPtr recovered = Read();
-  ASSERT_NE(recovered, nullptr) << QWErrorMessage();
-  EXPECT_EQ(StatusGetParameter(recovered.get(), 5), 50u);
+  ASSERT_TRUE(recovered && StatusGetParameter(recovered.get(), 5) == 50u) << QWErrorMessage();
   // An incomplete one without status: the first write never finished.
   const std::string complete = ReadFileBytes(path("status.new"));
   WriteFileBytes(path("status.new"), complete.substr(0, complete.size() - 3));
@@ -129,8 +124,7 @@ TEST_F(StatusTest, MissingFileAndLeftoverStatusNew) {
   Start({{5, 51}});
   WriteFileBytes(path("status.new"), complete);
   StatusPtr current = Read();
-  ASSERT_NE(current, nullptr);
-  EXPECT_EQ(StatusGetParameter(current.get(), 5), 51u);
+  ASSERT_TRUE(current && StatusGetParameter(current.get(), 5) == 51u);
 }
 
 TEST_F(StatusTest, GarbledFilesAreRejected) {
@@ -154,8 +148,8 @@ TEST_F(StatusTest, GarbledFilesAreRejected) {
     WriteFileBytes(path("status"), content);
     ExpectMalformed(label);
   }
-  // Every single flipped bit and every truncation of a valid file (so an
-  // empty file, a missing end line or newline, a wrong checksum) is caught.
+  // Every single flipped bit and every truncation of a valid file (so an empty file, a missing end line or newline, a
+  // wrong checksum) is caught.
   Start({{1, 11}, {98, 4}, {99, 1}, {4000000000u, 18446744073709551615ull}});
   const std::string valid = ReadFileBytes(path("status"));
   for (size_t i = 0; i < valid.size(); ++i) {
@@ -170,8 +164,7 @@ TEST_F(StatusTest, GarbledFilesAreRejected) {
   }
 }
 
-// Each file operation of a write failing in turn: the write reports it and
-// the previous status stays readable and unchanged.
+// Each file operation of a write failing in turn: the write reports it, the previous status stays readable, unchanged.
 TEST_F(StatusTest, InjectedFailuresLeaveOldStatus) {
   StatusPtr next(StatusNew());
   ASSERT_EQ(StatusSetParameter(next.get(), 1, 200), 1);
@@ -183,16 +176,12 @@ TEST_F(StatusTest, InjectedFailuresLeaveOldStatus) {
     const int result = StatusWrite(next.get(), dir().c_str());
     if (n == 0) operations = qw::fault::OperationCount();
     qw::fault::Disable();
-    if (n == 0) {
-      ASSERT_GE(operations, 5u);  // open, write, sync, close, rename, dirsync
-      continue;
-    }
-    EXPECT_EQ(result, 0) << "failing operation " << n << " was not reported";
-    EXPECT_EQ(QWErrorCode(), 5) << QWErrorMessage();
+    ASSERT_GE(operations, 5u);  // open, write, sync, close, rename, dirsync
+    if (n == 0) continue;
+    EXPECT_TRUE(qwtest::Fails(result, 5)) << "failing operation " << n;
     StatusPtr back = Read();
     ASSERT_NE(back, nullptr) << "failing operation " << n << ": " << QWErrorMessage();
-    // Only the directory sync comes after the rename: then the new value is
-    // in place, merely not known to be durable.
+    // Only the directory sync comes after the rename: then the new value is in place, merely not known to be durable.
     const uint64_t value = StatusGetParameter(back.get(), 1);
     EXPECT_TRUE(value == 100 || (value == 200 && n == operations)) << "operation " << n << " value " << value;
   }

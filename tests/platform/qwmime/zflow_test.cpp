@@ -1,5 +1,4 @@
-// Compression stream: round trips in each wrapping and level on one reused
-// stream, and the errors for damaged input and bad settings.
+// Compression stream: round trips in each wrapping and level on one reused stream; damaged input, bad settings.
 
 #include "platform/checks.h"
 

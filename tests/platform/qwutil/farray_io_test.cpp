@@ -1,6 +1,5 @@
-// FArray file forms: exact raw bytes, round trips over every width, record
-// arrays with nested raw arrays, and malformed files (truncations at every
-// byte, huge counts, bad widths) that must fail cleanly.
+// FArray file forms: exact raw bytes, round trips over every width, record arrays with nested raw arrays, and malformed
+// files (truncations at every byte, huge counts, bad widths) that must fail cleanly.
 #include <cstring>
 
 #include "support/platform_support.h"
@@ -67,9 +66,8 @@ TEST_F(FArrayIoTest, RawLayoutIsExact) {
   EXPECT_EQ(WriteFile("empty", empty.WriteRaw(4)), Bytes({4, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-// Every element size and every width up to it, with values at the width's
-// limits and random ones, across several chunks; a width narrower than the
-// elements keeps the low bytes and reads back zero-extended.
+// Every element size and every width up to it, with values at the width's limits and random ones, across several
+// chunks; a width narrower than the elements keeps the low bytes and reads back zero-extended.
 TEST_F(FArrayIoTest, RawRoundTripEveryWidth) {
   std::mt19937_64 random(7);
   for (uint32_t elementSize : {1u, 2u, 4u, 8u}) {
@@ -169,8 +167,7 @@ TEST_F(FArrayIoTest, RecordArraysWithNestedRawArraysRoundTrip) {
   }
 }
 
-// Cutting a valid file at every byte offset must fail cleanly: no crash, an
-// error set, and for the raw form a data-class error.
+// A valid file cut at every byte offset fails cleanly: no crash, an error set, for the raw form a data-class error.
 TEST_F(FArrayIoTest, TruncationAtEveryOffsetFailsCleanly) {
   Holder ids(4, 4);
   for (uint64_t v = 0; v < 11; ++v) ids.Append(v * 1000003);
@@ -190,9 +187,8 @@ TEST_F(FArrayIoTest, TruncationAtEveryOffsetFailsCleanly) {
   }
 }
 
-// A count far beyond the data: the reader allocates chunk by chunk as the
-// bytes arrive and fails at the end of the file, never in one giant
-// allocation; records (a byte each at least) fail at the end too.
+// A count far beyond the data: the reader allocates chunk by chunk as the bytes arrive and fails at the end of the
+// file, never in one giant allocation; records (a byte each at least) fail at the end too.
 TEST_F(FArrayIoTest, HugeCountFailsAtEndOfFileWithoutGiantAllocation) {
   for (uint64_t count : {UINT64_MAX, uint64_t(1) << 40, uint64_t(100000)}) {
     std::string file = Bytes({4});
@@ -223,8 +219,7 @@ TEST_F(FArrayIoTest, BadWidthsAndTagsAreRejected) {
     EXPECT_EQ(WriteFile("bad", array.WriteRaw(width)), "");
     EXPECT_EQ(QWErrorCode(), 22) << elementSize << "/" << width;
   }
-  // Width 0 (a record array), above 8, above the element size, or not the
-  // width asked for.
+  // Width 0 (a record array), above 8, above the element size, or not the width asked for.
   const struct {
     int tag;
     uint32_t elementSize, expectedWidth;

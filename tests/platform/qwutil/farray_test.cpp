@@ -1,5 +1,4 @@
-// FArray core: growth, element access, ranges and walks against a
-// std::vector model; allocator calls; argument checks.
+// FArray core: growth, element access, ranges and walks against a std::vector model; allocator calls; argument checks.
 #include <algorithm>
 #include <cstring>
 
@@ -45,14 +44,12 @@ TEST(FArray, InitRejectsBadGeometryAndClearKeepsItUsable) {
   EXPECT_EQ(array.initialised, 1u);
   ASSERT_EQ(FArrayAdd_(&array, 1, nullptr), 1);
   EXPECT_EQ(ElementAt(&array, 0), 0u);
-  EXPECT_EQ(FArrayFree(&array), 1);
-  EXPECT_EQ(array.initialised, 0u);
+  EXPECT_TRUE(FArrayFree(&array) && array.initialised == 0u);
   EXPECT_EQ(FArrayFree(&array), 1);
 }
 
-// Random appends, truncations, regrowth and writes for several geometries,
-// checked against a vector after every step: growth zero-fills even where
-// a chunk held old values, and addresses never move.
+// Random appends, truncations, regrowth and writes for several geometries, checked against a vector after every step:
+// growth zero-fills even where a chunk held old values, and addresses never move.
 TEST(FArray, RandomOperationsMatchVectorModel) {
   for (const auto &[elementSize, chunkEntries] : {std::pair{1u, 1u}, {2u, 4u}, {4u, 256u}, {8u, 8u}, {8u, 64u}}) {
     SCOPED_TRACE(testing::Message() << elementSize << " x " << chunkEntries);
@@ -112,9 +109,8 @@ int RecordPiece(void *context, void *elements, uint32_t n, uint64_t firstIndex) 
   return recorder->pieces.size() < recorder->stopAfter ? 1 : 0;
 }
 
-// Ranges and walks across chunk boundaries: every piece is the right slice
-// of one chunk, pieces tile the range exactly, and a walk stops at the
-// first zero from its callback.
+// Ranges and walks across chunk boundaries: every piece is the right slice of one chunk, pieces tile the range exactly,
+// and a walk stops at the first zero from its callback.
 TEST(FArray, RangeAndExecAcrossChunkBoundaries) {
   ScopedFArray holder;
   FArray *array = &holder.array;
@@ -146,17 +142,15 @@ TEST(FArray, RangeAndExecAcrossChunkBoundaries) {
       EXPECT_EQ(next, start + count);
     }
   }
-  ExecRecorder stopping;
-  stopping.stopAfter = 2;
+  ExecRecorder stopping{{}, 2};
   EXPECT_EQ(FArrayExec_(array, 3, 30, RecordPiece, &stopping), 0);
   ASSERT_EQ(stopping.pieces.size(), 2u);
-  EXPECT_EQ(stopping.pieces[0].first, 3u);
-  EXPECT_EQ(stopping.pieces[0].n, 5u);
-  EXPECT_EQ(stopping.pieces[1].first, 8u);
+  EXPECT_EQ(std::vector<uint64_t>({stopping.pieces[0].first, stopping.pieces[0].n, stopping.pieces[1].first}),
+            std::vector<uint64_t>({3, 5, 8}));
 }
 
-// A caller's allocator: one allocate per chunk, every chunk released at
-// free with its size, and a failing allocation leaves the array as it was.
+// A caller's allocator: one allocate per chunk, every chunk released at free with its size, and a failing allocation
+// leaves the array as it was.
 struct CountingAllocator {
   int allocations = 0, releases = 0;
   int failAt = -1, failRelease = -1;  // the allocation or release that fails
@@ -211,11 +205,8 @@ TEST(FArray, CustomAllocatorCalledPerChunk) {
     EXPECT_EQ(static_cast<unsigned char *>(FArrayNth(&array, 5))[100], 0);
     EXPECT_EQ(counter.allocations, 2);
     ASSERT_EQ(FArrayEnsureCapacity_(&array, 8 * 5), 1);
-    EXPECT_EQ(counter.allocations, 5);
-    EXPECT_EQ(FArrayLength(&array), 9u);
-    EXPECT_EQ(FArrayFree(&array), 1);
-    EXPECT_EQ(counter.releases, 5);
-    EXPECT_TRUE(counter.live.empty());
+    EXPECT_TRUE(counter.allocations == 5 && FArrayLength(&array) == 9u);
+    EXPECT_TRUE(FArrayFree(&array) && counter.releases == 5 && counter.live.empty());
   }
 }
 
@@ -227,29 +218,23 @@ TEST(FArray, AllocatorFailuresAreReported) {
   ASSERT_EQ(FArrayInit_(&array, 4, 4, &allocator), 1);
   ASSERT_EQ(FArrayAdd_(&array, 6, nullptr), 1);
   uint64_t first = 99;
-  EXPECT_EQ(FArrayAdd_(&array, 10, &first), 0);
-  EXPECT_EQ(first, 99u);
-  EXPECT_TRUE(QWErrorCode() == 12 && std::string(QWErrorMessage()).find("test allocator refuses") != std::string::npos);
-  EXPECT_EQ(FArrayLength(&array), 6u);  // unchanged on failure
+  EXPECT_TRUE(qwtest::Fails(FArrayAdd_(&array, 10, &first), 12, "test allocator refuses"));
+  EXPECT_TRUE(first == 99u && FArrayLength(&array) == 6u);  // unchanged on failure
   counter.failAt = counter.allocations + 3;  // fails part-way through the growth
   EXPECT_EQ(FArrayLengthSet_(&array, 100), 0);
   EXPECT_EQ(FArrayLength(&array), 6u);
-  ASSERT_EQ(FArrayAdd_(&array, 10, &first), 1);  // the allocator recovers
-  EXPECT_EQ(first, 6u);
+  EXPECT_TRUE(FArrayAdd_(&array, 10, &first) && first == 6u);  // the allocator recovers
   // A failing release is reported, yet every chunk is released.
   counter.failRelease = 0;
   const int chunks = int(counter.live.size());
   EXPECT_EQ(uint64_t(chunks), array.chunkCount);
   EXPECT_TRUE(qwtest::Fails(FArrayFree(&array), 5));
-  EXPECT_EQ(counter.releases, chunks);
-  EXPECT_TRUE(counter.live.empty());
-  EXPECT_EQ(array.initialised, 0u);
+  EXPECT_TRUE(counter.releases == chunks && counter.live.empty() && array.initialised == 0u);
   // A capacity or length beyond what can be addressed fails cleanly.
   ScopedFArray holder;
   ASSERT_EQ(FArrayInit_(&holder.array, 8, 256, nullptr), 1);
   EXPECT_TRUE(qwtest::Fails(FArrayEnsureCapacity_(&holder.array, UINT64_MAX / 4), 12));
-  EXPECT_EQ(FArrayAdd_(&holder.array, UINT64_MAX, nullptr), 0);
-  EXPECT_EQ(FArrayLength(&holder.array), 0u);
+  EXPECT_TRUE(!FArrayAdd_(&holder.array, UINT64_MAX, nullptr) && FArrayLength(&holder.array) == 0u);
 }
 
 TEST(FArrayDeathTest, OutOfRangeAccessAsserts) {
