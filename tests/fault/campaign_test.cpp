@@ -75,9 +75,6 @@ struct RunCache {
   PageCache *cache;
 };
 
-// Faulted runs print nothing: the checks read the error chain.
-void Silent(void *, int, const char *, int, const char *) {}
-
 class Campaign : public qwtest::TempDirTest, public ::testing::WithParamInterface<WorkloadKind> {
  protected:
   void SetUp() override {

@@ -58,8 +58,6 @@ const Damage kDamages[] = {
      }},
 };
 
-void Silent(void *, int, const char *, int, const char *) {}
-
 class DamagedFiles : public qwtest::TempDirTest, public ::testing::WithParamInterface<WorkloadKind> {
  protected:
   std::string storeDir() const { return path("store"); }

@@ -23,7 +23,7 @@
 
 namespace {
 
-using Model = std::map<uint32_t, std::string>;
+using BoxModel = std::map<uint32_t, std::string>;
 const std::vector<std::string> kSound;
 
 std::string Value(uint32_t id, uint32_t version, uint32_t size) {
@@ -74,7 +74,7 @@ class BoxTest : public qwtest::TempDirTest {
     ArrayFree(bytes);
     return value;
   }
-  void ExpectHolds(const Model &model, uint32_t idLimit) {
+  void ExpectHolds(const BoxModel &model, uint32_t idLimit) {
     EXPECT_EQ(BoxLVMSize(box), model.size());
     for (uint32_t id = 0; id < idLimit; ++id) {
       const auto it = model.find(id);
@@ -160,7 +160,7 @@ TEST_F(BoxTest, RandomModelAcrossCheckpointsAndReopenings) {
     std::filesystem::remove_all(boxDir());
     if (cached) cache = PageCacheNew(8 << 20, 8192);
     ASSERT_NO_FATAL_FAILURE(Open(2));
-    Model model, durable;
+    BoxModel model, durable;
     std::mt19937 rng(cached ? 7 : 11);
     uint32_t version = 0;
     const uint32_t idLimit = 60;
@@ -289,7 +289,7 @@ TEST_F(BoxTest, FreedBlocksComeBackOnlyAtTheRecycleStep) {
 }
 
 // The updates of round `round` on ids 0 .. 39 (every sixth one removed).
-void Round(uint32_t round, Model *model, BoxLVM *box) {
+void Round(uint32_t round, BoxModel *model, BoxLVM *box) {
   for (uint32_t i = 0; i < 40; ++i) {
     const uint32_t id = (i * 7 + round) % 40;
     if (i % 6 == 5 && model->count(id)) {
@@ -308,7 +308,7 @@ void Round(uint32_t round, Model *model, BoxLVM *box) {
 }
 
 TEST_F(BoxTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedBox) {
-  Model before, after;
+  BoxModel before, after;
   ASSERT_NO_FATAL_FAILURE(Open(2));
   ASSERT_NO_FATAL_FAILURE(Round(1, &before, box));
   Close(true);
@@ -325,7 +325,7 @@ TEST_F(BoxTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedBox) {
       // The stop fires in bucket 0; bucket 1 is never checkpointed.
       auto prepare = [&] {
         box = BoxLVMOpen(boxDir().c_str(), 2, 1, 4, 0, 0, nullptr);
-        Model scratch = before;
+        BoxModel scratch = before;
         Round(2, &scratch, box);
         return box != nullptr;
       };
@@ -336,7 +336,7 @@ TEST_F(BoxTest, EveryCheckpointStopCrashedInAChildRecoversToACheckpointedBox) {
       ASSERT_NO_FATAL_FAILURE(Open(2, 0));
       // Bucket 0 holds round 2 once the checkpoint record is durable (its
       // flush is stop 4); bucket 1 only when no stop fired.
-      Model expected = fires ? before : after;
+      BoxModel expected = fires ? before : after;
       for (uint32_t id = 0; id < 40; id += 2) {
         if (stop < 4 || !fires) break;
         if (after.count(id)) expected[id] = after.at(id);
@@ -358,7 +358,7 @@ void ReplayWorkload(const std::string &dir, uint32_t rounds, bool tail, uint32_t
                     const std::function<void()> &crashing = {}) {
   BoxLVM *b = BoxLVMOpen(dir.c_str(), 1, 1, 2, 1, 0, nullptr);
   if (!b) _exit(3);
-  Model model;
+  BoxModel model;
   for (uint32_t round = 1; round <= rounds; ++round) {
     Round(round, &model, b);
     if (round == crashRound) crashing();
@@ -479,7 +479,7 @@ TEST_F(BoxTest, RecordPrintersAndTheLogDump) {
 
 TEST_F(BoxTest, RawReaderFindsEveryStoredPart) {
   ASSERT_NO_FATAL_FAILURE(Open(1));
-  Model model;
+  BoxModel model;
   for (uint32_t id = 0; id < 12; ++id) {
     model[id] = Value(id, 1, 1 + id * 1500);
     ASSERT_TRUE(Put(id, model[id]));
@@ -543,7 +543,7 @@ TEST_F(BoxTest, ConcurrencyOfWritersReadersAndCheckpoints) {
     for (int i = 0; i < 10; ++i) ASSERT_TRUE(BoxLVMCheckpoint(box, i % 2, nullptr)) << QWErrorMessage();
   });
   for (auto &t : threads) t.join();
-  Model model;
+  BoxModel model;
   for (uint32_t id = 0; id < kIds; ++id) model[id] = Value(id, kRounds, 1 + (id * kRounds * 37) % 9000);
   Close(true);
   ASSERT_NO_FATAL_FAILURE(Open(2, 0));

@@ -15,7 +15,7 @@
 
 namespace {
 
-using Model = std::map<std::string, std::string>;
+using TableModel = std::map<std::string, std::string>;
 
 class StrTableTest : public qwtest::TempDirTest {
  protected:
@@ -47,8 +47,8 @@ class StrTableTest : public qwtest::TempDirTest {
     if (!LoggedStrTableGet(table, td, key.data(), uint32_t(key.size()), &value, &length)) return "<absent>";
     return std::string(value, value + length);
   }
-  Model Enumerate(const std::string &prefix) {
-    Model pairs;
+  TableModel Enumerate(const std::string &prefix) {
+    TableModel pairs;
     LoggedStrTableEnumeration *e = LoggedStrTableEnumerationNew(table, prefix.data(), uint32_t(prefix.size()));
     EXPECT_NE(e, nullptr) << QWErrorMessage();
     const uint8_t *key = nullptr, *value = nullptr;
@@ -58,7 +58,7 @@ class StrTableTest : public qwtest::TempDirTest {
     LoggedStrTableEnumerationFree(e);
     return pairs;
   }
-  void ExpectHolds(const Model &model) { EXPECT_EQ(Enumerate(""), model); }
+  void ExpectHolds(const TableModel &model) { EXPECT_EQ(Enumerate(""), model); }
 
   LoggedStrTable *table = nullptr;
   LoggedStrTableThreadData *td = nullptr;
@@ -75,7 +75,7 @@ std::string RandomKey(std::mt19937 &rng) {
 
 TEST_F(StrTableTest, RandomModelWithAwkwardKeysAcrossCheckpointsAndReopenings) {
   ASSERT_NO_FATAL_FAILURE(Open());
-  Model model, durable;
+  TableModel model, durable;
   std::mt19937 rng(5);
   qwtest::RunModel(rng, 300,
                    {{50,
@@ -99,7 +99,7 @@ TEST_F(StrTableTest, RandomModelWithAwkwardKeysAcrossCheckpointsAndReopenings) {
                     {6,
                      [&] {
                        const std::string prefix = RandomKey(rng).substr(0, 1 + rng() % 2);
-                       Model expected;
+                       TableModel expected;
                        for (const auto &[k, v] : model)
                          if (k.compare(0, prefix.size(), prefix) == 0) expected[k] = v;
                        ASSERT_EQ(Enumerate(prefix), expected);
@@ -169,7 +169,7 @@ TEST_F(StrTableTest, DictionaryRecordsReplayEmptyKeysDeletedAndStaleEntries) {
   ASSERT_TRUE(Set("first", "one"));
   ASSERT_TRUE(LoggedStrTableDelete(table, td, "first", 5));
   EXPECT_EQ(Get("first"), "<absent>");
-  EXPECT_EQ(Enumerate(""), Model{});
+  EXPECT_EQ(Enumerate(""), TableModel{});
   ASSERT_TRUE(Set("second", "two"));
   EXPECT_EQ(Get("first"), "<absent>");
   EXPECT_EQ(Get("second"), "two");
@@ -186,7 +186,7 @@ TEST_F(StrTableTest, DictionaryRecordsReplayEmptyKeysDeletedAndStaleEntries) {
 }
 
 TEST_F(StrTableTest, EveryTableStopCrashedInAChildKeepsACheckpointedTable) {
-  Model before, after;
+  TableModel before, after;
   ASSERT_NO_FATAL_FAILURE(Open());
   for (int i = 0; i < 20; ++i) {
     before["key" + std::to_string(i)] = std::string(100 + i * 400, char('a' + i));

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr uint32_t kBlock = 4096;
+constexpr uint32_t kDrbBlock = 4096;
 
 class DRBServerTest : public qwtest::TempDirTest {
  protected:
@@ -22,7 +22,7 @@ class DRBServerTest : public qwtest::TempDirTest {
                         nullptr, nullptr);
     ASSERT_NE(arena, nullptr) << QWErrorMessage();
   }
-  void Open(uint32_t files, uint32_t blockSize = kBlock) {
+  void Open(uint32_t files, uint32_t blockSize = kDrbBlock) {
     ASSERT_NO_FATAL_FAILURE(OpenArena());
     ASSERT_TRUE(DirectoryCreate(path("data").c_str()));
     ASSERT_NE(server = DRBServerNew(path("data").c_str(), arena, blockSize, files, 1, 1, 0), nullptr)
@@ -42,7 +42,7 @@ class DRBServerTest : public qwtest::TempDirTest {
   void Write(uint32_t block, char fill) {
     DRBServerBlockHandle h;
     ASSERT_NE(DRBServerBlockAcquire(&h, server, block, 0, 0), nullptr) << QWErrorMessage();
-    std::memset(h.address, fill, kBlock);
+    std::memset(h.address, fill, kDrbBlock);
     ASSERT_TRUE(DRBServerBlockRelease(server, block, 0, h.address));
   }
   uint64_t Size(const char *name) {
@@ -58,20 +58,20 @@ TEST_F(DRBServerTest, BlocksAreSpreadOverTheFilesAndGrowthDoublesTheRoom) {
   Open(3);
   ASSERT_EQ(DRBServerBlockNew(server), 0u);
   // The first growth makes room for one block per file (0 + 1, rounded up).
-  for (const char *name : {"data/data0", "data/data1", "data/data2"}) EXPECT_EQ(Size(name), kBlock);
+  for (const char *name : {"data/data0", "data/data1", "data/data2"}) EXPECT_EQ(Size(name), kDrbBlock);
   for (uint32_t b = 1; b < 8; ++b) ASSERT_EQ(DRBServerBlockNew(server), b);
   // Room 3 -> 3 + 1 + 3 = 7, rounded to 9: three blocks per file.
-  EXPECT_EQ(Size("data/data0"), 3u * kBlock);
+  EXPECT_EQ(Size("data/data0"), 3u * kDrbBlock);
   for (uint32_t b = 0; b < 8; ++b) Write(b, char('a' + b));
   ASSERT_TRUE(DRBServerBeforeCommit(server)) << QWErrorMessage();
   // Block 7 lives in file 7 mod 3 = 1 at offset (7 / 3) * blockSize.
   const std::string file1 = qwtest::ReadFileBytes(path("data/data1"));
-  EXPECT_EQ(file1.substr(2 * kBlock, kBlock), std::string(kBlock, 'h'));
-  EXPECT_EQ(file1.substr(0, kBlock), std::string(kBlock, 'b'));
+  EXPECT_EQ(file1.substr(2 * kDrbBlock, kDrbBlock), std::string(kDrbBlock, 'h'));
+  EXPECT_EQ(file1.substr(0, kDrbBlock), std::string(kDrbBlock, 'b'));
   // Reading maps the bytes written.
   DRBServerBlockHandle h;
   ASSERT_NE(DRBServerBlockAcquire(&h, server, 7, 1, 0), nullptr) << QWErrorMessage();
-  EXPECT_EQ(static_cast<const char *>(h.address)[kBlock - 1], 'h');
+  EXPECT_EQ(static_cast<const char *>(h.address)[kDrbBlock - 1], 'h');
   ASSERT_TRUE(DRBServerBlockRelease(server, 7, 1, h.address));
 }
 
@@ -129,7 +129,7 @@ TEST_F(DRBServerTest, TheOneWriteBufferIsReusedOnlyAfterItsBlockIsWrittenBack) {
   // The second writer gets the pool's only buffer, so block 0 is on disk.
   DRBServerBlockHandle h;
   ASSERT_NE(DRBServerBlockAcquire(&h, server, 1, 0, 0), nullptr);
-  EXPECT_EQ(qwtest::ReadFileBytes(path("data/data0")).substr(0, kBlock), std::string(kBlock, 'x'));
+  EXPECT_EQ(qwtest::ReadFileBytes(path("data/data0")).substr(0, kDrbBlock), std::string(kDrbBlock, 'x'));
   // A second writer of the same block is refused; so is a reader beside it.
   EXPECT_DEATH(DRBServerBlockAcquire(&h, server, 1, 1, 0), "BAD on 1 mode = read block mode = write");
   ASSERT_TRUE(DRBServerBlockRelease(server, 1, 0, h.address));
@@ -152,7 +152,7 @@ TEST_F(DRBServerTest, BadArgumentsAndMissingFilesFailClearly) {
   EXPECT_EQ(DRBServerNew(path("data").c_str(), arena, 1000, 1, 1, 1, 0), nullptr);
   EXPECT_EQ(QWErrorCode(), 22);
   // No directory: the first file cannot be created.
-  EXPECT_EQ(DRBServerNew(path("absent").c_str(), arena, kBlock, 2, 1, 1, 0), nullptr);
+  EXPECT_EQ(DRBServerNew(path("absent").c_str(), arena, kDrbBlock, 2, 1, 1, 0), nullptr);
   EXPECT_NE(std::string(QWErrorMessage()).find("Could not open file " + path("absent") + "/data0"),
             std::string::npos);
 }
@@ -172,7 +172,7 @@ TEST_F(DRBServerConcurrencyTest, WritersShareTheOneBuffer) {
         DRBServerBlockHandle h;
         const uint32_t b = t * kPer + i;
         if (!DRBServerBlockAcquire(&h, server, b, 0, 0)) return;
-        std::memset(h.address, int(b), kBlock);
+        std::memset(h.address, int(b), kDrbBlock);
         (void)DRBServerBlockRelease(server, b, 0, h.address);
       }
     });
@@ -181,7 +181,7 @@ TEST_F(DRBServerConcurrencyTest, WritersShareTheOneBuffer) {
   for (uint32_t b = 0; b < kThreads * kPer; ++b) {
     DRBServerBlockHandle h;
     ASSERT_NE(DRBServerBlockAcquire(&h, server, b, 1, 0), nullptr);
-    EXPECT_EQ(static_cast<const uint8_t *>(h.address)[kBlock / 2], uint8_t(b)) << b;
+    EXPECT_EQ(static_cast<const uint8_t *>(h.address)[kDrbBlock / 2], uint8_t(b)) << b;
     ASSERT_TRUE(DRBServerBlockRelease(server, b, 1, h.address));
   }
 }
