@@ -15,6 +15,7 @@
 #include "qwvm/qwvm.h"
 #include "support/arena_support.h"
 #include "support/fault_support.h"
+#include "support/platform_support.h"
 
 namespace olibtest {
 
@@ -34,12 +35,11 @@ inline uint64_t LE(const void *p, size_t at, unsigned bytes) {
 }
 inline uint64_t LE(const std::string &s, size_t at, unsigned bytes) { return LE(s.data(), at, bytes); }
 
-// A call that returned `got` (expected: `want`) and left error `code`.
+// A call that returned `got` (expected: `want`, the call's failure value) and left error `code`.
 template <typename T, typename U>
 ::testing::AssertionResult Fails(T got, U want, int code) {
-  if (got == static_cast<T>(want) && QWErrorIsSet() && QWErrorCode() == code) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "returned " << got << ", error " << (QWErrorIsSet() ? QWErrorCode() : 0)
-                                       << " " << QWErrorMessage() << "; wanted " << want << ", error " << code;
+  if (got != static_cast<T>(want)) return ::testing::AssertionFailure() << "returned " << got << ", wanted " << want;
+  return qwtest::HasError(code);
 }
 
 class ArenaTest : public qwtest::ArenaDirTest {
