@@ -1,11 +1,32 @@
 // The C interface of the page cache (qwvm/qwcache.h) over the PageCache class.
 #include <cerrno>
 
+#include "platform/qwcache/lookup_within.h"
 #include "platform/qwcache/page_cache.h"
 #include "qwvm/qwcache.h"
 #include "qwvm/qwlib.h"
 
 using qw::cache::Found;
+
+void *PageCacheLookupWithin(PageCache *cache, uint16_t fileId, uint64_t offset, uint32_t within, int create,
+                            int *valid) {
+  void *page = nullptr;
+  if (create && valid == nullptr) {
+    QWErrorThrow(EINVAL, QW_ERROR_CLASS_GENERAL, "PageCacheLookup: create needs a valid flag to return");
+    return nullptr;
+  }
+  Found found = cache->Lookup(fileId, offset, create != 0, &page, within);
+  if (valid != nullptr) {
+    switch (found) {
+      case Found::kValid: *valid = 1; break;
+      case Found::kClaimed:
+      case Found::kAbsent: *valid = 0; break;
+      case Found::kNoFrame:
+      case Found::kFailed: *valid = -1; break;
+    }
+  }
+  return page;
+}
 
 extern "C" {
 
@@ -26,22 +47,7 @@ QW_API uint16_t PageCacheRegisterFile(PageCache *cache, QWFILE file) { return ca
 QW_API int PageCacheUnregisterFile(PageCache *cache, uint16_t fileId) { return cache->UnregisterFile(fileId); }
 
 QW_API void *PageCacheLookup(PageCache *cache, uint16_t fileId, uint64_t offset, int create, int *valid) {
-  void *page = nullptr;
-  if (create && valid == nullptr) {
-    QWErrorThrow(EINVAL, QW_ERROR_CLASS_GENERAL, "PageCacheLookup: create needs a valid flag to return");
-    return nullptr;
-  }
-  Found found = cache->Lookup(fileId, offset, create != 0, &page);
-  if (valid != nullptr) {
-    switch (found) {
-      case Found::kValid: *valid = 1; break;
-      case Found::kClaimed:
-      case Found::kAbsent: *valid = 0; break;
-      case Found::kNoFrame:
-      case Found::kFailed: *valid = -1; break;
-    }
-  }
-  return page;
+  return PageCacheLookupWithin(cache, fileId, offset, 0, create, valid);
 }
 
 QW_API int PageCacheRead(PageCache *cache, uint16_t fileId, uint64_t offset, void **page) {

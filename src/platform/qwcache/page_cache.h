@@ -172,7 +172,10 @@ struct PageCache {
   [[nodiscard]] int InvalidateFile(uint16_t fileId) noexcept;
 
   // Page access (page_access.cpp).
-  [[nodiscard]] qw::cache::Found Lookup(uint16_t fileId, uint64_t offset, bool create, void **page) noexcept;
+  // `within`: the byte of the page the caller reads first. A hit asks for
+  // its line while it checks the frame, so the two misses overlap.
+  [[nodiscard]] qw::cache::Found Lookup(uint16_t fileId, uint64_t offset, bool create, void **page,
+                                        uint32_t within = 0) noexcept;
   [[nodiscard]] int Read(uint16_t fileId, uint64_t offset, void **page) noexcept;
   void SetValid(void *page) noexcept;
   void Release(void *page, bool dirty, bool keep, bool keepLong) noexcept;
@@ -199,7 +202,8 @@ struct PageCache {
 
   // The hit path without the shard mutex: true with the page pinned in *page,
   // false when the locked path must decide (absent, loading, busy, or a race).
-  [[nodiscard]] bool TryHit(qw::cache::Shard &shard, uint64_t key, uint64_t hash, void **page) noexcept;
+  [[nodiscard]] bool TryHit(qw::cache::Shard &shard, uint64_t key, uint64_t hash, uint32_t within,
+                            void **page) noexcept;
   // Credits and counts a hit on the pinned frame; its page.
   [[nodiscard]] void *Hit(qw::cache::Shard &shard, uint32_t frame) noexcept;
   // Drops one pin; the last pin of a detached frame frees it.
@@ -247,3 +251,4 @@ struct PageCache {
   uint32_t registeredFiles_ = 0;
   std::unique_ptr<std::atomic<QWFILE>[]> files_;
 };
+

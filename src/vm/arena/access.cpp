@@ -52,7 +52,7 @@ uint32_t RawIdFor(const VMArena *arena, uint32_t global, uint32_t generation, in
 }
 
 // Memory of a whole server block, or NULL with an error.
-void *ServerBlockAcquire(VMArena *arena, uint32_t global, uint32_t generation, int read) {
+void *ServerBlockAcquire(VMArena *arena, uint32_t global, uint32_t generation, int read, uint32_t within = 0) {
   CheckGeneration(generation);
   uint32_t raw = RawIdFor(arena, global, generation, read);
   if (raw == INVALID_RAW_BLOCK_ID) {
@@ -69,7 +69,7 @@ void *ServerBlockAcquire(VMArena *arena, uint32_t global, uint32_t generation, i
     }
     return nullptr;
   }
-  return LocalBlockServer0RawBlockGet(ServerOf(arena, global), raw);
+  return LocalBlockServer0RawBlockGet(ServerOf(arena, global), raw, within);
 }
 
 // A server block for the arena: round-robin bucket choice.
@@ -93,6 +93,18 @@ uint32_t SlotBits(uint32_t sizeClass) {
   uint32_t bits = 0;
   while ((kClassSizes[sizeClass] << bits) < ARENA_MAX_BLOCK_SIZE) ++bits;
   return bits;
+}
+
+void *ArenaDataAcquireWithin(VMArena *arena, uint64_t id, uint32_t generation, int read, uint32_t within,
+                             uint32_t *size) {
+  if (size) *size = 0;
+  if (id == INVALID_VMARENA_BLOCK_ID) return nullptr;
+  Decoded d = Decode(id);
+  const size_t start = size_t(d.slot) * kClassSizes[d.sizeClass];
+  auto *memory = static_cast<char *>(ServerBlockAcquire(arena, d.global, generation, read, uint32_t(start) + within));
+  if (!memory) return nullptr;
+  if (size) *size = kClassSizes[d.sizeClass];
+  return memory + start;
 }
 
 }  // namespace qw::vm
@@ -174,14 +186,9 @@ QW_API void VMArenaBlockFree(VMArena *arena, uint64_t id, uint32_t reserved) {
 
 QW_API void *VMArenaDataAcquire(VMArena *arena, uint64_t id, uint32_t /*hint*/, uint32_t generation, int read,
                                 uint32_t *size, uint32_t *sizeClass) {
-  if (size) *size = 0;
-  if (id == INVALID_VMARENA_BLOCK_ID) return nullptr;
-  Decoded d = Decode(id);
-  auto *memory = static_cast<char *>(ServerBlockAcquire(arena, d.global, generation, read));
-  if (!memory) return nullptr;
-  if (size) *size = kClassSizes[d.sizeClass];
-  if (sizeClass) *sizeClass = d.sizeClass;
-  return memory + size_t(d.slot) * kClassSizes[d.sizeClass];
+  void *memory = ArenaDataAcquireWithin(arena, id, generation, read, 0, size);
+  if (memory && sizeClass) *sizeClass = Decode(id).sizeClass;
+  return memory;
 }
 
 QW_API void VMArenaDataRelease(VMArena *arena, uint64_t id, int read, void *address, int hint1, int hint2) {

@@ -196,6 +196,12 @@ void ArenaFilesAbandon(VMArena *arena);
 [[nodiscard]] bool ArenaReadNewGenFile(VMArena *arena, const std::string &path, bool checkBucketCount);
 [[nodiscard]] bool ArenaReadOldGenFile(VMArena *arena, const std::string &path, OldView *into);
 
+// VMArenaDataAcquire for a reader that knows which byte of the block's data
+// it reads first (`within`, from the start of the block id's slot): in
+// page-cache mode the page's line is fetched while the cache checks its frame.
+[[nodiscard]] void *ArenaDataAcquireWithin(VMArena *arena, uint64_t id, uint32_t generation, int read,
+                                           uint32_t within, uint32_t *size);
+
 // Array table (array_table.cpp).
 void ArrayRecordFree(ArrayRecord *record);
 [[nodiscard]] bool ArrayTableInit(VMArena *arena);

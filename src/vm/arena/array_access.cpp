@@ -106,7 +106,7 @@ using namespace qw::vm;
 
 extern "C" {
 
-QW_API void *VMAArrayRange_(VMArena *arena, uint32_t arrayID, int arrayLocked, uint32_t blockSize, uint32_t index,
+QW_API void *VMAArrayRange_(VMArena *arena, uint32_t arrayID, int /*arrayLocked*/, uint32_t blockSize, uint32_t index,
                             uint32_t *end, uint32_t genID, int read, uint32_t elementSize, int prefetchOnly) {
   const ArrayView decoded = DecodeArray(arena, arrayID, genID);
   const ArrayView *array = &decoded;
@@ -143,8 +143,8 @@ QW_API void *VMAArrayRange_(VMArena *arena, uint32_t arrayID, int arrayLocked, u
     return nullptr;
   }
   uint32_t size = 0;
-  auto *data = static_cast<uint8_t *>(VMArenaDataAcquire(arena, blockId, uint32_t(arrayLocked), genID, read, &size,
-                                                         nullptr));
+  const uint32_t within = offset * elementSize;  // below the block size: offset < stored
+  auto *data = static_cast<uint8_t *>(ArenaDataAcquireWithin(arena, blockId, genID, read, within, &size));
   if (!data) {
     QWErrorRethrow("VMAArrayRange_: cannot access block %u of array %u (gen %u) in \"%s\"", b, arrayID, genID,
                    arena->directory.c_str());

@@ -56,7 +56,8 @@ void LocalBlockServer0BlockFree(LocalBlockServer0 *server, uint32_t blockId);
 // Memory of a raw block: a pinned page-cache page below the committed size
 // (page-cache mode), the mapped file (mapped mode) or the read-write part.
 // NULL with an error. Every successful get is paired with a release.
-[[nodiscard]] void *LocalBlockServer0RawBlockGet(LocalBlockServer0 *server, uint32_t rawId);
+// `within` as for MemoryMappingRawBlockGet: the byte read first, a hint.
+[[nodiscard]] void *LocalBlockServer0RawBlockGet(LocalBlockServer0 *server, uint32_t rawId, uint32_t within = 0);
 // Releases memory from RawBlockGet; does nothing for memory that is not a
 // cache page. `dirty` when it was written.
 void LocalBlockServer0RawBlockRelease(LocalBlockServer0 *server, void *address, int dirty, int keep, int keepLong);

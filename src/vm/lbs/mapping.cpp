@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/qwcache/lookup_within.h"
 #include "qwvm/vmarena.h"
 #include "platform/qwutil/farray_internal.h"
 #include "vm/lbs/names.h"
@@ -220,11 +221,11 @@ bool IsCachePage(MemoryMapping *mapping, const void *address) {
   return mapping->cache && PageCacheContains(mapping->cache, address);
 }
 
-void *CachePage(MemoryMapping *mapping, uint32_t rawId, bool overwrite) {
+void *CachePage(MemoryMapping *mapping, uint32_t rawId, bool overwrite, uint32_t within) {
   qwassert_(mapping->cache != NULL);
   const uint64_t offset = uint64_t(rawId) * mapping->blockSize;
   int valid = 0;
-  void *page = PageCacheLookup(mapping->cache, mapping->cacheFileId, offset, 1, &valid);
+  void *page = PageCacheLookupWithin(mapping->cache, mapping->cacheFileId, offset, within, 1, &valid);
   if (!page) {
     QWErrorRethrow(":MemoryMappingRawBlockGet: unable to allocate a page in the cache");
     return nullptr;
@@ -510,9 +511,9 @@ uint32_t MemoryMappingRawLimit(MemoryMapping *mapping) {
   return uint32_t(mapping->rawBase + FArrayLength(&mapping->rw));
 }
 
-void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool overwrite) {
+void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool overwrite, uint32_t within) {
   if (rawId < mapping->rawBase) {
-    if (!mapping->Mapped()) return CachePage(mapping, rawId, overwrite);
+    if (!mapping->Mapped()) return CachePage(mapping, rawId, overwrite, within);
     if (mapping->readAddress) return static_cast<char *>(mapping->readAddress) + uint64_t(rawId) * mapping->blockSize;
   } else if (rawId != INVALID_RAW_BLOCK_ID) {
     // No lock: the read-write part's chunks stay in place while it grows.

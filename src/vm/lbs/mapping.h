@@ -137,7 +137,10 @@ struct MemoryMapping {
 // Memory of a raw block, pinned when it is a cache page. With `overwrite`
 // a page missing from the cache is not read: the caller fills the whole
 // block and calls MemoryMappingRawBlockFilled before releasing it.
-[[nodiscard]] void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool overwrite);
+// `within`: the byte of the block the caller reads first, a hint for the
+// page cache (its line is fetched while the cache checks its frame).
+[[nodiscard]] void *MemoryMappingRawBlockGet(MemoryMapping *mapping, uint32_t rawId, bool overwrite,
+                                             uint32_t within = 0);
 void MemoryMappingRawBlockFilled(MemoryMapping *mapping, void *address);
 void MemoryMappingRawBlockRelease(MemoryMapping *mapping, void *address, int dirty, int keep, int keepLong);
 [[nodiscard]] bool MemoryMappingRawBlockPrefetch(MemoryMapping *mapping, uint32_t rawId);

@@ -297,8 +297,8 @@ uint32_t LocalBlockServer0RawIdWrite(LocalBlockServer0 *server, uint32_t blockId
   return fresh;
 }
 
-void *LocalBlockServer0RawBlockGet(LocalBlockServer0 *server, uint32_t rawId) {
-  return MemoryMappingRawBlockGet(&server->mapping, rawId, false);
+void *LocalBlockServer0RawBlockGet(LocalBlockServer0 *server, uint32_t rawId, uint32_t within) {
+  return MemoryMappingRawBlockGet(&server->mapping, rawId, false, within);
 }
 
 void LocalBlockServer0RawBlockRelease(LocalBlockServer0 *server, void *address, int dirty, int keep, int keepLong) {
