@@ -49,16 +49,22 @@ bool LookInLeaf(const Request &r, Walk *walk, const uint8_t *bytes, uint32_t len
 }
 
 // Walks down from the root; a slot leaf is looked into while its slot is
-// held, a leaf of the array is left to FindInArrayLeaf.
+// held, a leaf of the array is left to FindInArrayLeaf. In the committed
+// generation the walk starts from the thread's copy of the root slot.
 bool WalkHead(const Request &r, Walk *walk) {
   const std::vector<uint8_t> &key = r.td->key;
   r.td->path.clear();
-  if (!HeadIndexRootAndNext(r.tree, r.genID, &walk->ref, &walk->nextLeaf)) return false;
+  const uint8_t *rootSlot = nullptr;
+  const bool started = r.genID == OLDGEN
+                           ? CommittedTopGet(r.tree, &r.td->top, &walk->ref, &walk->nextLeaf, &rootSlot)
+                           : HeadIndexRootAndNext(r.tree, r.genID, &walk->ref, &walk->nextLeaf);
+  if (!started) return false;
   if (walk->ref == kNoRef) return true;
   HeadSlot slot(r.tree, r.genID, true);
   while (!IsLeafRef(walk->ref)) {
     HeadView view;
-    if (!slot.Acquire(walk->ref, &view)) return false;
+    if (rootSlot ? !HeadParse(r.tree, walk->ref, rootSlot, &view) : !slot.Acquire(walk->ref, &view)) return false;
+    rootSlot = nullptr;
     if (view.isLeaf) {
       walk->stop = Stop::kLeaf;
       return LookInLeaf(r, walk, view.leaf, view.leafLength);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "vm/arena/arena.h"
 
 namespace qw::pit {
 namespace {
@@ -158,17 +159,20 @@ void PrefetchSlot(const uint8_t *slot, uint32_t slotSize) {
 
 }  // namespace
 
+bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view) {
+  if (!ParseHead(slot, kClassSize[ClassOf(ref)], view)) return Corrupted(tree, "malformed head node", ref);
+  // Branches must rise, or lookups could miss keys and writes duplicate them.
+  if (!view->isLeaf && !StrictlyRising(view->branches, view->count))
+    return Corrupted(tree, "unordered head node", ref);
+  return true;
+}
+
 bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
   Release();
   bytes_ = AcquireSlot(tree_, ref, genID_, read_, &array_);
   if (!bytes_) return false;
-  const uint32_t slotSize = kClassSize[ClassOf(ref)];
-  PrefetchSlot(bytes_, slotSize);
-  if (!ParseHead(bytes_, slotSize, view)) return Corrupted(tree_, "malformed head node", ref);
-  // Branches must rise, or lookups could miss keys and writes duplicate them.
-  if (!view->isLeaf && !StrictlyRising(view->branches, view->count))
-    return Corrupted(tree_, "unordered head node", ref);
-  return true;
+  PrefetchSlot(bytes_, kClassSize[ClassOf(ref)]);
+  return HeadParse(tree_, ref, bytes_, view);
 }
 
 void HeadSlot::Release() {
@@ -206,6 +210,32 @@ bool HeadIndexRootAndNext(const PITree *tree, uint32_t genID, uint32_t *root, ui
   }
   VMAArrayRelease_(tree->arena, id, const_cast<uint8_t *>(p), 1);
   return inRange || Corrupted(tree, "the head index has a wrong length", end);
+}
+
+bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint32_t *nextLeaf,
+                     const uint8_t **rootSlot) {
+  const uint64_t epoch = qw::vm::ShapeEpoch(tree->arena);
+  uint32_t ids[1 + kClassCount] = {tree->headIndex.id[OLDGEN]};
+  for (uint32_t c = 0; c < kClassCount; ++c) ids[1 + c] = tree->node[c].id[OLDGEN];
+  if (top->tree != tree->serial || top->epoch != epoch || !std::equal(ids, std::end(ids), top->ids)) {
+    top->tree = 0;  // kept only once whole
+    if (!HeadIndexRootAndNext(tree, OLDGEN, &top->root, &top->nextLeaf)) return false;
+    top->rootSlot.clear();
+    if (top->root != kNoRef && !IsLeafRef(top->root)) {
+      uint32_t array = 0;
+      const uint8_t *bytes = AcquireSlot(tree, top->root, OLDGEN, true, &array);
+      if (!bytes) return false;
+      top->rootSlot.assign(bytes, bytes + kClassSize[ClassOf(top->root)]);
+      VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
+    }
+    top->epoch = epoch;
+    std::copy(ids, std::end(ids), top->ids);
+    top->tree = tree->serial;
+  }
+  *root = top->root;
+  *nextLeaf = top->nextLeaf;
+  *rootSlot = top->rootSlot.empty() ? nullptr : top->rootSlot.data();
+  return true;
 }
 
 bool HeadIndexEnsure(const PITree *tree) {

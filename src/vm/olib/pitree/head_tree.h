@@ -124,6 +124,15 @@ class HeadSlot {
 // The root reference and the next fresh leaf number together, through one
 // access of headIndex (a walk needs both).
 [[nodiscard]] bool HeadIndexRootAndNext(const PITree *tree, uint32_t genID, uint32_t *root, uint32_t *nextLeaf);
+// The committed generation's root reference, next fresh leaf number and root
+// slot (null when the root names no head slot: a leaf of the array, or no
+// atom), from *top when it still holds them for this tree (CommittedTop),
+// else read and kept there. False with an error when they cannot be read.
+[[nodiscard]] bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint32_t *nextLeaf,
+                                   const uint8_t **rootSlot);
+// Parses the slot of `ref` at `slot` (in the arena, or a copy) into *view.
+// False with an error (damaged data: arena tagged) when it does not parse.
+[[nodiscard]] bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view);
 // Makes headIndex whole in NEWGEN (first change of an empty tree).
 [[nodiscard]] bool HeadIndexEnsure(const PITree *tree);
 

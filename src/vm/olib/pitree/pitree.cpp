@@ -1,5 +1,6 @@
 // Lifetime of a symbol-sequence tree: finding or creating its arrays by
 // name, commit, clear, lock registration, the atom count and thread data.
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -78,7 +79,8 @@ QW_API PITree *PITreeNew_(VMArena *arena, uint8_t **pathBuffer, const char *name
   if (!path.ok()) return nullptr;
   const std::string root = path.Text() + name + "/pitree";
   const uint32_t flag = lock ? 1 : 0;
-  TreePtr tree(new PITree{arena, {}, {}, nullptr, {}, scan ? 0u : 1u, {}, {flag, flag}});
+  static std::atomic<uint64_t> lastSerial{0};
+  TreePtr tree(new PITree{arena, {}, {}, nullptr, {}, scan ? 0u : 1u, {}, {flag, flag}, ++lastSerial});
   bool madeAny = false;
   auto OpenArray = [&](const std::string &base, const char *array, VMAArrayHandle *handle) {
     return qw::olib::OpenNamedArray(arena, base, array, scan, lock, handle, &madeAny) ||
@@ -204,7 +206,10 @@ QW_API int PITreeUpdateSize(PITree *tree, int a, int b, int c, uint32_t genID) {
 
 QW_API PITreeThreadData *PITreeThreadDataNew(void) { return new (std::nothrow) PITreeThreadData(); }
 
-QW_API void PITreeThreadDataReInit(PITreeThreadData *threadData) { TrimScratch(threadData); }
+QW_API void PITreeThreadDataReInit(PITreeThreadData *threadData) {
+  TrimScratch(threadData);
+  threadData->top = CommittedTop{};
+}
 
 QW_API void PITreeThreadDataFree(PITreeThreadData *threadData) { delete threadData; }
 

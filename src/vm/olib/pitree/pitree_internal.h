@@ -74,6 +74,21 @@ struct EntryList {
   const uint8_t *Key(const Entry &e) const { return pool.data() + e.offset; }
 };
 
+// What every walk of one tree's committed generation starts with: the head
+// index's root and next leaf numbers and a copy of the root's slot. The
+// committed generation changes only when the arena's shape epoch moves (a
+// commit or a mount swaps the old view, and moves it), or when the tree's
+// own handles are committed (its old-generation array ids change): a thread
+// keeps these while the tree, the epoch and the ids are the ones it saw.
+struct CommittedTop {
+  uint64_t tree = 0;  // the tree's serial; 0: nothing kept
+  uint64_t epoch = 0;
+  uint32_t ids[1 + kClassCount] = {};  // headIndex and node arrays, old generation
+  uint32_t root = kNoRef;
+  uint32_t nextLeaf = 0;
+  std::vector<uint8_t> rootSlot;  // empty unless the root names a head slot
+};
+
 }  // namespace qw::pit
 
 struct PITreeThreadData {
@@ -84,6 +99,7 @@ struct PITreeThreadData {
   std::vector<uint32_t> sizes;    // child sizes while a leaf is encoded
   std::vector<uint8_t> walkKey;   // the key while a leaf is decoded
   std::vector<uint32_t> path;     // head references crossed (with branch positions)
+  qw::pit::CommittedTop top;      // the last committed tree walked (head_tree.h)
 };
 
 struct PITree {
@@ -95,6 +111,7 @@ struct PITree {
   uint32_t hasParams;
   VMAArrayHandle params;
   uint32_t locked[2];
+  uint64_t serial;  // unique in the process, so thread data never mistakes one tree for another
 };
 
 namespace qw::pit {

@@ -318,6 +318,26 @@ uint32_t IndexedNames(VMArena *arena, uint32_t gen) {
   return count;
 }
 
+// One thread data walks the committed tree before, between and after the arena's commit and the tree's, in either
+// order: what it keeps of the committed root between walks must follow both.
+TEST_F(PITreeTest, CommittedWalksFollowTheArenaAndTheTreeCommits) {
+  Open();
+  const Atom alpha = FromText("alpha"), beta = FromText("beta");
+  ASSERT_EQ(Insert(alpha, 7), 7u);
+  EXPECT_EQ(Find(alpha, OLDGEN), 0u);
+  ASSERT_TRUE(CommitArena()) << QWErrorMessage();
+  EXPECT_EQ(Find(alpha, OLDGEN), 0u);  // the tree's handles name no committed arrays yet
+  ASSERT_TRUE(PITreeCommit(tree));
+  EXPECT_EQ(Find(alpha, OLDGEN), 7u);
+  ASSERT_EQ(Insert(beta, 8), 8u);
+  ASSERT_EQ(Remove(alpha), 7u);
+  EXPECT_EQ(Find(alpha, OLDGEN), 7u);
+  ASSERT_TRUE(PITreeCommit(tree) && CommitArena()) << QWErrorMessage();
+  EXPECT_EQ(Find(alpha, OLDGEN), 0u);
+  EXPECT_EQ(Find(beta, OLDGEN), 8u);
+  EXPECT_FALSE(QWErrorIsSet()) << QWErrorMessage();
+}
+
 TEST_F(PITreeTest, ManyNamesAreFoundThroughTheTreeInBothGenerations) {
   MustOpenArena();
   const uint32_t own = IndexedNames(arena, NEWGEN), count = 20000;
