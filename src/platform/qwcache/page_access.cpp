@@ -151,12 +151,22 @@ bool PageCache::WriteBackVictim(Shard &shard, std::unique_lock<std::mutex> &lock
 
 // The frame must be attached, not busy, Valid and hold the key, read in that
 // order after the pin (see Pins in page_cache.h).
-bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, uint32_t within, void **page) noexcept {
+bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, uint32_t within, std::atomic<uint32_t> *hint,
+                       void **page) noexcept {
+  if (hint) {
+    const uint32_t guess = hint->load(kRelaxed);
+    if (guess < pageCount_ && PinIfHolds(shard, guess, key, within, page)) return true;
+  }
   const uint32_t index = shard.table.Find(key, hash);
-  if (index == kNoFrame) return false;
+  if (index == kNoFrame || !PinIfHolds(shard, index, key, within, page)) return false;
+  if (hint) hint->store(index, kRelaxed);
+  return true;
+}
+
+bool PageCache::PinIfHolds(Shard &shard, uint32_t index, uint64_t key, uint32_t within, void **page) noexcept {
   // The page's address follows from the frame number alone: its line and the
-  // frame's are fetched together. A hint: a frame that turns out not to hold
-  // the page costs a wasted line, nothing else.
+  // frame's are fetched together. A prefetch: a frame that turns out not to
+  // hold the page costs a wasted line, nothing else.
   __builtin_prefetch(PageAddress(index) + (within < pageSize_ ? within : 0));
   Frame &frame = frames_[index];
   // A cheap look first, so that frames being loaded or freed rarely get a
@@ -175,6 +185,22 @@ bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, uint32_t withi
   return true;
 }
 
+std::atomic<uint32_t> *PageCache::HintOf(uint16_t fileId, uint64_t pageNumber, bool make) noexcept {
+  FileHints *file = fileId < hints_->count ? hints_->files[fileId].load(std::memory_order_acquire) : nullptr;
+  if (!file || pageNumber >= uint64_t{kHintChunks} << kHintChunkShift) return nullptr;
+  std::atomic<HintChunk *> &slot = file->chunks[pageNumber >> kHintChunkShift];
+  HintChunk *chunk = slot.load(std::memory_order_acquire);
+  if (!chunk && make) {
+    auto *fresh = new (std::nothrow) HintChunk();
+    if (fresh && slot.compare_exchange_strong(chunk, fresh, std::memory_order_acq_rel)) {
+      chunk = fresh;
+    } else {
+      delete fresh;  // out of memory (no hint), or another thread installed one (now in chunk)
+    }
+  }
+  return chunk ? &chunk->frame[pageNumber & (kHintChunkPages - 1)] : nullptr;
+}
+
 // A pinned hit: the clock credit and the count.
 void *PageCache::Hit(Shard &shard, uint32_t index) noexcept {
   Frame &frame = frames_[index];
@@ -189,7 +215,8 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
   const uint64_t key = MakeKey(fileId, offset >> pageShift_);
   const uint64_t hash = MixKey(key);
   Shard &shard = ShardOfHash(hash);
-  if (TryHit(shard, key, hash, within, page)) return Found::kValid;
+  std::atomic<uint32_t> *hint = HintOf(fileId, offset >> pageShift_, create);
+  if (TryHit(shard, key, hash, within, hint, page)) return Found::kValid;
   std::unique_lock<std::mutex> lock(shard.mutex);
   uint32_t cleaned = kNoFrame;  // a victim this thread wrote back, reused first
   for (;;) {
@@ -198,6 +225,7 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
       Frame &frame = frames_[index];
       if (frame.state == FrameState::kValid && !frame.ioBusy) {
         frame.pins.fetch_add(1, kRelaxed);
+        if (hint) hint->store(index, kRelaxed);
         *page = Hit(shard, index);
         return Found::kValid;
       }
@@ -230,6 +258,7 @@ Found PageCache::Lookup(uint16_t fileId, uint64_t offset, bool create, void **pa
     // A lock-free hit pinned the victim after all: pick again.
     if (frames_[victim].state.load(kRelaxed) == FrameState::kValid && !Evict(shard, victim)) continue;
     TakeFrame(shard, victim, key, hash);
+    if (hint) hint->store(victim, kRelaxed);
     ++shard.counters.misses;
     *page = PageAddress(victim);
     return Found::kClaimed;

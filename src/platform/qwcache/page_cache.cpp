@@ -79,6 +79,7 @@ std::unique_ptr<PageCache> PageCache::Create(uint64_t capacityBytes, uint32_t pa
     }
     cache->maxFiles_ = maxFiles;
     cache->files_ = std::make_unique<std::atomic<QWFILE>[]>(maxFiles);
+    cache->hints_ = std::make_unique<HintTable>(maxFiles);
     for (uint32_t i = 0; i < maxFiles; ++i) cache->files_[i].store(QWFILE_INVALID, std::memory_order_relaxed);
     return cache;
   } catch (const std::bad_alloc &) {

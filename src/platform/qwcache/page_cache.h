@@ -145,6 +145,40 @@ struct SlabDeleter {
   void operator()(std::byte *memory) const noexcept;
 };
 
+// Frame hints: for each registered file, the frame that last held each of its
+// pages, dense by page number. The index's slots for a file's pages are
+// spread over the whole table by the hash; these sit four bytes a page side
+// by side, so a find that touches a few thousand pages keeps its hints in a
+// few hundred cache lines. A hint is a guess that the hit path checks exactly
+// as it checks what a racy probe of the index names (see Pins above), so a
+// stale one costs a probe of the index, nothing else. Chunks are installed
+// on first use and live as long as the cache: a reader never meets a freed
+// one.
+inline constexpr uint32_t kHintChunkShift = 12;
+inline constexpr uint32_t kHintChunkPages = 1u << kHintChunkShift;
+inline constexpr uint32_t kHintChunks = 1024;  // a file's first 4M pages have hints
+struct HintChunk {
+  HintChunk() noexcept {
+    for (auto &hint : frame) hint.store(kNoFrame, std::memory_order_relaxed);
+  }
+  std::atomic<uint32_t> frame[kHintChunkPages];
+};
+struct FileHints {
+  ~FileHints() {
+    for (auto &chunk : chunks) delete chunk.load(std::memory_order_relaxed);
+  }
+  std::atomic<HintChunk *> chunks[kHintChunks] = {};
+};
+// One FileHints per file id, made at the id's first registration.
+struct HintTable {
+  explicit HintTable(uint32_t fileIds) : files(std::make_unique<std::atomic<FileHints *>[]>(fileIds)), count(fileIds) {}
+  ~HintTable() {
+    for (uint32_t id = 0; id < count; ++id) delete files[id].load(std::memory_order_relaxed);
+  }
+  std::unique_ptr<std::atomic<FileHints *>[]> files;
+  uint32_t count;
+};
+
 }  // namespace qw::cache
 
 // The opaque handle of the C interface.
@@ -202,8 +236,17 @@ struct PageCache {
 
   // The hit path without the shard mutex: true with the page pinned in *page,
   // false when the locked path must decide (absent, loading, busy, or a race).
+  // `hint`, when not null, is the page's frame hint: tried first, and set to
+  // the frame the index named when that one held the page.
   [[nodiscard]] bool TryHit(qw::cache::Shard &shard, uint64_t key, uint64_t hash, uint32_t within,
-                            void **page) noexcept;
+                            std::atomic<uint32_t> *hint, void **page) noexcept;
+  // Pins `frame` when it is attached, Valid, not busy and holds `key`, and
+  // counts the hit; otherwise leaves it as it was.
+  [[nodiscard]] bool PinIfHolds(qw::cache::Shard &shard, uint32_t frame, uint64_t key, uint32_t within,
+                                void **page) noexcept;
+  // The frame hint of a page of a registered file, its chunk made when
+  // missing and `make` is set; null when there is none.
+  [[nodiscard]] std::atomic<uint32_t> *HintOf(uint16_t fileId, uint64_t pageNumber, bool make) noexcept;
   // Credits and counts a hit on the pinned frame; its page.
   [[nodiscard]] void *Hit(qw::cache::Shard &shard, uint32_t frame) noexcept;
   // Drops one pin; the last pin of a detached frame frees it.
@@ -248,6 +291,10 @@ struct PageCache {
   // when free). Written under filesMutex_, read lock-free by the miss path.
   std::mutex filesMutex_;
   uint32_t maxFiles_ = 0;
+  // Frame hints per file id, made at its first registration and kept (with
+  // their chunks) until the cache goes: a later file under the same id finds
+  // stale hints, which the hit path's checks turn away.
+  std::unique_ptr<qw::cache::HintTable> hints_;
   uint32_t registeredFiles_ = 0;
   std::unique_ptr<std::atomic<QWFILE>[]> files_;
 };

@@ -41,6 +41,9 @@ uint16_t PageCache::RegisterFile(QWFILE file) noexcept {
     QWErrorThrow(EMFILE, QW_ERROR_CLASS_GENERAL, "PageCacheRegisterFile: too many files registered (%u)", maxFiles_);
     return PAGECACHE_INVALID_FILE;
   }
+  std::atomic<FileHints *> &hints = hints_->files[freeId];
+  if (!hints.load(std::memory_order_relaxed))  // none: the file's lookups go by the index alone
+    hints.store(new (std::nothrow) FileHints(), std::memory_order_release);
   files_[freeId].store(file, std::memory_order_release);
   ++registeredFiles_;
   return static_cast<uint16_t>(freeId);
