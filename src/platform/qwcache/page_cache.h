@@ -37,8 +37,9 @@
 //
 // Pins. A lookup under the shard mutex pins an indexed, Valid, not busy
 // frame; `state` and `key` of a pinned frame then do not change until its
-// last pin goes. The hit path pins without the mutex (TryHit): it probes the
-// index racily, pins the frame it names, then checks that the frame is still
+// last pin goes. The hit path pins without the mutex (TryHit): it takes the
+// frame the page's hint names (FileHints below) or, failing that, probes the
+// index racily, pins the frame, then checks that the frame is still
 // attached, Valid, not busy and holds the key. Until that check passes the pin
 // is a stray one; when it fails the pin is dropped again at once. Stray pins
 // come and go on frames in any state, so nothing asserts an exact pin count,
