@@ -153,12 +153,11 @@ bool PageCache::WriteBackVictim(Shard &shard, std::unique_lock<std::mutex> &lock
 // order after the pin (see Pins in page_cache.h).
 bool PageCache::TryHit(Shard &shard, uint64_t key, uint64_t hash, uint32_t within, std::atomic<uint32_t> *hint,
                        void **page) noexcept {
-  if (hint) {
-    const uint32_t guess = hint->load(kRelaxed);
-    if (guess < pageCount_ && PinIfHolds(shard, guess, key, within, page)) return true;
-  }
+  const uint32_t guess = hint ? hint->load(kRelaxed) : kNoFrame;
+  if (guess < pageCount_ && PinIfHolds(shard, guess, key, within, page)) return true;
   const uint32_t index = shard.table.Find(key, hash);
-  if (index == kNoFrame || !PinIfHolds(shard, index, key, within, page)) return false;
+  // A frame the hint named has been judged already.
+  if (index == kNoFrame || index == guess || !PinIfHolds(shard, index, key, within, page)) return false;
   if (hint) hint->store(index, kRelaxed);
   return true;
 }

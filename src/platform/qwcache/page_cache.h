@@ -299,4 +299,3 @@ struct PageCache {
   uint32_t registeredFiles_ = 0;
   std::unique_ptr<std::atomic<QWFILE>[]> files_;
 };
-
