@@ -50,21 +50,22 @@ bool LookInLeaf(const Request &r, Walk *walk, const uint8_t *bytes, uint32_t len
 
 // Walks down from the root; a slot leaf is looked into while its slot is
 // held, a leaf of the array is left to FindInArrayLeaf. In the committed
-// generation the walk starts from the thread's copy of the root slot.
+// generation the walk reads the root and its child from the thread's copies.
 bool WalkHead(const Request &r, Walk *walk) {
   const std::vector<uint8_t> &key = r.td->key;
   r.td->path.clear();
-  const uint8_t *rootSlot = nullptr;
+  const uint8_t *copy = nullptr;  // the thread's copy of the next slot, or null: read it in the arena
   const bool started = r.genID == OLDGEN
-                           ? CommittedTopGet(r.tree, &r.td->top, &walk->ref, &walk->nextLeaf, &rootSlot)
+                           ? CommittedTopGet(r.tree, &r.td->top, &walk->ref, &walk->nextLeaf, &copy)
                            : HeadIndexRootAndNext(r.tree, r.genID, &walk->ref, &walk->nextLeaf);
   if (!started) return false;
   if (walk->ref == kNoRef) return true;
   HeadSlot slot(r.tree, r.genID, true);
+  bool atCopiedRoot = copy != nullptr;
   while (!IsLeafRef(walk->ref)) {
     HeadView view;
-    if (rootSlot ? !HeadParse(r.tree, walk->ref, rootSlot, &view) : !slot.Acquire(walk->ref, &view)) return false;
-    rootSlot = nullptr;
+    if (copy ? !HeadParse(r.tree, walk->ref, copy, &view) : !slot.Acquire(walk->ref, &view)) return false;
+    copy = nullptr;
     if (view.isLeaf) {
       walk->stop = Stop::kLeaf;
       return LookInLeaf(r, walk, view.leaf, view.leafLength);
@@ -94,6 +95,8 @@ bool WalkHead(const Request &r, Walk *walk) {
     r.td->path.push_back(i);
     walk->ref = view.Ref(i);
     walk->pos = at + 1;
+    if (atCopiedRoot && !CommittedChildGet(r.tree, &r.td->top, i, walk->ref, &copy)) return false;
+    atCopiedRoot = false;
   }
   walk->stop = Stop::kLeaf;
   return true;

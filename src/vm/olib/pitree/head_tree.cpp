@@ -221,6 +221,8 @@ bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint
     top->tree = 0;  // kept only once whole
     if (!HeadIndexRootAndNext(tree, OLDGEN, &top->root, &top->nextLeaf)) return false;
     top->rootSlot.clear();
+    top->childAt.clear();
+    top->children.clear();
     if (top->root != kNoRef && !IsLeafRef(top->root)) {
       uint32_t array = 0;
       const uint8_t *bytes = AcquireSlot(tree, top->root, OLDGEN, true, &array);
@@ -235,6 +237,22 @@ bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint
   *root = top->root;
   *nextLeaf = top->nextLeaf;
   *rootSlot = top->rootSlot.empty() ? nullptr : top->rootSlot.data();
+  return true;
+}
+
+bool CommittedChildGet(const PITree *tree, CommittedTop *top, uint32_t branch, uint32_t ref, const uint8_t **copy) {
+  *copy = nullptr;
+  if (IsLeafRef(ref) || ClassOf(ref) >= kClassCount || kClassSize[ClassOf(ref)] > kMostCopiedChild) return true;
+  if (top->childAt.size() <= branch) top->childAt.resize(branch + 1, CommittedTop::kNotCopied);
+  if (top->childAt[branch] == CommittedTop::kNotCopied) {
+    uint32_t array = 0;
+    const uint8_t *bytes = AcquireSlot(tree, ref, OLDGEN, true, &array);
+    if (!bytes) return false;
+    top->childAt[branch] = uint32_t(top->children.size());
+    top->children.insert(top->children.end(), bytes, bytes + kClassSize[ClassOf(ref)]);
+    VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
+  }
+  *copy = top->children.data() + top->childAt[branch];
   return true;
 }
 

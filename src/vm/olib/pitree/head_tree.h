@@ -130,6 +130,13 @@ class HeadSlot {
 // else read and kept there. False with an error when they cannot be read.
 [[nodiscard]] bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint32_t *nextLeaf,
                                    const uint8_t **rootSlot);
+// The copy in *top of the slot `ref` that the committed root's branch
+// `branch` names (a head node or a slot leaf), made now when missing; null
+// when that slot is not copied (a leaf of the array, or a slot larger than
+// kMostCopiedChild). Call only right after CommittedTopGet with the same
+// *top. False with an error when the slot cannot be read.
+[[nodiscard]] bool CommittedChildGet(const PITree *tree, CommittedTop *top, uint32_t branch, uint32_t ref,
+                                     const uint8_t **copy);
 // Parses the slot of `ref` at `slot` (in the arena, or a copy) into *view.
 // False with an error (damaged data: arena tagged) when it does not parse.
 [[nodiscard]] bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view);

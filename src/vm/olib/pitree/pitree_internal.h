@@ -75,18 +75,29 @@ struct EntryList {
 };
 
 // What every walk of one tree's committed generation starts with: the head
-// index's root and next leaf numbers and a copy of the root's slot. The
-// committed generation changes only when the arena's shape epoch moves (a
-// commit or a mount swaps the old view, and moves it), or when the tree's
-// own handles are committed (its old-generation array ids change): a thread
-// keeps these while the tree, the epoch and the ids are the ones it saw.
+// index's root and next leaf numbers, a copy of the root's slot and copies
+// of the slots its branches name. The committed generation changes only
+// when the arena's shape epoch moves (a commit or a mount swaps the old
+// view, and moves it), or when the tree's own handles are committed (its
+// old-generation array ids change): a thread keeps these while the tree, the
+// epoch and the ids are the ones it saw.
+//
+// Every find crosses the root and one of its children, so those two steps
+// read the thread's copies instead of the arena: no block access, no page
+// pinned. A child is copied on first use, and only from slots of up to
+// kMostCopiedChild bytes, so the copies stay under 256 such slots (128 KiB)
+// per thread data; a child in a larger slot is read through the arena.
+inline constexpr uint32_t kMostCopiedChild = kClassSize[2];
 struct CommittedTop {
+  static constexpr uint32_t kNotCopied = 0xFFFFFFFFu;
   uint64_t tree = 0;  // the tree's serial; 0: nothing kept
   uint64_t epoch = 0;
   uint32_t ids[1 + kClassCount] = {};  // headIndex and node arrays, old generation
   uint32_t root = kNoRef;
   uint32_t nextLeaf = 0;
-  std::vector<uint8_t> rootSlot;  // empty unless the root names a head slot
+  std::vector<uint8_t> rootSlot;     // empty unless the root names a head slot
+  std::vector<uint32_t> childAt;     // by the root's branch position: offset in children, or kNotCopied
+  std::vector<uint8_t> children;     // the copied children's slots, one after the other
 };
 
 }  // namespace qw::pit
