@@ -64,7 +64,7 @@ bool WalkHead(const Request &r, Walk *walk) {
   bool atCopiedRoot = copy != nullptr;
   while (!IsLeafRef(walk->ref)) {
     HeadView view;
-    if (copy ? !HeadParse(r.tree, walk->ref, copy, &view) : !slot.Acquire(walk->ref, &view)) return false;
+    if (copy ? !HeadParseCopy(r.tree, walk->ref, copy, &view) : !slot.Acquire(walk->ref, &view)) return false;
     copy = nullptr;
     if (view.isLeaf) {
       walk->stop = Stop::kLeaf;

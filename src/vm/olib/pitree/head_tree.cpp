@@ -130,23 +130,31 @@ void HeadNode::InsertBranch(uint8_t b, uint32_t ref) {
 
 namespace {
 
-// True when bytes[0 .. count) rise strictly. It runs at every step of every
-// walk over up to 256 branch bytes, so it compares 16 neighbours at a time.
-bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
+// True when some byte of bytes[at + 1 .. at + 17) is not above the one
+// before it: sixteen neighbours compared at once.
+bool FallsWithin16(const uint8_t *bytes, uint32_t at) {
   using Bytes16 = uint8_t __attribute__((vector_size(16)));
-  uint32_t i = 0;
-  for (; i + 17 <= count; i += 16) {
-    Bytes16 here, next;
-    std::memcpy(&here, bytes + i, 16);
-    std::memcpy(&next, bytes + i + 1, 16);
-    const auto falls = next <= here;  // all ones where a byte does not rise
-    uint64_t halves[2];
-    std::memcpy(halves, &falls, 16);
-    if ((halves[0] | halves[1]) != 0) return false;
+  Bytes16 here, next;
+  std::memcpy(&here, bytes + at, 16);
+  std::memcpy(&next, bytes + at + 1, 16);
+  const auto falls = next <= here;  // all ones where a byte does not rise
+  uint64_t halves[2];
+  std::memcpy(halves, &falls, 16);
+  return (halves[0] | halves[1]) != 0;
+}
+
+// True when bytes[0 .. count) rise strictly. It runs at every step of every
+// walk through the arena over up to 256 branch bytes, so it compares 16
+// neighbours at a time, the last group overlapping the one before it.
+bool StrictlyRising(const uint8_t *bytes, uint32_t count) {
+  if (count < 17) {
+    for (uint32_t i = 1; i < count; ++i)
+      if (bytes[i] <= bytes[i - 1]) return false;
+    return true;
   }
-  for (++i; i < count; ++i)
-    if (bytes[i] <= bytes[i - 1]) return false;
-  return true;
+  for (uint32_t at = 0; at + 17 <= count; at += 16)
+    if (FallsWithin16(bytes, at)) return false;
+  return !FallsWithin16(bytes, count - 17);
 }
 
 // A step reads the node's header, then its branch bytes, then one reference:
@@ -165,6 +173,10 @@ bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *
   if (!view->isLeaf && !StrictlyRising(view->branches, view->count))
     return Corrupted(tree, "unordered head node", ref);
   return true;
+}
+
+bool HeadParseCopy(const PITree *tree, uint32_t ref, const uint8_t *copy, HeadView *view) {
+  return ParseHead(copy, kClassSize[ClassOf(ref)], view) || Corrupted(tree, "malformed head node", ref);
 }
 
 bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {
@@ -227,8 +239,11 @@ bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint
       uint32_t array = 0;
       const uint8_t *bytes = AcquireSlot(tree, top->root, OLDGEN, true, &array);
       if (!bytes) return false;
-      top->rootSlot.assign(bytes, bytes + kClassSize[ClassOf(top->root)]);
+      HeadView view;
+      const bool parsed = HeadParse(tree, top->root, bytes, &view);
+      if (parsed) top->rootSlot.assign(bytes, bytes + kClassSize[ClassOf(top->root)]);
       VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
+      if (!parsed) return false;
     }
     top->epoch = epoch;
     std::copy(ids, std::end(ids), top->ids);
@@ -248,9 +263,14 @@ bool CommittedChildGet(const PITree *tree, CommittedTop *top, uint32_t branch, u
     uint32_t array = 0;
     const uint8_t *bytes = AcquireSlot(tree, ref, OLDGEN, true, &array);
     if (!bytes) return false;
-    top->childAt[branch] = uint32_t(top->children.size());
-    top->children.insert(top->children.end(), bytes, bytes + kClassSize[ClassOf(ref)]);
+    HeadView view;
+    const bool parsed = HeadParse(tree, ref, bytes, &view);
+    if (parsed) {
+      top->childAt[branch] = uint32_t(top->children.size());
+      top->children.insert(top->children.end(), bytes, bytes + kClassSize[ClassOf(ref)]);
+    }
     VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
+    if (!parsed) return false;
   }
   *copy = top->children.data() + top->childAt[branch];
   return true;

@@ -127,19 +127,24 @@ class HeadSlot {
 // The committed generation's root reference, next fresh leaf number and root
 // slot (null when the root names no head slot: a leaf of the array, or no
 // atom), from *top when it still holds them for this tree (CommittedTop),
-// else read and kept there. False with an error when they cannot be read.
+// else read, checked (HeadParse) and kept there. False with an error when
+// they cannot be read or do not parse.
 [[nodiscard]] bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint32_t *nextLeaf,
                                    const uint8_t **rootSlot);
 // The copy in *top of the slot `ref` that the committed root's branch
-// `branch` names (a head node or a slot leaf), made now when missing; null
-// when that slot is not copied (a leaf of the array, or a slot larger than
-// kMostCopiedChild). Call only right after CommittedTopGet with the same
-// *top. False with an error when the slot cannot be read.
+// `branch` names (a head node or a slot leaf), read, checked (HeadParse) and
+// kept when missing; null when that slot is not copied (a leaf of the array,
+// or a slot larger than kMostCopiedChild). Call only right after
+// CommittedTopGet with the same *top. False with an error when the slot
+// cannot be read or does not parse.
 [[nodiscard]] bool CommittedChildGet(const PITree *tree, CommittedTop *top, uint32_t branch, uint32_t ref,
                                      const uint8_t **copy);
-// Parses the slot of `ref` at `slot` (in the arena, or a copy) into *view.
+// Parses the slot of `ref` at `slot` into *view.
 // False with an error (damaged data: arena tagged) when it does not parse.
 [[nodiscard]] bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view);
+// HeadParse for a copy kept in CommittedTop: the copy was checked whole by
+// HeadParse when it was made, so the branch order is not checked again.
+[[nodiscard]] bool HeadParseCopy(const PITree *tree, uint32_t ref, const uint8_t *copy, HeadView *view);
 // Makes headIndex whole in NEWGEN (first change of an empty tree).
 [[nodiscard]] bool HeadIndexEnsure(const PITree *tree);
 

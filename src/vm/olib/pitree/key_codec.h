@@ -43,8 +43,16 @@ inline uint8_t *PutSymbol(uint8_t *out, uint32_t s) {
 
 // Every lookup codes its atom, so the bytes go through a local pointer into
 // room made once, not through a push per byte (which stores the vector's end
-// after every byte).
+// after every byte). Atoms of symbols below 0x80 (bytes of ASCII names) are
+// the common case: one pass finds that out, one narrows them.
 inline void EncodeAtom(std::vector<uint8_t> &out, const uint32_t *atom, uint32_t length) {
+  uint32_t any = 0;
+  for (uint32_t i = 0; i < length; ++i) any |= atom[i];
+  if (any < kBase2) {
+    out.resize(length);
+    for (uint32_t i = 0; i < length; ++i) out[i] = uint8_t(atom[i]);
+    return;
+  }
   out.resize(size_t(length) * 5);
   uint8_t *const start = out.data();
   uint8_t *at = start;

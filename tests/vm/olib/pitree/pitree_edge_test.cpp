@@ -263,32 +263,59 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
   }
 }
 
+// The slot that the root head node's branch at `position` names (a head node in a slot of class 0 to 3), writable.
+uint8_t *ChildSlot(VMArena *arena, uint32_t position, uint32_t *array, uint32_t *slotSize) {
+  uint32_t rootArray = 0, rootSize = 0, ref = 0, end = 0;
+  uint8_t *root = RootSlot(arena, &rootArray, &rootSize);
+  if (!root) return nullptr;
+  const uint32_t count = root[2] | uint32_t(root[3]) << 8;
+  std::memcpy(&ref, root + 4 + ((root[0] & 1) ? 8 : 0) + root[1] + count + 4 * position, 4);
+  VMAArrayRelease_(arena, rootArray, root, 0);
+  EXPECT_EQ(ref >> 31, 0u) << "the child is a slot";
+  uint8_t *scratch = nullptr;
+  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
+                                     ("node" + std::to_string(ref >> 28)).c_str(), 0, array));
+  ArrayFree(scratch);
+  *slotSize = 32u << (2 * (ref >> 28));
+  return static_cast<uint8_t *>(
+      VMAArrayRange_(arena, *array, 0, 8192, ref & 0x0FFFFFFF, &end, NEWGEN, 0, *slotSize, 0));
+}
+
 TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
   // A root head node with 40 branches whose bytes rise from 0x6C across 0x7F / 0x80 to 0x93 (symbols from 0x80 on start
-  // with a byte >= 0x80); each case swaps two neighbours: at the start, around 16-byte groups and the sign bit, at the
-  // end.
+  // with a byte >= 0x80); below each branch a node of 100 branches 0 .. 99 (the keys' tails pass a leaf's room). Each
+  // case swaps two neighbours of the root or of its first child: at the start, around 16-byte groups and the sign bit,
+  // at the end. Walks of the committed generation read both nodes from copies the thread keeps: the copies must be
+  // checked as the arena's slots are.
   constexpr uint32_t kBranches = 40;
   auto symbol = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + 256 * (b - 20); };
   auto firstByte = [](uint32_t b) { return b < 20 ? 0x6C + b : 0x80 + (b - 20); };
-  for (uint32_t swapAt : {0u, 14u, 15u, 16u, 19u, 31u, kBranches - 2}) {
-    SCOPED_TRACE(swapAt);
+  auto atom = [&](uint32_t b, uint32_t i) { return Atom{symbol(b), i, 500 + i, 1000, 1001, 1002, 1003}; };
+  const std::vector<std::pair<bool, uint32_t>> cases = {{false, 0},  {false, 14}, {false, 15}, {false, 16},
+                                                        {false, 19}, {false, 31}, {false, 38}, {true, 0},
+                                                        {true, 16},  {true, 83},  {true, 98}};
+  for (const auto &[inChild, swapAt] : cases) {
+    SCOPED_TRACE(testing::Message() << (inChild ? "child " : "root ") << swapAt);
     std::filesystem::remove_all(arenaDir());
     Open();
     for (uint32_t b = 0; b < kBranches; ++b)
-      for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert({symbol(b), i, 500 + i}, 1 + b * 100 + i), 0u);
-    EXPECT_EQ(Find({symbol(kBranches - 1), 99, 599}), kBranches * 100);
-    EXPECT_EQ(Find({symbol(20), 0, 500}), 2001u);
+      for (uint32_t i = 0; i < 100; ++i) ASSERT_NE(Insert(atom(b, i), 1 + b * 100 + i), 0u);
+    EXPECT_EQ(Find(atom(kBranches - 1, 99)), kBranches * 100);
+    EXPECT_EQ(Find(atom(20, 0)), 2001u);
     uint32_t nodes = 0, classSize = 0;
-    uint8_t *node = RootSlot(arena, &nodes, &classSize);
+    uint8_t *node = inChild ? ChildSlot(arena, 0, &nodes, &classSize) : RootSlot(arena, &nodes, &classSize);
     ASSERT_NE(node, nullptr);
-    ASSERT_EQ(node[1], 0u);         // no skip
-    ASSERT_EQ(node[2], kBranches);  // count
+    ASSERT_EQ(node[1], 0u);                          // no skip
+    ASSERT_EQ(node[2], inChild ? 100 : kBranches);  // count
     uint8_t *branches = node + 4 + ((node[0] & 1) ? 8 : 0);
-    ASSERT_EQ(branches[swapAt], firstByte(swapAt));
+    ASSERT_EQ(branches[swapAt], inChild ? swapAt : firstByte(swapAt));
     std::swap(branches[swapAt], branches[swapAt + 1]);
     VMAArrayRelease_(arena, nodes, node, 0);
-    EXPECT_EQ(Find({symbol(0), 0, 500}), 0u);
-    ExpectDataError("unordered head node");
+    ASSERT_TRUE(Commit()) << QWErrorMessage();
+    for (const uint32_t gen : {OLDGEN, NEWGEN}) {
+      EXPECT_EQ(Find(atom(0, 0), gen), 0u);
+      ExpectDataError("unordered head node");
+    }
     CloseAll();
   }
 }
