@@ -224,6 +224,22 @@ bool HeadIndexRootAndNext(const PITree *tree, uint32_t genID, uint32_t *root, ui
   return inRange || Corrupted(tree, "the head index has a wrong length", end);
 }
 
+namespace {
+
+// Appends the committed slot of `ref` to *to once HeadParse accepts it.
+bool AppendCheckedSlot(const PITree *tree, uint32_t ref, std::vector<uint8_t> *to) {
+  uint32_t array = 0;
+  const uint8_t *bytes = AcquireSlot(tree, ref, OLDGEN, true, &array);
+  if (!bytes) return false;
+  HeadView view;
+  const bool parsed = HeadParse(tree, ref, bytes, &view);
+  if (parsed) to->insert(to->end(), bytes, bytes + kClassSize[ClassOf(ref)]);
+  VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
+  return parsed;
+}
+
+}  // namespace
+
 bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint32_t *nextLeaf,
                      const uint8_t **rootSlot) {
   const uint64_t epoch = qw::vm::ShapeEpoch(tree->arena);
@@ -235,16 +251,8 @@ bool CommittedTopGet(const PITree *tree, CommittedTop *top, uint32_t *root, uint
     top->rootSlot.clear();
     top->childAt.clear();
     top->children.clear();
-    if (top->root != kNoRef && !IsLeafRef(top->root)) {
-      uint32_t array = 0;
-      const uint8_t *bytes = AcquireSlot(tree, top->root, OLDGEN, true, &array);
-      if (!bytes) return false;
-      HeadView view;
-      const bool parsed = HeadParse(tree, top->root, bytes, &view);
-      if (parsed) top->rootSlot.assign(bytes, bytes + kClassSize[ClassOf(top->root)]);
-      VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
-      if (!parsed) return false;
-    }
+    if (top->root != kNoRef && !IsLeafRef(top->root) && !AppendCheckedSlot(tree, top->root, &top->rootSlot))
+      return false;
     top->epoch = epoch;
     std::copy(ids, std::end(ids), top->ids);
     top->tree = tree->serial;
@@ -260,17 +268,9 @@ bool CommittedChildGet(const PITree *tree, CommittedTop *top, uint32_t branch, u
   if (IsLeafRef(ref) || ClassOf(ref) >= kClassCount || kClassSize[ClassOf(ref)] > kMostCopiedChild) return true;
   if (top->childAt.size() <= branch) top->childAt.resize(branch + 1, CommittedTop::kNotCopied);
   if (top->childAt[branch] == CommittedTop::kNotCopied) {
-    uint32_t array = 0;
-    const uint8_t *bytes = AcquireSlot(tree, ref, OLDGEN, true, &array);
-    if (!bytes) return false;
-    HeadView view;
-    const bool parsed = HeadParse(tree, ref, bytes, &view);
-    if (parsed) {
-      top->childAt[branch] = uint32_t(top->children.size());
-      top->children.insert(top->children.end(), bytes, bytes + kClassSize[ClassOf(ref)]);
-    }
-    VMAArrayRelease_(tree->arena, array, const_cast<uint8_t *>(bytes), 1);
-    if (!parsed) return false;
+    const uint32_t at = uint32_t(top->children.size());
+    if (!AppendCheckedSlot(tree, ref, &top->children)) return false;
+    top->childAt[branch] = at;
   }
   *copy = top->children.data() + top->childAt[branch];
   return true;
