@@ -167,16 +167,15 @@ void PrefetchSlot(const uint8_t *slot, uint32_t slotSize) {
 
 }  // namespace
 
-bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view) {
-  if (!ParseHead(slot, kClassSize[ClassOf(ref)], view)) return Corrupted(tree, "malformed head node", ref);
-  // Branches must rise, or lookups could miss keys and writes duplicate them.
-  if (!view->isLeaf && !StrictlyRising(view->branches, view->count))
-    return Corrupted(tree, "unordered head node", ref);
-  return true;
-}
-
 bool HeadParseCopy(const PITree *tree, uint32_t ref, const uint8_t *copy, HeadView *view) {
   return ParseHead(copy, kClassSize[ClassOf(ref)], view) || Corrupted(tree, "malformed head node", ref);
+}
+
+bool HeadParse(const PITree *tree, uint32_t ref, const uint8_t *slot, HeadView *view) {
+  if (!HeadParseCopy(tree, ref, slot, view)) return false;
+  // Branches must rise, or lookups could miss keys and writes duplicate them.
+  return view->isLeaf || StrictlyRising(view->branches, view->count) ||
+         Corrupted(tree, "unordered head node", ref);
 }
 
 bool HeadSlot::Acquire(uint32_t ref, HeadView *view) {

@@ -200,24 +200,22 @@ void WalkAll(PITree *tree) {
   PITreeEnumerationFree(e);
 }
 
-// The root's slot, writable (the root must be a slot: a head node or a slot leaf); *slotSize receives its size. Release
-// with ReleaseSlot.
-uint8_t *RootSlot(VMArena *arena, uint32_t *array, uint32_t *slotSize) {
+// The head slot that `ref` names (a head node or a slot leaf) in the new generation, writable; *slotSize receives its
+// size. Release with VMAArrayRelease_.
+uint8_t *SlotOfRef(VMArena *arena, uint32_t ref, uint32_t *array, uint32_t *slotSize) {
+  EXPECT_EQ(ref >> 31, 0u) << "the reference names a slot";
   uint8_t *scratch = nullptr;
-  uint32_t index = 0, root = 0, end = 0;
-  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head", "headIndex", 0, &index));
-  auto *rootRef = static_cast<uint8_t *>(VMAArrayRange_(arena, index, 0, 8192, 0, &end, NEWGEN, 1, 4, 0));
-  if (!rootRef) return nullptr;
-  std::memcpy(&root, rootRef, 4);
-  VMAArrayRelease_(arena, index, rootRef, 1);
-  EXPECT_EQ(root >> 31, 0u) << "the root is a slot";
-  const uint32_t cls = root >> 28;
-  *slotSize = 32u << (2 * cls);
+  uint32_t end = 0;
   EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
-                                     ("node" + std::to_string(cls)).c_str(), 0, array));
+                                     ("node" + std::to_string(ref >> 28)).c_str(), 0, array));
   ArrayFree(scratch);
+  *slotSize = 32u << (2 * (ref >> 28));
   return static_cast<uint8_t *>(
-      VMAArrayRange_(arena, *array, 0, 8192, root & 0x0FFFFFFF, &end, NEWGEN, 0, *slotSize, 0));
+      VMAArrayRange_(arena, *array, 0, 8192, ref & 0x0FFFFFFF, &end, NEWGEN, 0, *slotSize, 0));
+}
+
+uint8_t *RootSlot(VMArena *arena, uint32_t *array, uint32_t *slotSize) {
+  return SlotOfRef(arena, HeadIndexAt(arena, 0), array, slotSize);
 }
 
 TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
@@ -263,22 +261,15 @@ TEST_F(PITreeTest, MalformedLeavesFailWithADataErrorAndTagTheArena) {
   }
 }
 
-// The slot that the root head node's branch at `position` names (a head node in a slot of class 0 to 3), writable.
+// The slot that the root head node's branch at `position` names, writable.
 uint8_t *ChildSlot(VMArena *arena, uint32_t position, uint32_t *array, uint32_t *slotSize) {
-  uint32_t rootArray = 0, rootSize = 0, ref = 0, end = 0;
+  uint32_t rootArray = 0, rootSize = 0, ref = 0;
   uint8_t *root = RootSlot(arena, &rootArray, &rootSize);
   if (!root) return nullptr;
   const uint32_t count = root[2] | uint32_t(root[3]) << 8;
   std::memcpy(&ref, root + 4 + ((root[0] & 1) ? 8 : 0) + root[1] + count + 4 * position, 4);
   VMAArrayRelease_(arena, rootArray, root, 0);
-  EXPECT_EQ(ref >> 31, 0u) << "the child is a slot";
-  uint8_t *scratch = nullptr;
-  EXPECT_TRUE(VMAArrayLookupFromPath(arena, NEWGEN, &scratch, "dict/words/pitree/head",
-                                     ("node" + std::to_string(ref >> 28)).c_str(), 0, array));
-  ArrayFree(scratch);
-  *slotSize = 32u << (2 * (ref >> 28));
-  return static_cast<uint8_t *>(
-      VMAArrayRange_(arena, *array, 0, 8192, ref & 0x0FFFFFFF, &end, NEWGEN, 0, *slotSize, 0));
+  return SlotOfRef(arena, ref, array, slotSize);
 }
 
 TEST_F(PITreeTest, HeadNodeBranchesOutOfOrderFailWithADataError) {
